@@ -1,0 +1,143 @@
+#pragma once
+
+#include <NorvAnalytic/AlertController.h>
+#include <NorvAnalytic/Export.h>
+#include <NorvAnalytic/HttpClient.h>
+#include <NorvAnalytic/Timer.h>
+#include <NorvAnalytic/Types.h>
+#include <NorvAnalytic/ViewController.h>
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace NorvAnalytic {
+
+// The SDK's facade. Call initWithKey once at start-up, then the send… calls from any thread;
+// each call becomes one event posted to the collection server at once.
+class NORVANALYTIC_EXPORT NorvAnalytics {
+public:
+    // The one controller of the process, made on first use.
+    static NorvAnalytics& sharedController();
+
+    // Starts the SDK: stores the key, chooses the secure URL, makes sure a device UUID exists,
+    // switches collection on and update checks off, and starts the one-second resend timer.
+    static NorvAnalytics& initWithKey(const Text& key);
+    // Posts to https:// (true) or http:// (false) on the collection server.
+    static void setSecureUrl(bool secure);
+    // How much the SDK logs about each answer: 0 (least) to 3 (most).
+    static void setLogLevel(std::int32_t logLevel);
+    // Whether the server may raise an update alert.
+    static void checkUpdates(bool checkUpdates);
+
+    // Event calls. None blocks, none reports an error; before initWithKey they do nothing.
+    static void sendUsername(const Text& username);
+    static void sendWarehouse(const Text& warehouse);
+    static void sendError(const Text& error);
+    static void sendDeviceName(const Text& deviceName);
+    static void sendEventWithPlayerId(const Text& playerId);
+    static void sendEventWithPageName(const Text& pageName);
+    static void sendUserLoginEventWithParameters(const Text& parameters, const Text& response);
+    static void sendUserLoginEventWithParameters(const Text& parameters, const Text& response,
+                                                 const Text& username);
+    static void sendUserLoginEventWithParameters(const Text& parameters, const Text& response,
+                                                 const Text& username, const Text& warehouse);
+    static void sendUserCanNotLoginEventWithParameters(const Text& parameters,
+                                                       const Text& response);
+    static void sendUserCanNotLoginEventWithParameters(const Text& parameters,
+                                                       const Text& response, const Text& error);
+    static void sendUserLogoutEvent();
+    static void sendDeviceCustomName(const Text& deviceCustomName);
+    static void sendLocationServiceStatusEventWithValue(std::int64_t value);
+    static void sendBluetoothStatusEventWithValue(std::int64_t value);
+    static void sendExternalAccessoryBatteryIsLowEvent();
+    static void sendExternalAccessoryBatteryStatusWithValue(std::int64_t value);
+    static void sendAppOpenEventWithDeviceName(const Text& deviceName);
+    static void sendAppOpenEvent();
+    static void sendAppOpenEventWithUsername(const Text& username);
+    static void sendAppOpenEventWithUsername(const Text& username, const Text& deviceName);
+    static void sendAppCloseEvent();
+    static void sendDataNotRetrievedEventWithEndpoint(const Text& endpoint, const Text& parameters,
+                                                      const Text& response);
+    static void sendEventWithType(std::int32_t type, float value, const Text& endpoint,
+                                  const Text& parameters, const Text& response);
+
+    // Response timing of the host's own requests: note a start, then report the end.
+    static void sendRequestStartTime(const std::optional<Date>& startTime, const Text& endpoint);
+    static void sendRequestEndTime(const std::optional<Date>& endTime, const Text& endpoint,
+                                   const Text& parameters, const Text& response);
+
+    // Device identity, kept in the keychain.
+    static void setUUID();
+    static std::string getNorvAnalyticUUID();
+    static void saveStoreUserID(const Text& userId);
+
+    // The one submission path every event takes.
+    static void sendEventWithTypeId(const Text& typeId, float value, const Text& endpoint,
+                                    const Text& parameters, const Text& response,
+                                    const Text& pageName, const Text& playerId,
+                                    const Text& username, const Text& warehouse,
+                                    const Text& error, const Text& deviceCustomName,
+                                    const Text& deviceName, bool isSavedEvent);
+    // Appends "key=description" to a form body ("&" first unless the body is empty).
+    static std::string& addObject(const Text& object, const std::string& key, std::string& body);
+    // Handles the collection server's answer to one event. Main queue only.
+    static void handleEventResponse(const EventResponseContext& context,
+                                    std::optional<std::string> data,
+                                    std::optional<HttpResponse> response,
+                                    std::optional<std::string> transportError);
+
+    // Writes "NorvAnalytic Log :\n <message>" to the console.
+    void print(const std::string& message);
+
+    // The event type catalogue.
+    Text setTypeId(std::int32_t index);
+    std::string getTypeName(const Text& typeId);
+
+    // The resend timer's tick, and its connectivity test.
+    void checkEvents();
+    bool hasConnection();
+
+    Text getDeviceModel();
+
+    // The running app's version and the update prompt.
+    std::string currentVersion();
+    bool isNewVersion(const Text& version);
+    std::shared_ptr<ViewController> topViewController();
+    std::shared_ptr<ViewController> topViewController(std::shared_ptr<ViewController> controller);
+    UpdatePromptResult presentUpdatePrompt(const std::optional<VersionEntry>& entry, bool forced);
+    void openUpdateLink(const std::string& downloadLink);
+
+    // Properties. Any thread may read or write them.
+    Text key() const;
+    void setKey(const Text& key);
+    Text urlString() const;
+    void setUrlString(const Text& urlString);
+    bool isEnabled() const;
+    void setIsEnabled(bool isEnabled);
+    bool checkUpdates() const;
+    std::int64_t logLevel() const;
+    std::shared_ptr<Timer> timer() const;
+    void setTimer(std::shared_ptr<Timer> timer);
+    std::shared_ptr<AlertController> alertController() const;
+    void setAlertController(std::shared_ptr<AlertController> alertController);
+
+    NorvAnalytics(const NorvAnalytics&) = delete;
+    NorvAnalytics& operator=(const NorvAnalytics&) = delete;
+
+private:
+    NorvAnalytics() = default;
+
+    mutable std::mutex mutex_;
+    Text key_;
+    Text urlString_;
+    bool isEnabled_ = false;
+    bool checkUpdates_ = false;
+    std::int64_t logLevel_ = 0;
+    std::shared_ptr<Timer> timer_;
+    std::shared_ptr<AlertController> alertController_;
+};
+
+}  // namespace NorvAnalytic

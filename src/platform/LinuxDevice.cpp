@@ -1,0 +1,83 @@
+#include "platform/LinuxDevice.h"
+
+#include <filesystem>
+#include <fstream>
+#include <sys/utsname.h>
+
+namespace NorvAnalytic {
+
+namespace {
+
+std::string readFirstLine(const std::filesystem::path& path) {
+    std::ifstream in(path);
+    std::string line;
+    std::getline(in, line);
+    return line;
+}
+
+std::string osReleaseVersion(const std::string& path) {
+    std::ifstream in(path);
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.rfind("VERSION_ID=", 0) == 0) {
+            std::string value = line.substr(11);
+            if (value.size() >= 2 && (value.front() == '"' || value.front() == '\'') &&
+                value.back() == value.front()) {
+                value = value.substr(1, value.size() - 2);
+            }
+            return value;
+        }
+    }
+    return {};
+}
+
+}  // namespace
+
+LinuxDevice::LinuxDevice(std::string osReleasePath, std::string powerSupplyRoot)
+    : powerSupplyRoot_(std::move(powerSupplyRoot)) {
+    utsname names{};
+    ::uname(&names);
+    machineIdentifier_ = names.machine;
+    // Read once: the system's version does not change under a running process.
+    systemVersion_ = osReleaseVersion(osReleasePath);
+    if (systemVersion_.empty()) {
+        systemVersion_ = names.release;
+    }
+}
+
+std::string LinuxDevice::systemVersion() { return systemVersion_; }
+
+void LinuxDevice::setBatteryMonitoringEnabled(bool enabled) {
+    if (enabled) {
+        monitoring_.fetch_add(1);
+    } else if (monitoring_.fetch_sub(1) <= 0) {
+        monitoring_.fetch_add(1);
+    }
+}
+
+float LinuxDevice::batteryLevel() {
+    if (monitoring_.load() <= 0) {
+        return -1.0F;
+    }
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(powerSupplyRoot_, error)) {
+        if (readFirstLine(entry.path() / "type") != "Battery") {
+            continue;
+        }
+        const std::string capacity = readFirstLine(entry.path() / "capacity");
+        try {
+            std::size_t used = 0;
+            const int percent = std::stoi(capacity, &used);
+            if (used > 0 && percent >= 0 && percent <= 100) {
+                return static_cast<float>(percent) / 100.0F;
+            }
+        } catch (const std::exception&) {
+        }
+        return -1.0F;
+    }
+    return -1.0F;
+}
+
+std::string LinuxDevice::machineIdentifier() { return machineIdentifier_; }
+
+}  // namespace NorvAnalytic

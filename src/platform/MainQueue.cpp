@@ -1,0 +1,272 @@
+#include <NorvAnalytic/MainQueue.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <cstdlib>
+#include <deque>
+#include <future>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "platform/SteadyClock.h"
+
+namespace NorvAnalytic {
+
+namespace {
+
+thread_local bool runningOnMainQueue = false;
+
+}  // namespace
+
+// One SDK-owned thread waits for tasks and for the next timer. Due timers become tasks, so a
+// timer's action and an answer never run at the same time. With a host executor the thread
+// only hands ready tasks over.
+class MainQueue::Impl {
+public:
+    class QueueTimer;
+
+    Impl() : clock_(std::make_shared<SteadyClock>()) {}
+
+    void async(Task task) {
+        {
+            std::lock_guard lock(mutex_);
+            tasks_.push_back(std::move(task));
+            startThreadLocked();
+        }
+        wake_.notify_one();
+    }
+
+    std::shared_ptr<Timer> schedule(std::chrono::duration<double> interval, bool repeats,
+                                    std::function<void()> action);
+
+    void setExecutor(Executor executor) {
+        std::lock_guard lock(mutex_);
+        executor_ = std::move(executor);
+    }
+
+    void setClock(std::shared_ptr<Clock> clock) {
+        {
+            std::lock_guard lock(mutex_);
+            clock_ = clock ? std::move(clock) : std::make_shared<SteadyClock>();
+        }
+        wake_.notify_one();
+    }
+
+    // Turns every due timer into a task, earliest first, before anything queued later.
+    void clockDidAdvance() {
+        {
+            std::lock_guard lock(mutex_);
+            collectDueTimersLocked();
+            startThreadLocked();
+        }
+        wake_.notify_one();
+    }
+
+    void stop() {
+        {
+            std::lock_guard lock(mutex_);
+            stopping_ = true;
+        }
+        wake_.notify_one();
+        if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id()) {
+            thread_.join();
+        }
+    }
+
+private:
+    struct Entry {
+        std::shared_ptr<QueueTimer> timer;
+        Clock::time_point fireDate;
+    };
+
+    void startThreadLocked() {
+        if (!thread_.joinable() && !stopping_) {
+            thread_ = std::thread([this] { run(); });
+        }
+    }
+
+    void collectDueTimersLocked();
+
+    void run() {
+        std::unique_lock lock(mutex_);
+        while (!stopping_) {
+            collectDueTimersLocked();
+            if (!tasks_.empty()) {
+                Task task = std::move(tasks_.front());
+                tasks_.pop_front();
+                Executor executor = executor_;
+                lock.unlock();
+                if (executor) {
+                    executor([task = std::move(task)] {
+                        runningOnMainQueue = true;
+                        task();
+                        runningOnMainQueue = false;
+                    });
+                } else {
+                    runningOnMainQueue = true;
+                    task();
+                    runningOnMainQueue = false;
+                }
+                lock.lock();
+                continue;
+            }
+            auto next = std::min_element(entries_.begin(), entries_.end(),
+                                         [](const Entry& a, const Entry& b) {
+                                             return a.fireDate < b.fireDate;
+                                         });
+            if (next == entries_.end() || clock_->isManual()) {
+                wake_.wait(lock);
+            } else {
+                // The steady clock and the queue's clock agree on durations, not on epochs.
+                auto delay = next->fireDate - clock_->now();
+                wake_.wait_for(lock, delay);
+            }
+        }
+    }
+
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::deque<Task> tasks_;
+    std::vector<Entry> entries_;
+    Executor executor_;
+    std::shared_ptr<Clock> clock_;
+    std::thread thread_;
+    bool stopping_ = false;
+
+    friend class QueueTimer;
+};
+
+class MainQueue::Impl::QueueTimer : public Timer,
+                                    public std::enable_shared_from_this<QueueTimer> {
+public:
+    QueueTimer(Impl& queue, std::chrono::duration<double> interval, bool repeats,
+               std::function<void()> action)
+        : queue_(queue), interval_(interval), repeats_(repeats), action_(std::move(action)) {}
+
+    void invalidate() override {
+        std::lock_guard lock(queue_.mutex_);
+        valid_ = false;
+        std::erase_if(queue_.entries_,
+                      [this](const Entry& entry) { return entry.timer.get() == this; });
+    }
+
+    bool isValid() const override {
+        std::lock_guard lock(queue_.mutex_);
+        return valid_;
+    }
+
+    void fire() {
+        {
+            std::lock_guard lock(queue_.mutex_);
+            if (!valid_) {
+                return;
+            }
+        }
+        action_();
+    }
+
+    Clock::duration interval() const {
+        return std::chrono::duration_cast<Clock::duration>(interval_);
+    }
+    bool repeats() const { return repeats_; }
+    void markFiredLocked() {
+        if (!repeats_) {
+            valid_ = false;
+        }
+    }
+
+private:
+    Impl& queue_;
+    std::chrono::duration<double> interval_;
+    bool repeats_;
+    std::function<void()> action_;
+    bool valid_ = true;
+};
+
+std::shared_ptr<Timer> MainQueue::Impl::schedule(std::chrono::duration<double> interval,
+                                                 bool repeats, std::function<void()> action) {
+    // Like a run-loop timer, an interval of zero or less is taken as the smallest interval.
+    interval = std::max(interval, std::chrono::duration<double>(0.0001));
+    auto timer = std::make_shared<QueueTimer>(*this, interval, repeats, std::move(action));
+    {
+        std::lock_guard lock(mutex_);
+        entries_.push_back(Entry{timer, clock_->now() + timer->interval()});
+        startThreadLocked();
+    }
+    wake_.notify_one();
+    return timer;
+}
+
+void MainQueue::Impl::collectDueTimersLocked() {
+    const auto now = clock_->now();
+    std::vector<Entry> due;
+    for (auto& entry : entries_) {
+        if (entry.fireDate <= now) {
+            due.push_back(entry);
+        }
+    }
+    std::stable_sort(due.begin(), due.end(),
+                     [](const Entry& a, const Entry& b) { return a.fireDate < b.fireDate; });
+    for (auto& fired : due) {
+        auto timer = fired.timer;
+        tasks_.push_back([timer] { timer->fire(); });
+        timer->markFiredLocked();
+    }
+    for (auto it = entries_.begin(); it != entries_.end();) {
+        if (it->fireDate > now) {
+            ++it;
+        } else if (it->timer->repeats()) {
+            // A late timer fires once and keeps its rhythm, as a run-loop timer does.
+            const auto interval = it->timer->interval();
+            while (it->fireDate <= now) {
+                it->fireDate += interval;
+            }
+            ++it;
+        } else {
+            it = entries_.erase(it);
+        }
+    }
+}
+
+MainQueue::MainQueue() : impl_(new Impl) {
+    // Stop the thread before the process tears down what its tasks may use.
+    static_cast<void>(std::atexit([] { MainQueue::main().impl_->stop(); }));
+}
+
+MainQueue& MainQueue::main() {
+    // Never destroyed: work still queued when the host returns from main must find it alive.
+    static MainQueue* queue = new MainQueue;
+    return *queue;
+}
+
+void MainQueue::async(Task task) { impl_->async(std::move(task)); }
+
+void MainQueue::sync(Task task) {
+    if (isCurrent()) {
+        task();
+        return;
+    }
+    std::promise<void> done;
+    auto finished = done.get_future();
+    impl_->async([&task, &done] {
+        task();
+        done.set_value();
+    });
+    finished.wait();
+}
+
+std::shared_ptr<Timer> MainQueue::scheduledTimer(std::chrono::duration<double> interval,
+                                                 bool repeats, std::function<void()> action) {
+    return impl_->schedule(interval, repeats, std::move(action));
+}
+
+bool MainQueue::isCurrent() const { return runningOnMainQueue; }
+
+void MainQueue::setExecutor(Executor executor) { impl_->setExecutor(std::move(executor)); }
+
+void MainQueue::setClock(std::shared_ptr<Clock> clock) { impl_->setClock(std::move(clock)); }
+
+void MainQueue::clockDidAdvance() { impl_->clockDidAdvance(); }
+
+}  // namespace NorvAnalytic

@@ -1,0 +1,69 @@
+#include "support/LocalHttpServer.h"
+
+#include <httplib.h>
+
+namespace NorvAnalytic::Testing {
+
+LocalHttpServer::LocalHttpServer() : server_(std::make_unique<httplib::Server>()) {
+    auto handler = [this](const httplib::Request& request, httplib::Response& response) {
+        Responder responder;
+        {
+            std::lock_guard lock(mutex_);
+            bodies_.push_back(request.body);
+            paths_.push_back(request.path);
+            responder = responder_;
+        }
+        changed_.notify_all();
+        const Answer answer = responder ? responder(request.path, request.body) : Answer{};
+        if (answer.delay.count() > 0) {
+            std::this_thread::sleep_for(answer.delay);
+        }
+        response.status = answer.status;
+        response.set_content(answer.body, answer.contentType.c_str());
+    };
+    server_->Post(".*", handler);
+    port_ = server_->bind_to_any_port("127.0.0.1");
+    thread_ = std::thread([this] { server_->listen_after_bind(); });
+}
+
+LocalHttpServer::~LocalHttpServer() {
+    server_->stop();
+    thread_.join();
+}
+
+std::string LocalHttpServer::url() const {
+    return "http://127.0.0.1:" + std::to_string(port_) + "/api/v3/saveEvent";
+}
+
+void LocalHttpServer::setResponder(Responder responder) {
+    std::lock_guard lock(mutex_);
+    responder_ = std::move(responder);
+}
+
+std::vector<std::string> LocalHttpServer::bodies() const {
+    std::lock_guard lock(mutex_);
+    return bodies_;
+}
+
+std::vector<std::string> LocalHttpServer::paths() const {
+    std::lock_guard lock(mutex_);
+    return paths_;
+}
+
+std::size_t LocalHttpServer::count() const {
+    std::lock_guard lock(mutex_);
+    return bodies_.size();
+}
+
+bool LocalHttpServer::waitForCount(std::size_t count, std::chrono::milliseconds timeout) const {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, timeout, [&] { return bodies_.size() >= count; });
+}
+
+void LocalHttpServer::clear() {
+    std::lock_guard lock(mutex_);
+    bodies_.clear();
+    paths_.clear();
+}
+
+}  // namespace NorvAnalytic::Testing

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace httplib {
+class Server;
+}
+
+namespace NorvAnalytic::Testing {
+
+// A real HTTP server on 127.0.0.1 and an ephemeral port, recording every POST body it gets.
+// Answers come from a replaceable responder (default: 200 with a small JSON object).
+class LocalHttpServer {
+public:
+    struct Answer {
+        int status = 200;
+        std::string body = R"({"message":"ok","code":200,"payload":null})";
+        std::string contentType = "application/json";
+        std::chrono::milliseconds delay{0};
+    };
+    using Responder = std::function<Answer(const std::string& path, const std::string& body)>;
+
+    LocalHttpServer();
+    ~LocalHttpServer();
+    LocalHttpServer(const LocalHttpServer&) = delete;
+    LocalHttpServer& operator=(const LocalHttpServer&) = delete;
+
+    int port() const { return port_; }
+    // "http://127.0.0.1:<port>/api/v3/saveEvent"
+    std::string url() const;
+    void setResponder(Responder responder);
+
+    std::vector<std::string> bodies() const;
+    std::vector<std::string> paths() const;
+    std::size_t count() const;
+    bool waitForCount(std::size_t count,
+                      std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+    void clear();
+
+private:
+    std::unique_ptr<httplib::Server> server_;
+    std::thread thread_;
+    int port_ = 0;
+    mutable std::mutex mutex_;
+    mutable std::condition_variable changed_;
+    std::vector<std::string> bodies_;
+    std::vector<std::string> paths_;
+    Responder responder_;
+};
+
+}  // namespace NorvAnalytic::Testing
