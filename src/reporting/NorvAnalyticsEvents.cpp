@@ -1,0 +1,193 @@
+#include <NorvAnalytic/NorvAnalytics.h>
+
+#include "reporting/RequestStartTimes.h"
+
+namespace NorvAnalytic {
+
+namespace {
+
+// Catalogue indices of the events the convenience calls send.
+enum TypeIndex : std::int32_t {
+    ResponseTime = 0,
+    AppOpen = 1,
+    UserLogin = 4,
+    UserLogout = 5,
+    PageOpen = 6,
+    UserCanNotLogin = 8,
+    DataNotRetrieved = 9,
+    BluetoothStatus = 10,
+    LocationServiceStatus = 11,
+    ExternalAccessoryBatteryLow = 13,
+    ExternalAccessoryBatteryStatus = 14,
+    PlayerId = 15,
+    DeviceCustomName = 16,
+};
+
+// Every convenience call is one of these: a type, a value and a few filled slots.
+struct Slots {
+    Text typeId = std::nullopt;
+    float value = 0.0F;
+    Text endpoint = std::nullopt;
+    Text parameters = std::nullopt;
+    Text response = std::nullopt;
+    Text pageName = std::nullopt;
+    Text playerId = std::nullopt;
+    Text username = std::nullopt;
+    Text warehouse = std::nullopt;
+    Text error = std::nullopt;
+    Text deviceCustomName = std::nullopt;
+    Text deviceName = std::nullopt;
+};
+
+void send(const Slots& slots) {
+    NorvAnalytics::sendEventWithTypeId(slots.typeId, slots.value, slots.endpoint,
+                                       slots.parameters, slots.response, slots.pageName,
+                                       slots.playerId, slots.username, slots.warehouse,
+                                       slots.error, slots.deviceCustomName, slots.deviceName,
+                                       false);
+}
+
+Text typeId(TypeIndex index) { return NorvAnalytics::sharedController().setTypeId(index); }
+
+}  // namespace
+
+// The four single-field calls carry no type id: the server files them under the device.
+void NorvAnalytics::sendUsername(const Text& username) { send({.username = username}); }
+
+void NorvAnalytics::sendWarehouse(const Text& warehouse) { send({.warehouse = warehouse}); }
+
+void NorvAnalytics::sendError(const Text& error) { send({.error = error}); }
+
+void NorvAnalytics::sendDeviceName(const Text& deviceName) { send({.deviceName = deviceName}); }
+
+void NorvAnalytics::sendEventWithPlayerId(const Text& playerId) {
+    send({.typeId = typeId(PlayerId), .playerId = playerId});
+}
+
+void NorvAnalytics::sendEventWithPageName(const Text& pageName) {
+    send({.typeId = typeId(PageOpen), .pageName = pageName});
+}
+
+void NorvAnalytics::sendUserLoginEventWithParameters(const Text& parameters,
+                                                     const Text& response) {
+    send({.typeId = typeId(UserLogin), .parameters = parameters, .response = response});
+}
+
+void NorvAnalytics::sendUserLoginEventWithParameters(const Text& parameters,
+                                                     const Text& response,
+                                                     const Text& username) {
+    send({.typeId = typeId(UserLogin),
+          .parameters = parameters,
+          .response = response,
+          .username = username});
+}
+
+void NorvAnalytics::sendUserLoginEventWithParameters(const Text& parameters,
+                                                     const Text& response, const Text& username,
+                                                     const Text& warehouse) {
+    send({.typeId = typeId(UserLogin),
+          .parameters = parameters,
+          .response = response,
+          .username = username,
+          .warehouse = warehouse});
+}
+
+void NorvAnalytics::sendUserCanNotLoginEventWithParameters(const Text& parameters,
+                                                           const Text& response) {
+    send({.typeId = typeId(UserCanNotLogin), .parameters = parameters, .response = response});
+}
+
+void NorvAnalytics::sendUserCanNotLoginEventWithParameters(const Text& parameters,
+                                                           const Text& response,
+                                                           const Text& error) {
+    send({.typeId = typeId(UserCanNotLogin),
+          .parameters = parameters,
+          .response = response,
+          .error = error});
+}
+
+void NorvAnalytics::sendUserLogoutEvent() { send({.typeId = typeId(UserLogout)}); }
+
+void NorvAnalytics::sendDeviceCustomName(const Text& deviceCustomName) {
+    send({.typeId = typeId(DeviceCustomName), .deviceCustomName = deviceCustomName});
+}
+
+void NorvAnalytics::sendLocationServiceStatusEventWithValue(std::int64_t value) {
+    send({.typeId = typeId(LocationServiceStatus), .value = static_cast<float>(value)});
+}
+
+void NorvAnalytics::sendBluetoothStatusEventWithValue(std::int64_t value) {
+    send({.typeId = typeId(BluetoothStatus), .value = static_cast<float>(value)});
+}
+
+void NorvAnalytics::sendExternalAccessoryBatteryIsLowEvent() {
+    send({.typeId = typeId(ExternalAccessoryBatteryLow)});
+}
+
+void NorvAnalytics::sendExternalAccessoryBatteryStatusWithValue(std::int64_t value) {
+    send({.typeId = typeId(ExternalAccessoryBatteryStatus), .value = static_cast<float>(value)});
+}
+
+void NorvAnalytics::sendAppOpenEventWithDeviceName(const Text& deviceName) {
+    send({.typeId = typeId(AppOpen), .value = 1.0F, .deviceName = deviceName});
+}
+
+void NorvAnalytics::sendAppOpenEvent() { send({.typeId = typeId(AppOpen), .value = 1.0F}); }
+
+void NorvAnalytics::sendAppOpenEventWithUsername(const Text& username) {
+    send({.typeId = typeId(AppOpen), .value = 1.0F, .username = username});
+}
+
+void NorvAnalytics::sendAppOpenEventWithUsername(const Text& username, const Text& deviceName) {
+    send({.typeId = typeId(AppOpen), .value = 1.0F, .username = username,
+          .deviceName = deviceName});
+}
+
+// App close is reported under the app-open type; the server tells them apart by the value 0.
+void NorvAnalytics::sendAppCloseEvent() { send({.typeId = typeId(AppOpen), .value = 0.0F}); }
+
+void NorvAnalytics::sendDataNotRetrievedEventWithEndpoint(const Text& endpoint,
+                                                          const Text& parameters,
+                                                          const Text& response) {
+    send({.typeId = typeId(DataNotRetrieved),
+          .endpoint = endpoint,
+          .parameters = parameters,
+          .response = response});
+}
+
+void NorvAnalytics::sendEventWithType(std::int32_t type, float value, const Text& endpoint,
+                                      const Text& parameters, const Text& response) {
+    send({.typeId = sharedController().setTypeId(type),
+          .value = value,
+          .endpoint = endpoint,
+          .parameters = parameters,
+          .response = response});
+}
+
+void NorvAnalytics::sendRequestStartTime(const std::optional<Date>& startTime,
+                                         const Text& endpoint) {
+    if (!startTime || !endpoint) {
+        return;
+    }
+    RequestStartTimes::shared().set(*endpoint, *startTime);
+}
+
+void NorvAnalytics::sendRequestEndTime(const std::optional<Date>& endTime, const Text& endpoint,
+                                       const Text& parameters, const Text& response) {
+    if (!endpoint) {
+        return;
+    }
+    const std::optional<Date> start = RequestStartTimes::shared().take(*endpoint);
+    if (!start) {
+        return;
+    }
+    const double elapsed =
+        endTime ? std::chrono::duration<double>(*endTime - *start).count() : 0.0;
+    send({.typeId = typeId(ResponseTime),
+          .value = static_cast<float>(elapsed),
+          .endpoint = endpoint,
+          .parameters = parameters,
+          .response = response});
+}
+
+}  // namespace NorvAnalytic

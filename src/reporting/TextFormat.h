@@ -1,0 +1,26 @@
+#pragma once
+
+#include <NorvAnalytic/Types.h>
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace NorvAnalytic {
+
+// How values become text on the wire and in the log.
+class TextFormat {
+public:
+    // "%@": the text itself, or "(null)".
+    static std::string describe(const Text& text);
+    // "%f": six decimals.
+    static std::string decimal(double value);
+    // The text with every invalid UTF-8 sequence replaced by U+FFFD.
+    static std::string validUtf8(std::string_view text);
+    // The first `limit` UTF-16 units of valid UTF-8 text; a surrogate pair is never split.
+    static std::string prefixUtf16(std::string_view text, std::size_t limit);
+    // The leading number of a text, as a float: blanks skipped, 0 when there is none.
+    static float leadingFloat(const Text& text);
+};
+
+}  // namespace NorvAnalytic
