@@ -13,7 +13,9 @@ public:
     // The URL for the text, or nothing when the text is not a valid URL (a space, for one).
     static std::optional<URL> URLWithString(const std::string& text);
 
+    // The text exactly as given.
     const std::string& absoluteString() const { return text_; }
+    // The scheme in lower case, as schemes ignore case.
     const std::string& scheme() const { return scheme_; }
 
 private:

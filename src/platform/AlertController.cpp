@@ -1,0 +1,34 @@
+#include <NorvAnalytic/AlertController.h>
+
+#include <NorvAnalytic/MainQueue.h>
+
+namespace NorvAnalytic {
+
+std::shared_ptr<AlertController> AlertController::alertControllerWithTitle(
+    Text title, Text message, AlertControllerStyle style) {
+    return std::make_shared<AlertController>(std::move(title), std::move(message), style);
+}
+
+AlertController::AlertController(Text title, Text message, AlertControllerStyle style)
+    : title_(std::move(title)), message_(std::move(message)), style_(style) {}
+
+void AlertController::addAction(std::shared_ptr<AlertAction> action) {
+    actions_.push_back(std::move(action));
+}
+
+void AlertController::tapActionAtIndex(std::size_t index) {
+    MainQueue::main().sync([this, index] {
+        if (index >= actions_.size()) {
+            return;
+        }
+        // Held here so that a handler replacing the alert cannot free the action it runs in.
+        const std::shared_ptr<AlertAction> action = actions_[index];
+        // Dismissed first, as the platform does: the handler may already show the next alert.
+        setOnScreen(false);
+        if (action->handler()) {
+            action->handler()(*action);
+        }
+    });
+}
+
+}  // namespace NorvAnalytic
