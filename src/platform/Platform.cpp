@@ -3,6 +3,7 @@
 #include <atomic>
 
 #include "platform/ConsoleLog.h"
+#include "platform/HeadlessApplication.h"
 #include "platform/LinuxDevice.h"
 
 namespace NorvAnalytic {
@@ -45,7 +46,9 @@ std::shared_ptr<HttpClient> defaultHttpClient() { return nullptr; }
 std::shared_ptr<Device> defaultDevice() { return std::make_shared<LinuxDevice>(); }
 std::shared_ptr<KeychainBackend> defaultKeychainBackend() { return nullptr; }
 std::shared_ptr<ReachabilityService> defaultReachabilityService() { return nullptr; }
-std::shared_ptr<Application> defaultApplication() { return nullptr; }
+std::shared_ptr<Application> defaultApplication() {
+    return std::make_shared<HeadlessApplication>();
+}
 
 }  // namespace
 
