@@ -1,0 +1,332 @@
+#include "keychain/FileKeychainBackend.h"
+
+#include <sqlite3.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace NorvAnalytic {
+
+namespace {
+
+// Another process holding the write lock waits this long before a call gives up.
+constexpr int kBusyTimeoutMilliseconds = 5000;
+
+constexpr mode_t kDirectoryMode = 0700;
+constexpr mode_t kFileMode = 0600;
+
+// An item without an access group is kept under the empty group, so the three key columns
+// can form the primary key that makes a duplicate add fail atomically across processes.
+constexpr const char* kSchema =
+    "CREATE TABLE IF NOT EXISTS items ("
+    " account TEXT NOT NULL,"
+    " service TEXT NOT NULL,"
+    " access_group TEXT NOT NULL,"
+    " accessible INTEGER,"
+    " value BLOB NOT NULL,"
+    " PRIMARY KEY (account, service, access_group))";
+
+// A query without an access group matches the item of any group.
+constexpr const char* kSelectSql =
+    "SELECT access_group, accessible, value FROM items"
+    " WHERE account = ?1 AND service = ?2 AND (?3 IS NULL OR access_group = ?3)"
+    " ORDER BY rowid LIMIT 1";
+constexpr const char* kInsertSql =
+    "INSERT INTO items (account, service, access_group, accessible, value)"
+    " VALUES (?1, ?2, ?3, ?4, ?5)";
+constexpr const char* kUpdateSql =
+    "UPDATE items SET value = coalesce(?4, value), accessible = coalesce(?5, accessible)"
+    " WHERE account = ?1 AND service = ?2 AND (?3 IS NULL OR access_group = ?3)";
+constexpr const char* kDeleteSql =
+    "DELETE FROM items"
+    " WHERE account = ?1 AND service = ?2 AND (?3 IS NULL OR access_group = ?3)";
+
+std::filesystem::path homeDirectory() {
+    if (const char* home = std::getenv("HOME"); home != nullptr && *home != '\0') {
+        return home;
+    }
+    std::vector<char> buffer(16384);
+    passwd entry{};
+    passwd* found = nullptr;
+    if (::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found) == 0 &&
+        found != nullptr && found->pw_dir != nullptr) {
+        return found->pw_dir;
+    }
+    return "/";
+}
+
+std::filesystem::path dataHome() {
+    // Relative values are invalid for XDG variables and must be ignored.
+    if (const char* xdg = std::getenv("XDG_DATA_HOME"); xdg != nullptr && xdg[0] == '/') {
+        return xdg;
+    }
+    return homeDirectory() / ".local" / "share";
+}
+
+bool makeDirectories(const std::filesystem::path& directory) {
+    std::filesystem::path partial;
+    for (const auto& component : directory) {
+        partial /= component;
+        if (::mkdir(partial.c_str(), kDirectoryMode) != 0 && errno != EEXIST) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Widens nothing: only group and other bits are taken away from an existing path.
+bool tighten(int descriptor, mode_t wanted) {
+    struct stat status {};
+    if (::fstat(descriptor, &status) != 0) {
+        return false;
+    }
+    if ((status.st_mode & 077) == 0) {
+        return true;
+    }
+    return ::fchmod(descriptor, status.st_mode & wanted & 07777) == 0;
+}
+
+bool tightenPath(const std::filesystem::path& path, int flags, mode_t wanted) {
+    const int descriptor = ::open(path.c_str(), flags | O_CLOEXEC | O_NOFOLLOW, kFileMode);
+    if (descriptor < 0) {
+        return false;
+    }
+    const bool tightened = tighten(descriptor, wanted);
+    ::close(descriptor);
+    return tightened;
+}
+
+int accessibleCode(KeychainItemAccessible accessible) {
+    return accessible == KeychainItemAccessible::WhenUnlocked ? 0 : 1;
+}
+
+void bindText(sqlite3_stmt* statement, int index, const std::string& text) {
+    sqlite3_bind_text(statement, index, text.data(), static_cast<int>(text.size()),
+                      SQLITE_TRANSIENT);
+}
+
+void bindOptionalText(sqlite3_stmt* statement, int index, const Text& text) {
+    if (text) {
+        bindText(statement, index, *text);
+    } else {
+        sqlite3_bind_null(statement, index);
+    }
+}
+
+void bindBlob(sqlite3_stmt* statement, int index, const Data& data) {
+    // A null pointer would bind SQL NULL, so an empty payload is bound as an empty blob.
+    if (data.empty()) {
+        sqlite3_bind_zeroblob(statement, index, 0);
+    } else {
+        sqlite3_bind_blob(statement, index, data.data(), static_cast<int>(data.size()),
+                          SQLITE_TRANSIENT);
+    }
+}
+
+void bindAccessible(sqlite3_stmt* statement, int index,
+                    const std::optional<KeychainItemAccessible>& accessible) {
+    if (accessible) {
+        sqlite3_bind_int(statement, index, accessibleCode(*accessible));
+    } else {
+        sqlite3_bind_null(statement, index);
+    }
+}
+
+// Binds ?1 to ?3, the item's identity, and leaves the statement to be reset by the caller.
+void bindIdentity(sqlite3_stmt* statement, const KeychainQuery& query) {
+    bindText(statement, 1, query.account);
+    bindText(statement, 2, query.service);
+    bindOptionalText(statement, 3, query.accessGroup);
+}
+
+// Resets a cached statement however its call ends, so it holds no read lock between calls.
+class StatementUse {
+public:
+    explicit StatementUse(sqlite3_stmt* statement) : statement_(statement) {}
+    ~StatementUse() {
+        sqlite3_reset(statement_);
+        sqlite3_clear_bindings(statement_);
+    }
+    StatementUse(const StatementUse&) = delete;
+    StatementUse& operator=(const StatementUse&) = delete;
+
+private:
+    sqlite3_stmt* statement_;
+};
+
+}  // namespace
+
+void FileKeychainBackend::StatementFinalizer::operator()(sqlite3_stmt* statement) const {
+    sqlite3_finalize(statement);
+}
+
+FileKeychainBackend::FileKeychainBackend(std::filesystem::path path) : path_(std::move(path)) {}
+
+FileKeychainBackend::~FileKeychainBackend() { close(); }
+
+std::filesystem::path FileKeychainBackend::defaultPath() {
+    return dataHome() / "NorvAnalytic" / "keychain.sqlite";
+}
+
+bool FileKeychainBackend::prepareFile() const {
+    const std::filesystem::path directory = path_.parent_path();
+    if (!directory.empty() &&
+        (!makeDirectories(directory) ||
+         !tightenPath(directory, O_RDONLY | O_DIRECTORY, kDirectoryMode))) {
+        return false;
+    }
+    // Created here rather than by SQLite so that it never exists with a wider mode; SQLite
+    // gives its journal files the mode of the database file.
+    return tightenPath(path_, O_RDWR | O_CREAT, kFileMode);
+}
+
+bool FileKeychainBackend::openIfNeeded() {
+    if (database_ != nullptr) {
+        return true;
+    }
+    if (!prepareFile()) {
+        return false;
+    }
+    if (sqlite3_open_v2(path_.c_str(), &database_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX,
+                        nullptr) != SQLITE_OK) {
+        close();
+        return false;
+    }
+    sqlite3_busy_timeout(database_, kBusyTimeoutMilliseconds);
+    // WAL lets readers in other processes go on while one writes; a killed writer leaves an
+    // uncommitted tail that the next opener discards.
+    const bool configured =
+        sqlite3_exec(database_, "PRAGMA journal_mode = WAL", nullptr, nullptr, nullptr) ==
+            SQLITE_OK &&
+        sqlite3_exec(database_, "PRAGMA synchronous = FULL", nullptr, nullptr, nullptr) ==
+            SQLITE_OK &&
+        sqlite3_exec(database_, kSchema, nullptr, nullptr, nullptr) == SQLITE_OK;
+    if (!configured) {
+        close();
+        return false;
+    }
+    const auto prepare = [this](const char* sql, Statement& statement) {
+        sqlite3_stmt* prepared = nullptr;
+        const int status =
+            sqlite3_prepare_v3(database_, sql, -1, SQLITE_PREPARE_PERSISTENT, &prepared, nullptr);
+        statement.reset(prepared);
+        return status == SQLITE_OK;
+    };
+    if (!prepare(kSelectSql, select_) || !prepare(kInsertSql, insert_) ||
+        !prepare(kUpdateSql, update_) || !prepare(kDeleteSql, delete_)) {
+        close();
+        return false;
+    }
+    return true;
+}
+
+void FileKeychainBackend::close() {
+    select_.reset();
+    insert_.reset();
+    update_.reset();
+    delete_.reset();
+    if (database_ != nullptr) {
+        sqlite3_close(database_);
+        database_ = nullptr;
+    }
+}
+
+OSStatus FileKeychainBackend::copyMatching(const KeychainQuery& query,
+                                           KeychainItemAttributes* result) {
+    std::lock_guard lock(mutex_);
+    if (!openIfNeeded()) {
+        return errSecInteractionNotAllowed;
+    }
+    sqlite3_stmt* statement = select_.get();
+    const StatementUse use(statement);
+    bindIdentity(statement, query);
+    const int step = sqlite3_step(statement);
+    if (step == SQLITE_DONE) {
+        return errSecItemNotFound;
+    }
+    if (step != SQLITE_ROW) {
+        return errSecInteractionNotAllowed;
+    }
+    if (result != nullptr) {
+        result->account = query.account;
+        result->service = query.service;
+        const auto* group = reinterpret_cast<const char*>(sqlite3_column_text(statement, 0));
+        const int groupSize = sqlite3_column_bytes(statement, 0);
+        result->accessGroup =
+            groupSize > 0 ? Text(std::string(group, static_cast<std::size_t>(groupSize)))
+                          : std::nullopt;
+        result->accessible = std::nullopt;
+        if (sqlite3_column_type(statement, 1) != SQLITE_NULL) {
+            result->accessible = sqlite3_column_int(statement, 1) == 0
+                                     ? KeychainItemAccessible::WhenUnlocked
+                                     : KeychainItemAccessible::AfterFirstUnlock;
+        }
+        const auto* value = static_cast<const std::uint8_t*>(sqlite3_column_blob(statement, 2));
+        const int valueSize = sqlite3_column_bytes(statement, 2);
+        result->valueData.assign(value, value + valueSize);
+    }
+    return errSecSuccess;
+}
+
+OSStatus FileKeychainBackend::add(const KeychainQuery& attributes) {
+    std::lock_guard lock(mutex_);
+    if (!openIfNeeded()) {
+        return errSecInteractionNotAllowed;
+    }
+    sqlite3_stmt* statement = insert_.get();
+    const StatementUse use(statement);
+    bindText(statement, 1, attributes.account);
+    bindText(statement, 2, attributes.service);
+    bindText(statement, 3, attributes.accessGroup.value_or(""));
+    bindAccessible(statement, 4, attributes.accessible);
+    bindBlob(statement, 5, attributes.valueData.value_or(Data{}));
+    const int step = sqlite3_step(statement);
+    if (step == SQLITE_DONE) {
+        return errSecSuccess;
+    }
+    if (sqlite3_extended_errcode(database_) == SQLITE_CONSTRAINT_PRIMARYKEY) {
+        return errSecDuplicateItem;
+    }
+    return errSecInteractionNotAllowed;
+}
+
+OSStatus FileKeychainBackend::update(const KeychainQuery& query, const KeychainQuery& changes) {
+    std::lock_guard lock(mutex_);
+    if (!openIfNeeded()) {
+        return errSecInteractionNotAllowed;
+    }
+    sqlite3_stmt* statement = update_.get();
+    const StatementUse use(statement);
+    bindIdentity(statement, query);
+    if (changes.valueData) {
+        bindBlob(statement, 4, *changes.valueData);
+    } else {
+        sqlite3_bind_null(statement, 4);
+    }
+    bindAccessible(statement, 5, changes.accessible);
+    if (sqlite3_step(statement) != SQLITE_DONE) {
+        return errSecInteractionNotAllowed;
+    }
+    return sqlite3_changes(database_) > 0 ? errSecSuccess : errSecItemNotFound;
+}
+
+OSStatus FileKeychainBackend::remove(const KeychainQuery& query) {
+    std::lock_guard lock(mutex_);
+    if (!openIfNeeded()) {
+        return errSecInteractionNotAllowed;
+    }
+    sqlite3_stmt* statement = delete_.get();
+    const StatementUse use(statement);
+    bindIdentity(statement, query);
+    if (sqlite3_step(statement) != SQLITE_DONE) {
+        return errSecInteractionNotAllowed;
+    }
+    return sqlite3_changes(database_) > 0 ? errSecSuccess : errSecItemNotFound;
+}
+
+}  // namespace NorvAnalytic

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <NorvAnalytic/KeychainBackend.h>
+
+#include <memory>
+#include <string>
+
+namespace NorvAnalytic {
+
+// A keychain in the desktop's Secret Service (gnome-keyring, KWallet): each item is a secret
+// whose schema attributes are its account, service, access group and accessibility. It never
+// asks for an unlock prompt: a locked or missing collection answers errSecInteractionNotAllowed.
+class SecretServiceKeychainBackend final : public KeychainBackend {
+public:
+    static constexpr const char* kDefaultSchemaName = "com.norvanalytic.GenericPassword";
+
+    // Items of different schema names never see each other.
+    explicit SecretServiceKeychainBackend(const std::string& schemaName = kDefaultSchemaName);
+    ~SecretServiceKeychainBackend() override;
+    SecretServiceKeychainBackend(const SecretServiceKeychainBackend&) = delete;
+    SecretServiceKeychainBackend& operator=(const SecretServiceKeychainBackend&) = delete;
+
+    OSStatus copyMatching(const KeychainQuery& query, KeychainItemAttributes* result) override;
+    // Adds to the default collection. A duplicate is refused within this process; two
+    // processes adding the same item at one instant may both succeed.
+    OSStatus add(const KeychainQuery& attributes) override;
+    // Applies the changes' valueData and accessible to every matching item.
+    OSStatus update(const KeychainQuery& query, const KeychainQuery& changes) override;
+    OSStatus remove(const KeychainQuery& query) override;
+
+private:
+    // The libsecret objects, kept out of this header so a host never sees glib types.
+    struct Session;
+    std::unique_ptr<Session> session_;
+};
+
+}  // namespace NorvAnalytic
