@@ -94,8 +94,7 @@ std::optional<pid_t> spawnProgram(const std::string& program,
 }
 
 // Reads what the child writes until it closes its end or the deadline passes.
-bool readUntilClosed(int fd, std::chrono::steady_clock::time_point deadline,
-                     std::string& output) {
+bool readUntilClosed(int fd, std::chrono::steady_clock::time_point deadline, std::string& output) {
     char buffer[512];
     while (true) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -140,9 +139,9 @@ bool HeadlessApplication::canOpenURL(const URL& url) {
     }
     FileDescriptor readEnd(pipeFds[0]);
     FileDescriptor writeEnd(pipeFds[1]);
-    const auto pid = spawnProgram(
-        mimeQueryProgram_, {"query", "default", "x-scheme-handler/" + url.scheme()},
-        writeEnd.get());
+    const auto pid =
+        spawnProgram(mimeQueryProgram_, {"query", "default", "x-scheme-handler/" + url.scheme()},
+                     writeEnd.get());
     writeEnd.reset();
     if (!pid) {
         return false;
@@ -155,9 +154,8 @@ bool HeadlessApplication::canOpenURL(const URL& url) {
         ::kill(*pid, SIGKILL);
     }
     const int status = waitForExit(*pid);
-    const bool namesHandler = std::any_of(output.begin(), output.end(), [](unsigned char c) {
-        return std::isspace(c) == 0;
-    });
+    const bool namesHandler = std::any_of(output.begin(), output.end(),
+                                          [](unsigned char c) { return std::isspace(c) == 0; });
     return finished && WIFEXITED(status) && WEXITSTATUS(status) == 0 && namesHandler;
 }
 

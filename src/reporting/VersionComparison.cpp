@@ -21,8 +21,7 @@ std::string_view significantDigits(std::string_view text, std::size_t& position)
 
 }  // namespace
 
-std::strong_ordering VersionComparison::compareNumerically(std::string_view a,
-                                                           std::string_view b) {
+std::strong_ordering VersionComparison::compareNumerically(std::string_view a, std::string_view b) {
     std::size_t i = 0;
     std::size_t j = 0;
     while (i < a.size() && j < b.size()) {
