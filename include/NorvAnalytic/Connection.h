@@ -20,11 +20,16 @@ public:
     // A connection for the address, or nullptr when no target can be made for it.
     static std::shared_ptr<Connection> reachabilityWithAddress(const sockaddr* address);
 
+    // A connection that reads the target's flags from the platform's reachability service.
     explicit Connection(ReachabilityRef reachabilityRef);
 
+    // None, Cellular (reachable, not over Wi-Fi) or WiFi, from the flags as they are now.
     ConnectionStatus currentReachabilityStatus() const;
+    // Whether the target can be reached now; false when its flags cannot be read.
     bool isReachable() const;
+    // Whether the target can be reached now over a link that is not a WWAN one.
     bool isReachableViaWiFi() const;
+    // Whether these flags mean reachable, honouring reachableOnWWAN.
     bool isReachableWithFlags(std::uint32_t flags) const;
 
     bool reachableOnWWAN() const { return reachableOnWWAN_; }
@@ -34,6 +39,12 @@ public:
     const std::string& reachabilitySerialQueue() const { return reachabilitySerialQueue_; }
 
 private:
+    Connection(ReachabilityRef reachabilityRef, std::shared_ptr<ReachabilityService> service);
+
+    bool readFlags(std::uint32_t* flags) const;
+
+    // The service that made the target: targets belong to it and are meaningless to another.
+    std::shared_ptr<ReachabilityService> service_;
     bool reachableOnWWAN_ = true;
     ReachabilityRef reachabilityRef_;
     std::string reachabilitySerialQueue_;
