@@ -85,8 +85,9 @@ bool anyLocked(GList* items) {
 }  // namespace
 
 struct SecretServiceKeychainBackend::Session {
-    explicit Session(const std::string& schemaName)
-        : schema(secret_schema_new(schemaName.c_str(), SECRET_SCHEMA_NONE, kAccountAttribute,
+    Session(const std::string& schemaName, std::string alias)
+        : collectionAlias(std::move(alias)),
+          schema(secret_schema_new(schemaName.c_str(), SECRET_SCHEMA_NONE, kAccountAttribute,
                                    SECRET_SCHEMA_ATTRIBUTE_STRING, kServiceAttribute,
                                    SECRET_SCHEMA_ATTRIBUTE_STRING, kAccessGroupAttribute,
                                    SECRET_SCHEMA_ATTRIBUTE_STRING, kAccessibleAttribute,
@@ -134,13 +135,15 @@ struct SecretServiceKeychainBackend::Session {
         return anyLocked(items.get()) ? errSecInteractionNotAllowed : errSecSuccess;
     }
 
+    std::string collectionAlias;
     SecretSchema* schema;
     std::mutex mutex;
     SecretService* service = nullptr;
 };
 
-SecretServiceKeychainBackend::SecretServiceKeychainBackend(const std::string& schemaName)
-    : session_(std::make_unique<Session>(schemaName)) {}
+SecretServiceKeychainBackend::SecretServiceKeychainBackend(const std::string& schemaName,
+                                                           const std::string& collectionAlias)
+    : session_(std::make_unique<Session>(schemaName, collectionAlias)) {}
 
 SecretServiceKeychainBackend::~SecretServiceKeychainBackend() = default;
 
@@ -193,11 +196,12 @@ OSStatus SecretServiceKeychainBackend::add(const KeychainQuery& attributes) {
 
     GError* error = nullptr;
     const ObjectPtr<SecretCollection> collection(secret_collection_for_alias_sync(
-        session_->service, SECRET_COLLECTION_DEFAULT, SECRET_COLLECTION_NONE, nullptr, &error));
+        session_->service, session_->collectionAlias.c_str(), SECRET_COLLECTION_NONE, nullptr,
+        &error));
     if (error != nullptr) {
         return failed(error);
     }
-    // Creating a missing default collection or unlocking a locked one would need a prompt.
+    // Creating a missing collection or unlocking a locked one would need a prompt.
     if (!collection || secret_collection_get_locked(collection.get())) {
         return errSecInteractionNotAllowed;
     }

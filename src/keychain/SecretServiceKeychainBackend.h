@@ -13,15 +13,19 @@ namespace NorvAnalytic {
 class SecretServiceKeychainBackend final : public KeychainBackend {
 public:
     static constexpr const char* kDefaultSchemaName = "com.norvanalytic.GenericPassword";
+    static constexpr const char* kDefaultCollectionAlias = "default";
 
-    // Items of different schema names never see each other.
-    explicit SecretServiceKeychainBackend(const std::string& schemaName = kDefaultSchemaName);
+    // Items of different schema names never see each other. New items go to the collection
+    // behind the alias ("session" is the daemon's in-memory collection); all are searched.
+    explicit SecretServiceKeychainBackend(
+        const std::string& schemaName = kDefaultSchemaName,
+        const std::string& collectionAlias = kDefaultCollectionAlias);
     ~SecretServiceKeychainBackend() override;
     SecretServiceKeychainBackend(const SecretServiceKeychainBackend&) = delete;
     SecretServiceKeychainBackend& operator=(const SecretServiceKeychainBackend&) = delete;
 
     OSStatus copyMatching(const KeychainQuery& query, KeychainItemAttributes* result) override;
-    // Adds to the default collection. A duplicate is refused within this process; two
+    // Adds to the aliased collection. A duplicate is refused within this process; two
     // processes adding the same item at one instant may both succeed.
     OSStatus add(const KeychainQuery& attributes) override;
     // Applies the changes' valueData and accessible to every matching item.

@@ -2,10 +2,10 @@
 
 #include <atomic>
 
+#include "keychain/FileKeychainBackend.h"
 #include "platform/ConsoleLog.h"
 #include "platform/HeadlessApplication.h"
 #include "platform/LinuxDevice.h"
-#include "reachability/NetlinkReachabilityService.h"
 
 namespace NorvAnalytic {
 
@@ -45,10 +45,10 @@ Slot<Service>& slot(std::shared_ptr<Service> (*makeDefault)()) {
 
 std::shared_ptr<HttpClient> defaultHttpClient() { return nullptr; }
 std::shared_ptr<Device> defaultDevice() { return std::make_shared<LinuxDevice>(); }
-std::shared_ptr<KeychainBackend> defaultKeychainBackend() { return nullptr; }
-std::shared_ptr<ReachabilityService> defaultReachabilityService() {
-    return std::make_shared<NetlinkReachabilityService>();
+std::shared_ptr<KeychainBackend> defaultKeychainBackend() {
+    return std::make_shared<FileKeychainBackend>();
 }
+std::shared_ptr<ReachabilityService> defaultReachabilityService() { return nullptr; }
 std::shared_ptr<Application> defaultApplication() {
     return std::make_shared<HeadlessApplication>();
 }
