@@ -6,6 +6,7 @@
 #include "platform/ConsoleLog.h"
 #include "platform/HeadlessApplication.h"
 #include "platform/LinuxDevice.h"
+#include "reachability/NetlinkReachabilityService.h"
 
 namespace NorvAnalytic {
 
@@ -48,7 +49,9 @@ std::shared_ptr<Device> defaultDevice() { return std::make_shared<LinuxDevice>()
 std::shared_ptr<KeychainBackend> defaultKeychainBackend() {
     return std::make_shared<FileKeychainBackend>();
 }
-std::shared_ptr<ReachabilityService> defaultReachabilityService() { return nullptr; }
+std::shared_ptr<ReachabilityService> defaultReachabilityService() {
+    return std::make_shared<NetlinkReachabilityService>();
+}
 std::shared_ptr<Application> defaultApplication() {
     return std::make_shared<HeadlessApplication>();
 }
