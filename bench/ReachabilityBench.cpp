@@ -1,0 +1,42 @@
+#include <NorvAnalytic/Connection.h>
+
+#include <benchmark/benchmark.h>
+
+#include <fstream>
+#include <string>
+
+namespace {
+
+// The process's resident memory in kB, as the kernel reports it.
+double residentKilobytes() {
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.rfind("VmRSS:", 0) == 0) {
+            return std::stod(line.substr(6));
+        }
+    }
+    return 0.0;
+}
+
+// The resend loop's connectivity test, over and over: a new Connection and one status each
+// time. Memory must not grow with the number of queries.
+void BM_InternetConnectionStatus(benchmark::State& state) {
+    // One warm-up query, so the service and its target exist before the first reading.
+    benchmark::DoNotOptimize(
+        NorvAnalytic::Connection::reachabilityForInternetConnection()->currentReachabilityStatus());
+    const double before = residentKilobytes();
+    for (auto _ : state) {
+        auto connection = NorvAnalytic::Connection::reachabilityForInternetConnection();
+        benchmark::DoNotOptimize(connection->currentReachabilityStatus());
+    }
+    const double after = residentKilobytes();
+    state.counters["VmRSS_before_kB"] = before;
+    state.counters["VmRSS_after_kB"] = after;
+    state.counters["VmRSS_growth_kB"] = after - before;
+}
+BENCHMARK(BM_InternetConnectionStatus)->Iterations(1'000'000)->Unit(benchmark::kMicrosecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();
