@@ -219,9 +219,7 @@ void MainQueue::Impl::collectDueTimersLocked() {
         } else if (it->timer->repeats()) {
             // A late timer fires once and keeps its rhythm, as a run-loop timer does.
             const auto interval = it->timer->interval();
-            while (it->fireDate <= now) {
-                it->fireDate += interval;
-            }
+            it->fireDate += interval * ((now - it->fireDate) / interval + 1);
             ++it;
         } else {
             it = entries_.erase(it);

@@ -5,16 +5,24 @@
 namespace NorvAnalytic::Testing {
 
 LocalHttpServer::LocalHttpServer() : server_(std::make_unique<httplib::Server>()) {
-    auto handler = [this](const httplib::Request& request, httplib::Response& response) {
+    // Reading the body through a content reader: httplib refuses form bodies over 8 KiB when
+    // it parses them itself, and the SDK's bodies may be far larger.
+    auto handler = [this](const httplib::Request& request, httplib::Response& response,
+                          const httplib::ContentReader& reader) {
+        std::string body;
+        reader([&body](const char* data, std::size_t length) {
+            body.append(data, length);
+            return true;
+        });
         Responder responder;
         {
             std::lock_guard lock(mutex_);
-            bodies_.push_back(request.body);
+            bodies_.push_back(body);
             paths_.push_back(request.path);
             responder = responder_;
         }
         changed_.notify_all();
-        const Answer answer = responder ? responder(request.path, request.body) : Answer{};
+        const Answer answer = responder ? responder(request.path, body) : Answer{};
         if (answer.delay.count() > 0) {
             std::this_thread::sleep_for(answer.delay);
         }
@@ -22,6 +30,9 @@ LocalHttpServer::LocalHttpServer() : server_(std::make_unique<httplib::Server>()
         response.set_content(answer.body, answer.contentType.c_str());
     };
     server_->Post(".*", handler);
+    // Clients keep connections open; a short keep-alive lets the server stop without waiting.
+    server_->set_keep_alive_timeout(1);
+    server_->set_payload_max_length(64 * 1024 * 1024);
     port_ = server_->bind_to_any_port("127.0.0.1");
     thread_ = std::thread([this] { server_->listen_after_bind(); });
 }

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <NorvAnalytic/Device.h>
+
+#include <atomic>
+#include <mutex>
+#include <string>
+
+namespace NorvAnalytic::Testing {
+
+// A device with chosen facts, standing in for a phone: its model, system and battery are
+// whatever the test says.
+class FixedDevice final : public Device {
+public:
+    FixedDevice(std::string machine, std::string systemVersion, float batteryLevel)
+        : machine_(std::move(machine)), systemVersion_(std::move(systemVersion)),
+          batteryLevel_(batteryLevel) {}
+
+    std::string systemVersion() override { return systemVersion_; }
+    void setBatteryMonitoringEnabled(bool enabled) override { monitoring_ += enabled ? 1 : -1; }
+    // Like the platform, the level reads as unknown while monitoring is off.
+    float batteryLevel() override { return monitoring_ > 0 ? batteryLevel_.load() : -1.0F; }
+    std::string machineIdentifier() override { return machine_; }
+    void setBatteryLevel(float level) { batteryLevel_ = level; }
+
+private:
+    std::string machine_;
+    std::string systemVersion_;
+    std::atomic<float> batteryLevel_;
+    std::atomic<int> monitoring_{0};
+};
+
+}  // namespace NorvAnalytic::Testing
