@@ -199,11 +199,12 @@ bool FileKeychainBackend::openIfNeeded() {
     }
     sqlite3_busy_timeout(database_, kBusyTimeoutMilliseconds);
     // WAL lets readers in other processes go on while one writes; a killed writer leaves an
-    // uncommitted tail that the next opener discards.
+    // uncommitted tail that the next opener discards. NORMAL sync keeps the file consistent
+    // through crashes and only risks the last commits on power loss.
     const bool configured =
         sqlite3_exec(database_, "PRAGMA journal_mode = WAL", nullptr, nullptr, nullptr) ==
             SQLITE_OK &&
-        sqlite3_exec(database_, "PRAGMA synchronous = FULL", nullptr, nullptr, nullptr) ==
+        sqlite3_exec(database_, "PRAGMA synchronous = NORMAL", nullptr, nullptr, nullptr) ==
             SQLITE_OK &&
         sqlite3_exec(database_, kSchema, nullptr, nullptr, nullptr) == SQLITE_OK;
     if (!configured) {
