@@ -1,6 +1,7 @@
 #include <NorvAnalytic/NorvAnalytics.h>
 
 #include <NorvAnalytic/MainQueue.h>
+#include <NorvAnalytic/NorvAnalytic.h>
 #include <NorvAnalytic/Platform.h>
 
 #include <array>

@@ -7,9 +7,7 @@
 #include <NorvAnalytic/Platform.h>
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include "keychain/FileKeychainBackend.h"
 #include "platform/LinuxDevice.h"
 #include "reporting/DeviceIdentity.h"
 
@@ -28,14 +26,10 @@ std::shared_ptr<CurlHttpClient> sharedCurlClient() {
 ReportingHarness::ReportingHarness()
     : device(std::make_shared<FixedDevice>("iPhone9,3", "17.1", 0.75F)),
       clock(std::make_shared<ManualClock>()),
-      http(std::make_shared<CountingHttpClient>(sharedCurlClient())),
-      keychainFile(std::filesystem::temp_directory_path() /
-                   ("norv-reporting-" + std::to_string(::getpid()) + "-" +
-                    std::to_string(reinterpret_cast<std::uintptr_t>(this)) + ".sqlite")) {
+      http(std::make_shared<CountingHttpClient>(sharedCurlClient())) {
     MainQueue::main().setClock(clock);
     Platform::setHttpClient(http);
     Platform::setDevice(device);
-    Platform::setKeychainBackend(std::make_shared<FileKeychainBackend>(keychainFile));
     MainQueue::main().sync([] {
         Event::savedEvents().clear();
         NorvAnalytics::sharedController().setAlertController(nullptr);
@@ -60,12 +54,6 @@ ReportingHarness::~ReportingHarness() {
     MainQueue::main().setClock(nullptr);
     Platform::setHttpClient(nullptr);
     Platform::setDevice(std::make_shared<LinuxDevice>());
-    Platform::setKeychainBackend(nullptr);
-    std::error_code ignored;
-    std::filesystem::remove(keychainFile, ignored);
-    std::filesystem::remove(keychainFile.string() + "-wal", ignored);
-    std::filesystem::remove(keychainFile.string() + "-shm", ignored);
-    std::filesystem::remove(keychainFile.string() + "-journal", ignored);
 }
 
 void ReportingHarness::settle() {

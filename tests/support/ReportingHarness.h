@@ -2,7 +2,6 @@
 
 #include <NorvAnalytic/NorvAnalytics.h>
 
-#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -12,6 +11,7 @@
 #include "support/FixedDevice.h"
 #include "support/LocalHttpServer.h"
 #include "support/RecordingLogSink.h"
+#include "support/ScratchKeychain.h"
 
 namespace NorvAnalytic::Testing {
 
@@ -33,12 +33,12 @@ public:
     // The device UUID stored in the scratch keychain.
     std::string deviceUUID() const;
 
+    ScratchKeychain keychain;
     LocalHttpServer server;
     RecordingLogSink log;
     std::shared_ptr<FixedDevice> device;
     std::shared_ptr<ManualClock> clock;
     std::shared_ptr<CountingHttpClient> http;
-    std::filesystem::path keychainFile;
 };
 
 }  // namespace NorvAnalytic::Testing
