@@ -1,11 +1,10 @@
 #include <NorvAnalytic/Keychain.h>
 #include <NorvAnalytic/Platform.h>
-
 #include <benchmark/benchmark.h>
+#include <stdlib.h>
 
 #include <filesystem>
 #include <memory>
-#include <stdlib.h>
 #include <string>
 
 #include "keychain/FileKeychainBackend.h"

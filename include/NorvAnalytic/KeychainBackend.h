@@ -40,13 +40,17 @@ struct KeychainItemAttributes {
 };
 
 // The store under Keychain. Every call answers a keychain status; implementations are safe to
-// call from any thread.
+// call from any thread. A query without an access group matches items of every group.
 class NORVANALYTIC_EXPORT KeychainBackend {
 public:
     virtual ~KeychainBackend() = default;
+    // Fills result (when non-null) with the first matching item.
     virtual OSStatus copyMatching(const KeychainQuery& query, KeychainItemAttributes* result) = 0;
+    // Stores a new item; errSecDuplicateItem when its account, service and group exist.
     virtual OSStatus add(const KeychainQuery& attributes) = 0;
+    // Sets the changes' valueData and accessible (those present) on every matching item.
     virtual OSStatus update(const KeychainQuery& query, const KeychainQuery& changes) = 0;
+    // Deletes every matching item.
     virtual OSStatus remove(const KeychainQuery& query) = 0;
 };
 

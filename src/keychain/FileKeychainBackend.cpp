@@ -1,13 +1,13 @@
 #include "keychain/FileKeychainBackend.h"
 
+#include <fcntl.h>
+#include <pwd.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
-#include <fcntl.h>
-#include <pwd.h>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <vector>
 
 namespace NorvAnalytic {
@@ -175,9 +175,8 @@ std::filesystem::path FileKeychainBackend::defaultPath() {
 
 bool FileKeychainBackend::prepareFile() const {
     const std::filesystem::path directory = path_.parent_path();
-    if (!directory.empty() &&
-        (!makeDirectories(directory) ||
-         !tightenPath(directory, O_RDONLY | O_DIRECTORY, kDirectoryMode))) {
+    if (!directory.empty() && (!makeDirectories(directory) ||
+                               !tightenPath(directory, O_RDONLY | O_DIRECTORY, kDirectoryMode))) {
         return false;
     }
     // Created here rather than by SQLite so that it never exists with a wider mode; SQLite
@@ -258,9 +257,9 @@ OSStatus FileKeychainBackend::copyMatching(const KeychainQuery& query,
         result->service = query.service;
         const auto* group = reinterpret_cast<const char*>(sqlite3_column_text(statement, 0));
         const int groupSize = sqlite3_column_bytes(statement, 0);
-        result->accessGroup =
-            groupSize > 0 ? Text(std::string(group, static_cast<std::size_t>(groupSize)))
-                          : std::nullopt;
+        result->accessGroup = groupSize > 0
+                                  ? Text(std::string(group, static_cast<std::size_t>(groupSize)))
+                                  : std::nullopt;
         result->accessible = std::nullopt;
         if (sqlite3_column_type(statement, 1) != SQLITE_NULL) {
             result->accessible = sqlite3_column_int(statement, 1) == 0

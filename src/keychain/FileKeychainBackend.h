@@ -28,7 +28,6 @@ public:
 
     OSStatus copyMatching(const KeychainQuery& query, KeychainItemAttributes* result) override;
     OSStatus add(const KeychainQuery& attributes) override;
-    // Applies the changes' valueData and accessible to every matching item.
     OSStatus update(const KeychainQuery& query, const KeychainQuery& changes) override;
     OSStatus remove(const KeychainQuery& query) override;
 

@@ -16,7 +16,8 @@ namespace {
 
 constexpr const char* kSaveSelector =
     "+[Keychain saveItem:forKey:forService:inAccessGroup:withAccessibility:error:]";
-constexpr const char* kDeleteSelector = "+[Keychain deleteItemForKey:forService:inAccessGroup:error:]";
+constexpr const char* kDeleteSelector =
+    "+[Keychain deleteItemForKey:forService:inAccessGroup:error:]";
 constexpr const char* kLookupSelector =
     "+[Keychain _itemAttributesAndDataForKey:forService:inAccessGroup:error:]";
 
@@ -64,8 +65,7 @@ std::optional<Data> Keychain::rawDataForKey(const Text& key, const Text& service
     return std::move(attributes->valueData);
 }
 
-std::optional<Data> Keychain::rawDataForKey(const Text& key, const Text& service,
-                                            ErrorSlot error) {
+std::optional<Data> Keychain::rawDataForKey(const Text& key, const Text& service, ErrorSlot error) {
     return rawDataForKey(key, service, std::nullopt, error);
 }
 
@@ -129,10 +129,8 @@ bool Keychain::saveItem(const Text& item, const Text& key, const Text& service,
     return true;
 }
 
-bool Keychain::saveItem(const Text& item, const Text& key, const Text& service,
-                        ErrorSlot error) {
-    return saveItem(item, key, service, std::nullopt, KeychainAccessibilityAfterFirstUnlock,
-                    error);
+bool Keychain::saveItem(const Text& item, const Text& key, const Text& service, ErrorSlot error) {
+    return saveItem(item, key, service, std::nullopt, KeychainAccessibilityAfterFirstUnlock, error);
 }
 
 bool Keychain::deleteItemForKey(const Text& key, const Text& service, const Text& accessGroup,
@@ -168,8 +166,7 @@ bool Keychain::deleteItemForKey(const Text& key, const Text& service, ErrorSlot 
 Error Keychain::_errorForResultCode(OSStatus resultCode, const Text& key, const Text& service) {
     std::string message;
     if (resultCode == errSecInteractionNotAllowed) {
-        message = "Interaction with key '" + describe(key) + "' for service '" +
-                  describe(service) +
+        message = "Interaction with key '" + describe(key) + "' for service '" + describe(service) +
                   "' was not allowed. It is possible that the item is only accessible when the "
                   "device is unlocked and this query is happening when the app is in the "
                   "background. Double-check your item permissions.";

@@ -1,9 +1,8 @@
 #include "keychain/KeychainArchive.h"
 
-#include <nlohmann/json.hpp>
-
 #include <algorithm>
 #include <array>
+#include <nlohmann/json.hpp>
 
 namespace NorvAnalytic {
 

@@ -58,8 +58,7 @@ std::string lookup(GHashTable* attributes, const char* name) {
 }
 
 const char* accessibleName(KeychainItemAccessible accessible) {
-    return accessible == KeychainItemAccessible::WhenUnlocked ? kWhenUnlocked
-                                                              : kAfterFirstUnlock;
+    return accessible == KeychainItemAccessible::WhenUnlocked ? kWhenUnlocked : kAfterFirstUnlock;
 }
 
 // The attributes that pick an item; without an access group, items of every group match.
@@ -122,10 +121,9 @@ struct SecretServiceKeychainBackend::Session {
         }
         const Attributes attributes = identity(query);
         GError* error = nullptr;
-        items.reset(secret_service_search_sync(service, schema, attributes.get(),
-                                               static_cast<SecretSearchFlags>(
-                                                   flags | SECRET_SEARCH_ALL),
-                                               nullptr, &error));
+        items.reset(secret_service_search_sync(
+            service, schema, attributes.get(),
+            static_cast<SecretSearchFlags>(flags | SECRET_SEARCH_ALL), nullptr, &error));
         if (error != nullptr) {
             return failed(error);
         }
@@ -161,8 +159,8 @@ OSStatus SecretServiceKeychainBackend::copyMatching(const KeychainQuery& query,
         return errSecInteractionNotAllowed;
     }
     gsize length = 0;
-    const auto* bytes = reinterpret_cast<const std::uint8_t*>(secret_value_get(value.get(),
-                                                                               &length));
+    const auto* bytes =
+        reinterpret_cast<const std::uint8_t*>(secret_value_get(value.get(), &length));
     const Attributes attributes(secret_item_get_attributes(item));
     const std::string group = lookup(attributes.get(), kAccessGroupAttribute);
     const std::string accessible = lookup(attributes.get(), kAccessibleAttribute);
@@ -195,9 +193,9 @@ OSStatus SecretServiceKeychainBackend::add(const KeychainQuery& attributes) {
     }
 
     GError* error = nullptr;
-    const ObjectPtr<SecretCollection> collection(secret_collection_for_alias_sync(
-        session_->service, session_->collectionAlias.c_str(), SECRET_COLLECTION_NONE, nullptr,
-        &error));
+    const ObjectPtr<SecretCollection> collection(
+        secret_collection_for_alias_sync(session_->service, session_->collectionAlias.c_str(),
+                                         SECRET_COLLECTION_NONE, nullptr, &error));
     if (error != nullptr) {
         return failed(error);
     }
@@ -214,10 +212,9 @@ OSStatus SecretServiceKeychainBackend::add(const KeychainQuery& attributes) {
     const Value value(secret_value_new(reinterpret_cast<const gchar*>(payload.data()),
                                        static_cast<gssize>(payload.size()), kContentType));
     const std::string label = attributes.service + " (" + attributes.account + ")";
-    const ObjectPtr<SecretItem> item(secret_item_create_sync(collection.get(), session_->schema,
-                                                             stored.get(), label.c_str(),
-                                                             value.get(), SECRET_ITEM_CREATE_NONE,
-                                                             nullptr, &error));
+    const ObjectPtr<SecretItem> item(
+        secret_item_create_sync(collection.get(), session_->schema, stored.get(), label.c_str(),
+                                value.get(), SECRET_ITEM_CREATE_NONE, nullptr, &error));
     if (error != nullptr) {
         return failed(error);
     }

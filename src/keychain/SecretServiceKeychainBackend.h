@@ -28,7 +28,6 @@ public:
     // Adds to the aliased collection. A duplicate is refused within this process; two
     // processes adding the same item at one instant may both succeed.
     OSStatus add(const KeychainQuery& attributes) override;
-    // Applies the changes' valueData and accessible to every matching item.
     OSStatus update(const KeychainQuery& query, const KeychainQuery& changes) override;
     OSStatus remove(const KeychainQuery& query) override;
 

@@ -1,18 +1,17 @@
 #include <NorvAnalytic/Keychain.h>
 #include <NorvAnalytic/Platform.h>
-
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
-#include <signal.h>
-#include <spawn.h>
 #include <string>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
 #include "keychain/FileKeychainBackend.h"
@@ -182,8 +181,8 @@ TEST(FileKeychainBackendTest, ThreadsLoseNoWriteAndSeeNoTornValue) {
     const ScratchKeychain scratch;
     constexpr int kThreads = 4;
     constexpr int kIterations = 60;
-    ASSERT_TRUE(Keychain::saveItem(patternedValue("seed", 0, kExchangeSize), "shared",
-                                   "exchange", nullptr));
+    ASSERT_TRUE(Keychain::saveItem(patternedValue("seed", 0, kExchangeSize), "shared", "exchange",
+                                   nullptr));
 
     std::vector<std::string> failures(kThreads);
     std::vector<std::thread> threads;
@@ -219,13 +218,13 @@ TEST(FileKeychainBackendTest, ThreadsLoseNoWriteAndSeeNoTornValue) {
 TEST(FileKeychainBackendTest, ProcessesSharingOneFileLoseNoWrite) {
     const ScratchKeychain scratch;
     constexpr int kIterations = 60;
-    ASSERT_TRUE(Keychain::saveItem(patternedValue("seed", 0, kExchangeSize), "shared",
-                                   "exchange", nullptr));
+    ASSERT_TRUE(Keychain::saveItem(patternedValue("seed", 0, kExchangeSize), "shared", "exchange",
+                                   nullptr));
     const std::vector<std::string> names = {"first", "second"};
     std::vector<Writer> writers;
     for (const auto& name : names) {
-        writers.push_back(startWriter(
-            {scratch.path().string(), "exchange", name, std::to_string(kIterations)}));
+        writers.push_back(
+            startWriter({scratch.path().string(), "exchange", name, std::to_string(kIterations)}));
     }
     // This process reads and writes the same items meanwhile, through its own connection.
     for (int iteration = 0; iteration < kIterations; ++iteration) {
@@ -253,9 +252,9 @@ TEST(FileKeychainBackendTest, AWriterKilledMidWriteLeavesTheFileIntact) {
         const int savesBeforeKill = 1 + round * 3;
         for (int received = 0; received < savesBeforeKill;) {
             char buffer[64];
-            const auto count = ::read(writer.outputFd, buffer,
-                                      std::min<std::size_t>(sizeof buffer,
-                                                            savesBeforeKill - received));
+            const auto count =
+                ::read(writer.outputFd, buffer,
+                       std::min<std::size_t>(sizeof buffer, savesBeforeKill - received));
             ASSERT_GT(count, 0) << "the writer stopped early";
             received += static_cast<int>(count);
         }

@@ -1,13 +1,12 @@
 #include <NorvAnalytic/Keychain.h>
 #include <NorvAnalytic/Platform.h>
-
 #include <gtest/gtest.h>
 #include <libsecret/secret.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <memory>
 #include <string>
-#include <unistd.h>
 
 #include "BuildConfig.h"
 #include "keychain/KeychainArchive.h"

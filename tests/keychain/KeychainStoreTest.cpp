@@ -1,6 +1,5 @@
 #include <NorvAnalytic/Keychain.h>
 #include <NorvAnalytic/Platform.h>
-
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -115,8 +114,9 @@ TEST_F(KeychainStoreTest, EmptyKeyOrServiceRaisesWithTheCheckingOperationsName) 
         "+[Keychain _itemAttributesAndDataForKey:forService:inAccessGroup:error:]";
     std::optional<Error> error;
 
-    expectInvalidArgument([&] { Keychain::saveItem("v", "", "", "g", KeychainAccessibilityWhenUnlocked, &error); },
-                          save + " key argument cannot be empty");
+    expectInvalidArgument(
+        [&] { Keychain::saveItem("v", "", "", "g", KeychainAccessibilityWhenUnlocked, &error); },
+        save + " key argument cannot be empty");
     expectInvalidArgument([&] { Keychain::saveItem("v", std::nullopt, "api", &error); },
                           save + " key argument cannot be empty");
     expectInvalidArgument([&] { Keychain::saveItem("v", "token", "", &error); },
@@ -141,8 +141,8 @@ TEST_F(KeychainStoreTest, EmptyKeyOrServiceRaisesWithTheCheckingOperationsName) 
 
 TEST_F(KeychainStoreTest, StatusesMapToTheirMessages) {
     EXPECT_STREQ(BrixKeychainErrorDomain, BuildConfig::kKeychainErrorDomain);
-    expectError(Keychain::_errorForResultCode(errSecInteractionNotAllowed, "token", "api"),
-                -25308, kNotAllowedMessage);
+    expectError(Keychain::_errorForResultCode(errSecInteractionNotAllowed, "token", "api"), -25308,
+                kNotAllowedMessage);
     expectError(Keychain::_errorForResultCode(errSecItemNotFound, "token", "api"), -25300,
                 kNotFoundMessage);
     expectError(Keychain::_errorForResultCode(errSecDuplicateItem, "token", "api"), -25299,

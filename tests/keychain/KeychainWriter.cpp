@@ -5,11 +5,11 @@
 //     byte to stdout after each save, until it is killed.
 #include <NorvAnalytic/Keychain.h>
 #include <NorvAnalytic/Platform.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <memory>
 #include <string>
-#include <unistd.h>
 
 #include "keychain/FileKeychainBackend.h"
 #include "keychain/PatternedValue.h"

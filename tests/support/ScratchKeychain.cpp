@@ -1,9 +1,9 @@
 #include "support/ScratchKeychain.h"
 
 #include <NorvAnalytic/Platform.h>
+#include <stdlib.h>
 
 #include <stdexcept>
-#include <stdlib.h>
 #include <string>
 
 namespace NorvAnalytic::Testing {
