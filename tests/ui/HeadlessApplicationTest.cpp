@@ -123,9 +123,12 @@ TEST_F(HeadlessApplicationTest, GivesUpOnAHangingQueryAndLeavesNoProcessBehind) 
 }
 
 TEST_F(HeadlessApplicationTest, OpensTheURLAsOneArgumentWithoutAShell) {
-    const fs::path marker = directory_ / "executed";
-    const std::string hostile = "https://dl.example.com/app.plist?a=$(touch$IFS" + marker.string() +
-                                ")&b=;touch$IFS" + marker.string() + ";&c='$(id)'";
+    // Through a shell this line would run touch twice: in $(...) and after the ';'.
+    const fs::path substituted = directory_ / "substituted";
+    const fs::path chained = directory_ / "chained";
+    const std::string hostile = "https://dl.example.com/app.plist?a=$(touch$IFS" +
+                                substituted.string() + ")&b=1;touch$IFS" + chained.string() +
+                                ";c='$(id)'";
     auto url = URL::URLWithString(hostile);
     ASSERT_TRUE(url.has_value());
     HeadlessApplication application(mimeQuery("https"), opener());
@@ -134,7 +137,8 @@ TEST_F(HeadlessApplicationTest, OpensTheURLAsOneArgumentWithoutAShell) {
 
     ASSERT_TRUE(eventually([&] { return fs::exists(directory_ / "opened"); }));
     EXPECT_EQ(readFile(directory_ / "opened"), "1\n" + hostile + "\n");
-    EXPECT_FALSE(fs::exists(marker));
+    EXPECT_FALSE(fs::exists(substituted));
+    EXPECT_FALSE(fs::exists(chained));
     EXPECT_TRUE(eventually([] { return zombieChildren() == 0; }));
 
     HeadlessApplication missing(mimeQuery("https"), (directory_ / "no-such-program").string());
