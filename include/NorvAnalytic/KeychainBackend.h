@@ -3,6 +3,7 @@
 #include <NorvAnalytic/Export.h>
 #include <NorvAnalytic/Types.h>
 
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -43,6 +44,13 @@ struct KeychainItemAttributes {
 // call from any thread. A query without an access group matches items of every group.
 class NORVANALYTIC_EXPORT KeychainBackend {
 public:
+    // The default keychain: an owner-only SQLite file at path, or, without one, at
+    // $XDG_DATA_HOME/NorvAnalytic/keychain.sqlite (~/.local/share without XDG_DATA_HOME).
+    static std::shared_ptr<KeychainBackend> makeFileBackend(const Text& path = std::nullopt);
+    // The desktop's Secret Service (gnome-keyring, KWallet), for Platform::setKeychainBackend.
+    // It never prompts: a locked keyring answers errSecInteractionNotAllowed.
+    static std::shared_ptr<KeychainBackend> makeSecretServiceBackend();
+
     virtual ~KeychainBackend() = default;
     // Fills result (when non-null) with the first matching item.
     virtual OSStatus copyMatching(const KeychainQuery& query, KeychainItemAttributes* result) = 0;

@@ -128,8 +128,9 @@ TEST(FileKeychainBackendTest, KeepsItsDirectoryAndFilesToTheOwner) {
     const auto directory = scratch.directory() / "data" / "NorvAnalytic";
     const mode_t previousMask = ::umask(0);
     {
-        FileKeychainBackend backend(directory / "keychain.sqlite");
-        ASSERT_EQ(backend.add(itemQuery("a")), errSecSuccess);
+        const auto backend =
+            KeychainBackend::makeFileBackend((directory / "keychain.sqlite").string());
+        ASSERT_EQ(backend->add(itemQuery("a")), errSecSuccess);
         EXPECT_EQ(modeOf(scratch.directory() / "data"), 0700U);
         EXPECT_EQ(modeOf(directory), 0700U);
         for (const auto& entry : std::filesystem::directory_iterator(directory)) {
