@@ -1,5 +1,7 @@
 #include <NorvAnalytic/Platform.h>
 
+#include <NorvAnalytic/CurlHttpClient.h>
+
 #include <atomic>
 
 #include "keychain/FileKeychainBackend.h"
@@ -44,7 +46,7 @@ Slot<Service>& slot(std::shared_ptr<Service> (*makeDefault)()) {
     return *instance;
 }
 
-std::shared_ptr<HttpClient> defaultHttpClient() { return nullptr; }
+std::shared_ptr<HttpClient> defaultHttpClient() { return std::make_shared<CurlHttpClient>(); }
 std::shared_ptr<Device> defaultDevice() { return std::make_shared<LinuxDevice>(); }
 std::shared_ptr<KeychainBackend> defaultKeychainBackend() {
     return std::make_shared<FileKeychainBackend>();

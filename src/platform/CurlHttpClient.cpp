@@ -1,0 +1,388 @@
+#include <NorvAnalytic/CurlHttpClient.h>
+
+#include <curl/curl.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace NorvAnalytic {
+
+namespace {
+
+constexpr long kMaxConnectionsPerHost = 6;
+// No more easy handles than connections sit in the multi handle at once; the rest wait in our
+// own FIFO. A handle beyond the connection limit would enter curl's pending list, which curl
+// scans on every change and which, on libcurl 7.88, can stall until the next poll time-out.
+constexpr std::size_t kMaxActiveTransfers = kMaxConnectionsPerHost;
+constexpr long kIdleTimeoutSeconds = 60;
+constexpr long kMaxRedirects = 16;
+constexpr int kPollTimeoutMilliseconds = 1000;
+
+constexpr const char* kDestroyedMessage =
+    "The request was cancelled: its HTTP client was destroyed";
+constexpr const char* kStoppedMessage = "The request was not sent: the process is exiting";
+
+}  // namespace
+
+class CurlHttpClient::Impl {
+public:
+    enum class StopMode { CompletePending, DropPending };
+
+    Impl() {
+        initializeCurlOnce();
+        multi_ = curl_multi_init();
+        curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, kMaxConnectionsPerHost);
+    }
+
+    ~Impl() {
+        stop(StopMode::CompletePending);
+        if (state_ == State::Idle) {
+            curl_multi_cleanup(multi_);
+        }
+        Registry& registry = Registry::instance();
+        std::lock_guard lock(registry.mutex);
+        registry.clients.erase(this);
+    }
+
+    Impl(const Impl&) = delete;
+    Impl& operator=(const Impl&) = delete;
+
+    void send(HttpRequest request, Completion completion) {
+        std::unique_lock lock(mutex_);
+        if (state_ == State::Stopped) {
+            lock.unlock();
+            completion(std::nullopt, std::nullopt, std::string(kStoppedMessage));
+            return;
+        }
+        queue_.push_back({std::move(request), std::move(completion)});
+        if (state_ == State::Idle) {
+            startLocked();
+        }
+        wakeLocked();
+    }
+
+    void connectTo(const std::string& hostAndPort, const std::string& addressAndPort) {
+        std::lock_guard lock(mutex_);
+        const std::string prefix = hostAndPort + ":";
+        std::erase_if(config_.connectTo,
+                      [&](const std::string& entry) { return entry.starts_with(prefix); });
+        config_.connectTo.push_back(prefix + addressAndPort);
+        ++configVersion_;
+    }
+
+    void setCaInfo(const std::string& path) {
+        std::lock_guard lock(mutex_);
+        config_.caInfo = path;
+        ++configVersion_;
+    }
+
+    // Stops the network thread and waits for it. Pending requests either complete with an
+    // error (a client that is destroyed) or are dropped unseen (a process that is exiting).
+    void stop(StopMode mode) {
+        {
+            std::lock_guard lock(mutex_);
+            if (state_ == State::Running && !stopRequested_) {
+                stopRequested_ = true;
+                stopMode_ = mode;
+                curl_multi_wakeup(multi_);
+            }
+        }
+        std::lock_guard joinLock(joinMutex_);
+        if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id()) {
+            thread_.join();
+        }
+    }
+
+private:
+    enum class State { Idle, Running, Stopped };
+
+    struct Pending {
+        HttpRequest request;
+        Completion completion;
+    };
+
+    struct Config {
+        std::vector<std::string> connectTo;
+        std::string caInfo;
+    };
+
+    // One easy handle and what its current request needs while curl works on it.
+    struct Transfer {
+        CURL* easy = nullptr;
+        Pending pending;
+        bool inMulti = false;
+        std::string received;
+        char errorBuffer[CURL_ERROR_SIZE] = {};
+    };
+
+    // The clients whose threads the exit hook stops.
+    struct Registry {
+        std::mutex mutex;
+        std::set<Impl*> clients;
+
+        static Registry& instance() {
+            static auto* registry = new Registry;
+            return *registry;
+        }
+    };
+
+    // Runs curl's global set-up once and only then registers the exit hook, so that the hook
+    // runs before the TLS library's own clean-up, which curl_global_init registered first.
+    static void initializeCurlOnce() {
+        static std::once_flag once;
+        std::call_once(once, [] {
+            curl_global_init(CURL_GLOBAL_DEFAULT);
+            std::atexit(&Impl::stopAllAtExit);
+        });
+    }
+
+    // The default client is never destroyed: at exit its thread stops here, before main's
+    // return finishes, so no transfer is left running into the process's tear-down.
+    static void stopAllAtExit() {
+        Registry& registry = Registry::instance();
+        std::lock_guard lock(registry.mutex);
+        for (Impl* impl : registry.clients) {
+            impl->stop(StopMode::DropPending);
+        }
+    }
+
+    void startLocked() {
+        {
+            Registry& registry = Registry::instance();
+            std::lock_guard registryLock(registry.mutex);
+            registry.clients.insert(this);
+        }
+        state_ = State::Running;
+        thread_ = std::thread([this] { run(); });
+    }
+
+    // Several sends in a row cost one wakeup: the flag stays set until the thread has looked.
+    void wakeLocked() {
+        if (!wakePending_) {
+            wakePending_ = true;
+            curl_multi_wakeup(multi_);
+        }
+    }
+
+    void run() {
+        transfers_.reserve(kMaxActiveTransfers);
+        idle_.reserve(kMaxActiveTransfers);
+        while (true) {
+            if (!takeNewRequests()) {
+                break;
+            }
+            int running = 0;
+            curl_multi_perform(multi_, &running);
+            collectFinishedTransfers();
+            if (hasRoomForQueuedRequests()) {
+                continue;
+            }
+            curl_multi_poll(multi_, nullptr, 0, kPollTimeoutMilliseconds, nullptr);
+        }
+        shutDown();
+    }
+
+    // Moves queued requests into free transfers; false once a stop was requested.
+    bool takeNewRequests() {
+        std::lock_guard lock(mutex_);
+        wakePending_ = false;
+        if (stopRequested_) {
+            return false;
+        }
+        if (appliedConfigVersion_ != configVersion_) {
+            applyConfigLocked();
+        }
+        while (!queue_.empty() && active_ < kMaxActiveTransfers) {
+            Transfer& transfer = freeTransfer();
+            transfer.pending = std::move(queue_.front());
+            queue_.pop_front();
+            configure(transfer);
+            curl_multi_add_handle(multi_, transfer.easy);
+            transfer.inMulti = true;
+            ++active_;
+        }
+        return true;
+    }
+
+    // Completions free transfers without any socket event: queued requests must not wait for
+    // the poll to time out.
+    bool hasRoomForQueuedRequests() {
+        std::lock_guard lock(mutex_);
+        return !queue_.empty() && active_ < kMaxActiveTransfers;
+    }
+
+    void applyConfigLocked() {
+        curl_slist_free_all(connectTo_);
+        connectTo_ = nullptr;
+        for (const std::string& entry : config_.connectTo) {
+            connectTo_ = curl_slist_append(connectTo_, entry.c_str());
+        }
+        caInfo_ = config_.caInfo;
+        appliedConfigVersion_ = configVersion_;
+    }
+
+    Transfer& freeTransfer() {
+        if (idle_.empty()) {
+            auto transfer = std::make_unique<Transfer>();
+            transfer->easy = curl_easy_init();
+            idle_.push_back(transfer.get());
+            transfers_.push_back(std::move(transfer));
+        }
+        Transfer* transfer = idle_.back();
+        idle_.pop_back();
+        return *transfer;
+    }
+
+    void configure(Transfer& transfer) {
+        CURL* easy = transfer.easy;
+        // A reset handle keeps its place in the multi handle's connection and DNS caches.
+        curl_easy_reset(easy);
+        transfer.received.clear();
+        transfer.errorBuffer[0] = '\0';
+        const HttpRequest& request = transfer.pending.request;
+        curl_easy_setopt(easy, CURLOPT_PRIVATE, &transfer);
+        curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
+        curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+        curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+        if (request.method == "POST") {
+            curl_easy_setopt(easy, CURLOPT_POST, 1L);
+        } else if (request.method != "GET") {
+            curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, request.method.c_str());
+        }
+        if (request.method != "GET") {
+            curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE,
+                             static_cast<curl_off_t>(request.body.size()));
+            curl_easy_setopt(easy, CURLOPT_POSTFIELDS, request.body.data());
+        }
+        curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
+        curl_easy_setopt(easy, CURLOPT_MAXREDIRS, kMaxRedirects);
+        curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT, kIdleTimeoutSeconds);
+        curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, 1L);
+        curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, kIdleTimeoutSeconds);
+        curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+        if (connectTo_ != nullptr) {
+            curl_easy_setopt(easy, CURLOPT_CONNECT_TO, connectTo_);
+        }
+        if (!caInfo_.empty()) {
+            curl_easy_setopt(easy, CURLOPT_CAINFO, caInfo_.c_str());
+        }
+        curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer.errorBuffer);
+        curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &Impl::receive);
+        curl_easy_setopt(easy, CURLOPT_WRITEDATA, &transfer.received);
+    }
+
+    static size_t receive(char* bytes, size_t size, size_t count, void* received) {
+        static_cast<std::string*>(received)->append(bytes, size * count);
+        return size * count;
+    }
+
+    void collectFinishedTransfers() {
+        int remaining = 0;
+        while (CURLMsg* message = curl_multi_info_read(multi_, &remaining)) {
+            if (message->msg != CURLMSG_DONE) {
+                continue;
+            }
+            Transfer* transfer = nullptr;
+            curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &transfer);
+            const CURLcode result = message->data.result;
+            curl_multi_remove_handle(multi_, transfer->easy);
+            transfer->inMulti = false;
+            --active_;
+            Pending pending = std::move(transfer->pending);
+            if (result == CURLE_OK) {
+                long status = 0;
+                curl_easy_getinfo(transfer->easy, CURLINFO_RESPONSE_CODE, &status);
+                std::string data = std::move(transfer->received);
+                idle_.push_back(transfer);
+                pending.completion(std::move(data), HttpResponse{status}, std::nullopt);
+            } else {
+                std::string error = transfer->errorBuffer[0] != '\0'
+                                        ? std::string(transfer->errorBuffer)
+                                        : std::string(curl_easy_strerror(result));
+                idle_.push_back(transfer);
+                pending.completion(std::nullopt, std::nullopt, std::move(error));
+            }
+        }
+    }
+
+    // Runs last on the network thread: no further send reaches curl, every handle is freed, and
+    // what was still pending is completed or dropped as the stop asked.
+    void shutDown() {
+        std::deque<Pending> leftover;
+        StopMode mode = StopMode::DropPending;
+        {
+            std::lock_guard lock(mutex_);
+            state_ = State::Stopped;
+            mode = stopMode_;
+            leftover.swap(queue_);
+        }
+        std::vector<Pending> cancelled;
+        for (const auto& transfer : transfers_) {
+            if (transfer->inMulti) {
+                curl_multi_remove_handle(multi_, transfer->easy);
+                cancelled.push_back(std::move(transfer->pending));
+            }
+            curl_easy_cleanup(transfer->easy);
+        }
+        transfers_.clear();
+        idle_.clear();
+        curl_multi_cleanup(multi_);
+        curl_slist_free_all(connectTo_);
+        connectTo_ = nullptr;
+        if (mode == StopMode::CompletePending) {
+            for (Pending& pending : cancelled) {
+                pending.completion(std::nullopt, std::nullopt, std::string(kDestroyedMessage));
+            }
+            for (Pending& pending : leftover) {
+                pending.completion(std::nullopt, std::nullopt, std::string(kDestroyedMessage));
+            }
+        }
+    }
+
+    CURLM* multi_ = nullptr;
+
+    std::mutex mutex_;
+    std::deque<Pending> queue_;
+    State state_ = State::Idle;
+    bool stopRequested_ = false;
+    StopMode stopMode_ = StopMode::CompletePending;
+    bool wakePending_ = false;
+    Config config_;
+    std::uint64_t configVersion_ = 0;
+
+    std::mutex joinMutex_;
+    std::thread thread_;
+
+    // Owned by the network thread.
+    std::vector<std::unique_ptr<Transfer>> transfers_;
+    std::vector<Transfer*> idle_;
+    std::size_t active_ = 0;
+    curl_slist* connectTo_ = nullptr;
+    std::string caInfo_;
+    std::uint64_t appliedConfigVersion_ = 0;
+};
+
+CurlHttpClient::CurlHttpClient() : impl_(std::make_unique<Impl>()) {}
+
+CurlHttpClient::~CurlHttpClient() = default;
+
+void CurlHttpClient::send(HttpRequest request, Completion completion) {
+    impl_->send(std::move(request), std::move(completion));
+}
+
+void CurlHttpClient::connectTo(const std::string& hostAndPort,
+                               const std::string& addressAndPort) {
+    impl_->connectTo(hostAndPort, addressAndPort);
+}
+
+void CurlHttpClient::setCaInfo(const std::string& path) { impl_->setCaInfo(path); }
+
+}  // namespace NorvAnalytic
