@@ -1,0 +1,24 @@
+#pragma once
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "CollectorStore.h"
+
+namespace NorvAnalytic::Collector {
+
+// The norv-collector command line: "serve", "steer", "refuse" and "list".
+class CollectorCli {
+public:
+    // Runs one command (arguments without the program name) and returns the exit status.
+    static int run(const std::vector<std::string>& arguments, std::ostream& out,
+                   std::ostream& err);
+
+    // One line per event: id, time, status, type, value, device, a telling field, body length.
+    static void printTable(const std::vector<StoredEvent>& events, std::ostream& out);
+    // Each event's header line followed by its body exactly as it arrived.
+    static void printRaw(const std::vector<StoredEvent>& events, std::ostream& out);
+};
+
+}  // namespace NorvAnalytic::Collector

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "CollectorStore.h"
+
+namespace httplib {
+class Server;
+}
+
+namespace NorvAnalytic::Collector {
+
+// A newer app version named in the steering block.
+struct VersionOffer {
+    std::string no;
+    std::string downloadUrl;
+};
+
+// What the answers to app-open events tell the SDK.
+struct Steering {
+    bool analyticsEnabled = true;
+    std::optional<VersionOffer> forceVersion;
+    std::optional<VersionOffer> offerVersion;
+    // Answers app-open events with "payload": null, which leaves the SDK's collection as it is.
+    bool nullPayload = false;
+};
+
+// The next `remaining` events are answered with this status and body instead of being accepted.
+struct Refusal {
+    int status = 500;
+    int remaining = 0;
+    std::optional<std::string> body;
+};
+
+// The development collection server: stores every event posted to "/api/v3/saveEvent" and
+// answers it, steering the SDK as configured. "/control/steer", "/control/refuse" and
+// "/control/state" change and show that configuration while it runs.
+class CollectorServer {
+public:
+    explicit CollectorServer(CollectorStore& store, Steering steering = {});
+    ~CollectorServer();
+    CollectorServer(const CollectorServer&) = delete;
+    CollectorServer& operator=(const CollectorServer&) = delete;
+
+    // Binds to host and port (0 picks a free one), serves on a thread of its own and returns
+    // the port. Throws when the address cannot be bound.
+    int start(const std::string& host, int port);
+    // Stops serving and waits for the server's threads.
+    void stop();
+
+    Steering steering() const;
+    void setSteering(Steering steering);
+    Refusal refusal() const;
+    // Answers the next `count` events with `status` and `body` (a JSON object when absent).
+    void refuse(int status, int count, std::optional<std::string> body = std::nullopt);
+
+private:
+    void route();
+
+    CollectorStore& store_;
+    std::unique_ptr<httplib::Server> server_;
+    std::thread thread_;
+    mutable std::mutex mutex_;
+    Steering steering_;
+    Refusal refusal_;
+};
+
+}  // namespace NorvAnalytic::Collector

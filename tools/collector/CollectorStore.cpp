@@ -1,0 +1,204 @@
+#include "CollectorStore.h"
+
+#include <sqlite3.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <memory>
+#include <stdexcept>
+
+namespace NorvAnalytic::Collector {
+
+namespace {
+
+using Statement = std::unique_ptr<sqlite3_stmt, decltype(&sqlite3_finalize)>;
+
+Statement prepare(sqlite3* database, const char* sql) {
+    sqlite3_stmt* statement = nullptr;
+    if (sqlite3_prepare_v2(database, sql, -1, &statement, nullptr) != SQLITE_OK) {
+        throw std::runtime_error(std::string("SQLite: ") + sqlite3_errmsg(database));
+    }
+    return Statement(statement, &sqlite3_finalize);
+}
+
+void bindText(sqlite3_stmt* statement, int index, const std::string& text) {
+    sqlite3_bind_text(statement, index, text.data(), static_cast<int>(text.size()),
+                      SQLITE_TRANSIENT);
+}
+
+std::string columnText(sqlite3_stmt* statement, int column) {
+    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement, column));
+    return text ? std::string(text, static_cast<std::size_t>(sqlite3_column_bytes(statement,
+                                                                                  column)))
+                : std::string();
+}
+
+// "2026-11-21T05:40:01.123Z": sorts as it reads, and says which clock it is.
+std::string isoTime(std::chrono::system_clock::time_point time) {
+    const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
+    const auto millis = std::chrono::duration_cast<std::chrono::milliseconds>(
+                            time.time_since_epoch()).count() % 1000;
+    std::tm utc{};
+    gmtime_r(&seconds, &utc);
+    char stamp[32];
+    std::strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%S", &utc);
+    char text[48];
+    std::snprintf(text, sizeof text, "%s.%03lldZ", stamp, static_cast<long long>(millis));
+    return text;
+}
+
+}  // namespace
+
+std::optional<std::string> StoredEvent::value(const std::string& key) const {
+    for (const FormPair& pair : pairs) {
+        if (pair.key == key) {
+            return pair.value;
+        }
+    }
+    return std::nullopt;
+}
+
+CollectorStore::CollectorStore(const std::string& path) {
+    const std::filesystem::path parent = std::filesystem::path(path).parent_path();
+    if (!parent.empty()) {
+        std::filesystem::create_directories(parent);
+    }
+    if (sqlite3_open_v2(path.c_str(), &database_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
+                        nullptr) != SQLITE_OK) {
+        const std::string reason = sqlite3_errmsg(database_);
+        sqlite3_close(database_);
+        throw std::runtime_error("cannot open " + path + ": " + reason);
+    }
+    sqlite3_busy_timeout(database_, 5000);
+    execute("PRAGMA journal_mode=WAL");
+    execute("PRAGMA synchronous=NORMAL");
+    execute("CREATE TABLE IF NOT EXISTS events ("
+            "id INTEGER PRIMARY KEY AUTOINCREMENT, received_at TEXT NOT NULL, "
+            "status INTEGER NOT NULL, body BLOB NOT NULL)");
+    execute("CREATE TABLE IF NOT EXISTS pairs ("
+            "event_id INTEGER NOT NULL REFERENCES events(id), position INTEGER NOT NULL, "
+            "key TEXT NOT NULL, value TEXT, PRIMARY KEY (event_id, position))");
+}
+
+CollectorStore::~CollectorStore() { sqlite3_close(database_); }
+
+std::vector<FormPair> CollectorStore::parsePairs(const std::string& body) {
+    std::vector<FormPair> pairs;
+    if (body.empty()) {
+        return pairs;
+    }
+    std::size_t start = 0;
+    while (true) {
+        const std::size_t end = body.find('&', start);
+        const std::string part = body.substr(start, end == std::string::npos ? end : end - start);
+        const std::size_t equals = part.find('=');
+        if (equals == std::string::npos) {
+            pairs.push_back({part, std::nullopt});
+        } else {
+            pairs.push_back({part.substr(0, equals), part.substr(equals + 1)});
+        }
+        if (end == std::string::npos) {
+            return pairs;
+        }
+        start = end + 1;
+    }
+}
+
+std::int64_t CollectorStore::save(const std::string& body,
+                                  std::chrono::system_clock::time_point receivedAt, int status) {
+    const std::vector<FormPair> pairs = parsePairs(body);
+    std::lock_guard lock(mutex_);
+    execute("BEGIN IMMEDIATE");
+    try {
+        Statement insertEvent = prepare(
+            database_, "INSERT INTO events (received_at, status, body) VALUES (?, ?, ?)");
+        bindText(insertEvent.get(), 1, isoTime(receivedAt));
+        sqlite3_bind_int(insertEvent.get(), 2, status);
+        sqlite3_bind_blob(insertEvent.get(), 3, body.data(), static_cast<int>(body.size()),
+                          SQLITE_TRANSIENT);
+        if (sqlite3_step(insertEvent.get()) != SQLITE_DONE) {
+            throw std::runtime_error(std::string("SQLite: ") + sqlite3_errmsg(database_));
+        }
+        const std::int64_t id = sqlite3_last_insert_rowid(database_);
+        Statement insertPair = prepare(
+            database_, "INSERT INTO pairs (event_id, position, key, value) VALUES (?, ?, ?, ?)");
+        for (std::size_t position = 0; position < pairs.size(); ++position) {
+            sqlite3_reset(insertPair.get());
+            sqlite3_bind_int64(insertPair.get(), 1, id);
+            sqlite3_bind_int64(insertPair.get(), 2, static_cast<sqlite3_int64>(position));
+            bindText(insertPair.get(), 3, pairs[position].key);
+            if (pairs[position].value) {
+                bindText(insertPair.get(), 4, *pairs[position].value);
+            } else {
+                sqlite3_bind_null(insertPair.get(), 4);
+            }
+            if (sqlite3_step(insertPair.get()) != SQLITE_DONE) {
+                throw std::runtime_error(std::string("SQLite: ") + sqlite3_errmsg(database_));
+            }
+        }
+        execute("COMMIT");
+        return id;
+    } catch (...) {
+        execute("ROLLBACK");
+        throw;
+    }
+}
+
+std::vector<StoredEvent> CollectorStore::events() const {
+    std::lock_guard lock(mutex_);
+    std::vector<StoredEvent> events;
+    Statement selectEvents =
+        prepare(database_, "SELECT id, received_at, status, body FROM events ORDER BY id");
+    while (sqlite3_step(selectEvents.get()) == SQLITE_ROW) {
+        StoredEvent event;
+        event.id = sqlite3_column_int64(selectEvents.get(), 0);
+        event.receivedAt = columnText(selectEvents.get(), 1);
+        event.status = sqlite3_column_int(selectEvents.get(), 2);
+        const auto* bytes = static_cast<const char*>(sqlite3_column_blob(selectEvents.get(), 3));
+        event.body.assign(bytes ? bytes : "",
+                          static_cast<std::size_t>(sqlite3_column_bytes(selectEvents.get(), 3)));
+        events.push_back(std::move(event));
+    }
+    Statement selectPairs = prepare(
+        database_, "SELECT event_id, key, value FROM pairs ORDER BY event_id, position");
+    std::size_t next = 0;
+    while (sqlite3_step(selectPairs.get()) == SQLITE_ROW) {
+        const std::int64_t eventId = sqlite3_column_int64(selectPairs.get(), 0);
+        while (next < events.size() && events[next].id < eventId) {
+            ++next;
+        }
+        if (next == events.size()) {
+            break;
+        }
+        FormPair pair{columnText(selectPairs.get(), 1), std::nullopt};
+        if (sqlite3_column_type(selectPairs.get(), 2) != SQLITE_NULL) {
+            pair.value = columnText(selectPairs.get(), 2);
+        }
+        events[next].pairs.push_back(std::move(pair));
+    }
+    return events;
+}
+
+std::string CollectorStore::defaultPath() {
+    const char* dataHome = std::getenv("XDG_DATA_HOME");
+    std::filesystem::path base;
+    if (dataHome != nullptr && *dataHome != '\0') {
+        base = dataHome;
+    } else {
+        const char* home = std::getenv("HOME");
+        base = std::filesystem::path(home ? home : ".") / ".local" / "share";
+    }
+    return (base / "NorvAnalytic" / "collector.sqlite").string();
+}
+
+void CollectorStore::execute(const char* sql) const {
+    char* message = nullptr;
+    if (sqlite3_exec(database_, sql, nullptr, nullptr, &message) != SQLITE_OK) {
+        const std::string reason = message ? message : "unknown error";
+        sqlite3_free(message);
+        throw std::runtime_error("SQLite: " + reason);
+    }
+}
+
+}  // namespace NorvAnalytic::Collector
