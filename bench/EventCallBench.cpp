@@ -1,0 +1,166 @@
+#include <NorvAnalytic/CurlHttpClient.h>
+#include <NorvAnalytic/KeychainBackend.h>
+#include <NorvAnalytic/NorvAnalytics.h>
+#include <NorvAnalytic/Platform.h>
+
+#include <benchmark/benchmark.h>
+#include <httplib.h>
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/CountingHttpClient.h"
+
+// What one public event call costs the host's thread: building the event and handing it to
+// the HTTP client, never waiting for the network. Delivery goes to a real server on loopback
+// and is drained between runs, so one run's backlog never slows the next.
+namespace {
+
+using NorvAnalytic::NorvAnalytics;
+using Clock = std::chrono::steady_clock;
+
+constexpr int kMaxThreads = 8;
+
+// Answers every event at once, as a collection server that accepts everything.
+class AcceptingServer {
+public:
+    AcceptingServer() {
+        server_.set_tcp_nodelay(true);
+        server_.Post("/api/v3/saveEvent", [](const httplib::Request&, httplib::Response& answer) {
+            answer.set_content(R"({"message":"Event saved","code":200,"payload":null})",
+                               "application/json");
+        });
+        port_ = server_.bind_to_any_port("127.0.0.1");
+        thread_ = std::thread([this] { server_.listen_after_bind(); });
+        while (!server_.is_running()) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+    ~AcceptingServer() {
+        server_.stop();
+        thread_.join();
+    }
+    AcceptingServer(const AcceptingServer&) = delete;
+    AcceptingServer& operator=(const AcceptingServer&) = delete;
+
+    std::string url() const {
+        return "http://127.0.0.1:" + std::to_string(port_) + "/api/v3/saveEvent";
+    }
+
+private:
+    httplib::Server server_;
+    std::thread thread_;
+    int port_ = 0;
+};
+
+// The SDK started against the local server, with a keychain of its own in a scratch directory.
+class StartedSdk {
+public:
+    StartedSdk()
+        : directory_(std::filesystem::temp_directory_path() /
+                     ("norv-event-call-bench-" + std::to_string(getpid()))),
+          client_(std::make_shared<NorvAnalytic::Testing::CountingHttpClient>(
+              std::make_shared<NorvAnalytic::CurlHttpClient>())) {
+        NorvAnalytic::Platform::setKeychainBackend(
+            NorvAnalytic::KeychainBackend::makeFileBackend((directory_ / "keychain.sqlite")
+                                                               .string()));
+        NorvAnalytic::Platform::setHttpClient(client_);
+        NorvAnalytics::initWithKey(std::string("bench-key"));
+        NorvAnalytics::sharedController().setUrlString(server_.url());
+    }
+    ~StartedSdk() {
+        client_->waitForAll();
+        std::filesystem::remove_all(directory_);
+    }
+    StartedSdk(const StartedSdk&) = delete;
+    StartedSdk& operator=(const StartedSdk&) = delete;
+
+    void drain() { client_->waitForAll(); }
+
+private:
+    AcceptingServer server_;
+    std::filesystem::path directory_;
+    std::shared_ptr<NorvAnalytic::Testing::CountingHttpClient> client_;
+};
+
+StartedSdk& sdk() {
+    static StartedSdk started;
+    return started;
+}
+
+// Per-call times of every thread of the current run; each thread writes only its own row.
+std::vector<std::vector<std::int64_t>>& samples() {
+    static std::vector<std::vector<std::int64_t>> rows(kMaxThreads);
+    return rows;
+}
+
+std::int64_t percentile(std::vector<std::int64_t>& sorted, double fraction) {
+    const auto index = static_cast<std::size_t>(fraction * static_cast<double>(sorted.size() - 1));
+    return sorted[index];
+}
+
+void measureCalls(benchmark::State& state, const std::function<void()>& call) {
+    if (state.thread_index() == 0) {
+        sdk().drain();
+    }
+    std::vector<std::int64_t>& mine = samples()[static_cast<std::size_t>(state.thread_index())];
+    mine.clear();
+    mine.reserve(static_cast<std::size_t>(state.max_iterations));
+    for (auto _ : state) {
+        const Clock::time_point start = Clock::now();
+        call();
+        mine.push_back(std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - start)
+                           .count());
+    }
+    // Every thread has passed the run's closing barrier, so all rows are complete here.
+    if (state.thread_index() == 0) {
+        std::vector<std::int64_t> all;
+        for (int thread = 0; thread < state.threads(); ++thread) {
+            const auto& row = samples()[static_cast<std::size_t>(thread)];
+            all.insert(all.end(), row.begin(), row.end());
+        }
+        std::sort(all.begin(), all.end());
+        state.counters["median_ns"] = static_cast<double>(percentile(all, 0.50));
+        state.counters["p99_ns"] = static_cast<double>(percentile(all, 0.99));
+        state.counters["calls"] = static_cast<double>(all.size());
+    }
+}
+
+void BM_sendEventWithPageName(benchmark::State& state) {
+    measureCalls(state, [] { NorvAnalytics::sendEventWithPageName(std::string("Settings")); });
+}
+
+void BM_sendAppOpenEvent(benchmark::State& state) {
+    measureCalls(state, [] { NorvAnalytics::sendAppOpenEvent(); });
+}
+
+void BM_sendUserLoginEventWithParameters(benchmark::State& state) {
+    measureCalls(state, [] {
+        NorvAnalytics::sendUserLoginEventWithParameters(
+            std::string(R"({"username":"alice","warehouse":"north"})"),
+            std::string(R"({"token":"abc","expires":3600})"), std::string("alice"));
+    });
+}
+
+// Iterations are fixed so that every thread count sends a bounded number of events.
+BENCHMARK(BM_sendEventWithPageName)->Iterations(20'000)->UseRealTime();
+BENCHMARK(BM_sendEventWithPageName)->Iterations(5'000)->Threads(kMaxThreads)->UseRealTime();
+BENCHMARK(BM_sendAppOpenEvent)->Iterations(20'000)->UseRealTime();
+BENCHMARK(BM_sendAppOpenEvent)->Iterations(5'000)->Threads(kMaxThreads)->UseRealTime();
+BENCHMARK(BM_sendUserLoginEventWithParameters)->Iterations(20'000)->UseRealTime();
+BENCHMARK(BM_sendUserLoginEventWithParameters)
+    ->Iterations(5'000)
+    ->Threads(kMaxThreads)
+    ->UseRealTime();
+
+}  // namespace
+
+BENCHMARK_MAIN();

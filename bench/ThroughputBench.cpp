@@ -1,0 +1,93 @@
+#include <NorvAnalytic/CurlHttpClient.h>
+#include <NorvAnalytic/KeychainBackend.h>
+#include <NorvAnalytic/NorvAnalytics.h>
+#include <NorvAnalytic/Platform.h>
+
+#include <benchmark/benchmark.h>
+
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <string>
+
+#include "support/CountingHttpClient.h"
+
+// Events per second delivered end to end: public event calls on one host thread, the SDK's
+// HTTP client, a real server on loopback (bench/run-throughput.sh starts nginx and passes its
+// URL in NORV_THROUGHPUT_URL), every answer handed back to the SDK's main queue.
+namespace {
+
+using NorvAnalytic::NorvAnalytics;
+
+constexpr int kEvents = 100'000;
+
+// The process's resident memory in kB, as the kernel reports it.
+double residentKilobytes() {
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.rfind("VmRSS:", 0) == 0) {
+            return std::stod(line.substr(6));
+        }
+    }
+    return 0.0;
+}
+
+std::shared_ptr<NorvAnalytic::Testing::CountingHttpClient>& countingClient() {
+    static auto client = std::make_shared<NorvAnalytic::Testing::CountingHttpClient>(
+        std::make_shared<NorvAnalytic::CurlHttpClient>());
+    return client;
+}
+
+void BM_DeliverEvents(benchmark::State& state) {
+    NorvAnalytic::Testing::CountingHttpClient& client = *countingClient();
+    const double before = residentKilobytes();
+    const auto start = std::chrono::steady_clock::now();
+    for (auto _ : state) {
+        for (int event = 0; event < kEvents; ++event) {
+            NorvAnalytics::sendEventWithPageName(std::string("Settings"));
+        }
+        if (!client.waitForAll(std::chrono::minutes(5))) {
+            state.SkipWithError("not every event was delivered within five minutes");
+        }
+    }
+    const double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    const double after = residentKilobytes();
+    state.counters["events_per_s"] = kEvents / seconds;
+    state.counters["VmRSS_before_kB"] = before;
+    state.counters["VmRSS_after_kB"] = after;
+    state.counters["VmRSS_growth_kB"] = after - before;
+}
+// Three runs in one process: after the first, memory must stay where it is.
+BENCHMARK(BM_DeliverEvents)->Iterations(1)->Repetitions(3)->UseRealTime()->Unit(
+    benchmark::kMillisecond);
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const char* url = std::getenv("NORV_THROUGHPUT_URL");
+    if (url == nullptr) {
+        std::cerr << "throughput_bench: set NORV_THROUGHPUT_URL (bench/run-throughput.sh does)\n";
+        return 2;
+    }
+    const std::filesystem::path directory =
+        std::filesystem::temp_directory_path() /
+        ("norv-throughput-bench-" + std::to_string(getpid()));
+    NorvAnalytic::Platform::setKeychainBackend(
+        NorvAnalytic::KeychainBackend::makeFileBackend((directory / "keychain.sqlite").string()));
+    NorvAnalytic::Platform::setHttpClient(countingClient());
+    NorvAnalytics::initWithKey(std::string("bench-key"));
+    NorvAnalytics::sharedController().setUrlString(std::string(url));
+
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    std::filesystem::remove_all(directory);
+    return 0;
+}

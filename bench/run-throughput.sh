@@ -1,0 +1,64 @@
+#!/bin/bash
+# Measures events per second delivered end to end: starts Debian's nginx on a free loopback
+# port with a fixed collection answer, runs throughput_bench against it, stops nginx.
+# usage: bench/run-throughput.sh [path/to/throughput_bench] [benchmark options...]
+set -euo pipefail
+
+here=$(cd "$(dirname "$0")" && pwd)
+bench=${1:-$here/../build/bench/throughput_bench}
+shift || true
+nginx=${NGINX:-/usr/sbin/nginx}
+[ -x "$bench" ] || { echo "run-throughput.sh: no benchmark at $bench" >&2; exit 2; }
+[ -x "$nginx" ] || { echo "run-throughput.sh: nginx not found at $nginx" >&2; exit 2; }
+
+work=$(mktemp -d /tmp/norv-throughput.XXXXXX)
+chmod 755 "$work"
+nginx_pid=
+cleanup() {
+    if [ -n "$nginx_pid" ] && kill -0 "$nginx_pid" 2>/dev/null; then
+        kill -QUIT "$nginx_pid"
+        wait "$nginx_pid" 2>/dev/null || true
+    fi
+    rm -rf "$work"
+}
+trap cleanup EXIT
+
+port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+
+cat >"$work/nginx.conf" <<CONF
+daemon off;
+master_process on;
+worker_processes 1;
+pid $work/nginx.pid;
+error_log $work/error.log warn;
+events { worker_connections 1024; }
+http {
+    access_log off;
+    client_body_temp_path $work/body;
+    proxy_temp_path $work/proxy;
+    fastcgi_temp_path $work/fastcgi;
+    uwsgi_temp_path $work/uwsgi;
+    scgi_temp_path $work/scgi;
+    keepalive_requests 1000000;
+    keepalive_timeout 60s;
+    server {
+        listen 127.0.0.1:$port;
+        location / {
+            default_type application/json;
+            return 200 '{"message":"ok","code":200,"payload":null}';
+        }
+    }
+}
+CONF
+
+"$nginx" -p "$work" -c "$work/nginx.conf" &
+nginx_pid=$!
+for _ in $(seq 100); do
+    if (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; then
+        break
+    fi
+    sleep 0.05
+done
+
+echo "nginx $($nginx -v 2>&1 | sed 's/.*nginx\///') on 127.0.0.1:$port"
+NORV_THROUGHPUT_URL="http://127.0.0.1:$port/api/v3/saveEvent" "$bench" "$@"
