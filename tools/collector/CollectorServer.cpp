@@ -82,6 +82,8 @@ void answerBadRequest(httplib::Response& response, const std::string& reason) {
 CollectorServer::CollectorServer(CollectorStore& store, Steering steering)
     : store_(store), server_(std::make_unique<httplib::Server>()),
       steering_(std::move(steering)) {
+    // Without it every answer waits for the client's delayed acknowledgement.
+    server_->set_tcp_nodelay(true);
     route();
 }
 
