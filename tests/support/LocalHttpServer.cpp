@@ -35,6 +35,8 @@ LocalHttpServer::LocalHttpServer() : server_(std::make_unique<httplib::Server>()
     // Clients keep connections open; a short keep-alive lets the server stop without waiting.
     server_->set_keep_alive_timeout(1);
     server_->set_payload_max_length(64 * 1024 * 1024);
+    // Headers and body go out in two writes; without this each answer waits for a delayed ACK.
+    server_->set_tcp_nodelay(true);
     port_ = server_->bind_to_any_port("127.0.0.1");
     thread_ = std::thread([this] { server_->listen_after_bind(); });
 }
