@@ -36,20 +36,23 @@ class CurlHttpClient::Impl {
 public:
     enum class StopMode { CompletePending, DropPending };
 
+    // The registry is only ever taken before a client's own mutex, never while holding it.
     Impl() {
         initializeCurlOnce();
         multi_ = curl_multi_init();
         curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, kMaxConnectionsPerHost);
+        Registry& registry = Registry::instance();
+        std::lock_guard lock(registry.mutex);
+        registry.clients.insert(this);
     }
 
     ~Impl() {
-        stop(StopMode::CompletePending);
-        if (state_ == State::Idle) {
-            curl_multi_cleanup(multi_);
+        {
+            Registry& registry = Registry::instance();
+            std::lock_guard lock(registry.mutex);
+            registry.clients.erase(this);
         }
-        Registry& registry = Registry::instance();
-        std::lock_guard lock(registry.mutex);
-        registry.clients.erase(this);
+        stop(StopMode::CompletePending);
     }
 
     Impl(const Impl&) = delete;
@@ -86,18 +89,27 @@ public:
 
     // Stops the network thread and waits for it. Pending requests either complete with an
     // error (a client that is destroyed) or are dropped unseen (a process that is exiting).
+    // A client that never started is stopped for good, so nothing starts during exit.
     void stop(StopMode mode) {
+        std::thread thread;
         {
             std::lock_guard lock(mutex_);
+            if (state_ == State::Idle) {
+                state_ = State::Stopped;
+                curl_multi_cleanup(multi_);
+                return;
+            }
             if (state_ == State::Running && !stopRequested_) {
                 stopRequested_ = true;
                 stopMode_ = mode;
                 curl_multi_wakeup(multi_);
             }
+            if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id()) {
+                thread = std::move(thread_);
+            }
         }
-        std::lock_guard joinLock(joinMutex_);
-        if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id()) {
-            thread_.join();
+        if (thread.joinable()) {
+            thread.join();
         }
     }
 
@@ -155,11 +167,6 @@ private:
     }
 
     void startLocked() {
-        {
-            Registry& registry = Registry::instance();
-            std::lock_guard registryLock(registry.mutex);
-            registry.clients.insert(this);
-        }
         state_ = State::Running;
         thread_ = std::thread([this] { run(); });
     }
@@ -358,7 +365,6 @@ private:
     Config config_;
     std::uint64_t configVersion_ = 0;
 
-    std::mutex joinMutex_;
     std::thread thread_;
 
     // Owned by the network thread.
