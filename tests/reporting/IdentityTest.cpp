@@ -7,16 +7,13 @@
 #include <cstdlib>
 #include <fstream>
 #include <regex>
-#include <spawn.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include "keychain/FileKeychainBackend.h"
 #include "reporting/DeviceIdentity.h"
+#include "support/ChildProcess.h"
 #include "support/FixedDevice.h"
 #include "support/ScratchKeychain.h"
-
-extern char** environ;
 
 namespace NorvAnalytic {
 namespace {
@@ -79,27 +76,9 @@ TEST(Identity, OneUUIDIsMadeAndKeptAcrossProcesses) {
 
     // Another process on the same store reads the same UUID.
     const std::filesystem::path answer = keychain.directory() / "child-uuid.txt";
-    const std::string self = std::filesystem::read_symlink("/proc/self/exe");
-    std::vector<std::string> arguments = {self, "--gtest_filter=Identity.ChildReportsUUID"};
-    std::vector<std::string> environment = {"NORV_CHILD_KEYCHAIN=" + keychain.path().string(),
-                                            "NORV_CHILD_ANSWER=" + answer.string()};
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-        environment.emplace_back(*entry);
-    }
-    std::vector<char*> argv;
-    for (auto& argument : arguments) {
-        argv.push_back(argument.data());
-    }
-    argv.push_back(nullptr);
-    std::vector<char*> envp;
-    for (auto& variable : environment) {
-        envp.push_back(variable.data());
-    }
-    envp.push_back(nullptr);
-    pid_t child = 0;
-    ASSERT_EQ(posix_spawn(&child, self.c_str(), nullptr, nullptr, argv.data(), envp.data()), 0);
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
+    const int status = Testing::runChildProcess(
+        {Testing::selfExecutable(), "--gtest_filter=Identity.ChildReportsUUID"},
+        {"NORV_CHILD_KEYCHAIN=" + keychain.path().string(), "NORV_CHILD_ANSWER=" + answer.string()});
     ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     std::ifstream in(answer);
     std::string childUUID;
