@@ -2,6 +2,10 @@
 #include <NorvAnalytic/Platform.h>
 
 #include <gtest/gtest.h>
+#include <httplib.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/x509v3.h>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -10,7 +14,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <future>
 #include <memory>
 #include <set>
@@ -76,6 +82,57 @@ public:
 private:
     int fd_;
     int port_ = 0;
+};
+
+// A self-signed certificate for "localhost", made in memory and written out as a CA file.
+class LocalhostCertificate {
+public:
+    LocalhostCertificate()
+        : key_(EVP_EC_gen("P-256")), certificate_(X509_new()),
+          path_(std::filesystem::temp_directory_path() /
+                ("norv-curl-test-ca-" + std::to_string(getpid()) + ".pem")) {
+        X509_set_version(certificate_, 2);
+        ASN1_INTEGER_set(X509_get_serialNumber(certificate_), 1);
+        X509_gmtime_adj(X509_getm_notBefore(certificate_), -60);
+        X509_gmtime_adj(X509_getm_notAfter(certificate_), 3600);
+        X509_set_pubkey(certificate_, key_);
+        X509_NAME* name = X509_get_subject_name(certificate_);
+        X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
+                                   reinterpret_cast<const unsigned char*>("localhost"), -1, -1,
+                                   0);
+        X509_set_issuer_name(certificate_, name);
+        addExtension(NID_subject_alt_name, "DNS:localhost");
+        addExtension(NID_basic_constraints, "critical,CA:TRUE");
+        X509_sign(certificate_, key_, EVP_sha256());
+        FILE* file = std::fopen(path_.c_str(), "w");
+        PEM_write_X509(file, certificate_);
+        std::fclose(file);
+    }
+    ~LocalhostCertificate() {
+        X509_free(certificate_);
+        EVP_PKEY_free(key_);
+        std::filesystem::remove(path_);
+    }
+    LocalhostCertificate(const LocalhostCertificate&) = delete;
+    LocalhostCertificate& operator=(const LocalhostCertificate&) = delete;
+
+    X509* certificate() const { return certificate_; }
+    EVP_PKEY* key() const { return key_; }
+    std::string path() const { return path_.string(); }
+
+private:
+    void addExtension(int nid, const char* value) {
+        X509V3_CTX context;
+        X509V3_set_ctx_nodb(&context);
+        X509V3_set_ctx(&context, certificate_, certificate_, nullptr, nullptr, 0);
+        X509_EXTENSION* extension = X509V3_EXT_conf_nid(nullptr, &context, nid, value);
+        X509_add_ext(certificate_, extension, -1);
+        X509_EXTENSION_free(extension);
+    }
+
+    EVP_PKEY* key_;
+    X509* certificate_;
+    std::filesystem::path path_;
 };
 
 TEST(CurlHttpClientTest, DeliversExactBytesAndReturnsStatusAndBody) {
@@ -167,6 +224,46 @@ TEST(CurlHttpClientTest, ConnectToRoutesAHostToAnotherAddress) {
     EXPECT_EQ(outcome.response->statusCode, 200);
     ASSERT_EQ(server.bodies().size(), 1U);
     EXPECT_EQ(server.bodies()[0], "value=2");
+}
+
+TEST(CurlHttpClientTest, VerifiesTlsPeersAgainstTheConfiguredAuthority) {
+    LocalhostCertificate certificate;
+    httplib::SSLServer server(certificate.certificate(), certificate.key());
+    // Clients keep their connections open; the server must not wait long for them at stop().
+    server.set_keep_alive_timeout(1);
+    server.Post("/api/v3/saveEvent",
+                [](const httplib::Request& request, httplib::Response& answer) {
+                    answer.set_content("secure " + request.body, "text/plain");
+                });
+    const int port = server.bind_to_any_port("127.0.0.1");
+    std::thread serving([&] { server.listen_after_bind(); });
+    while (!server.is_running()) {
+        std::this_thread::sleep_for(1ms);
+    }
+    const std::string url = "https://localhost:" + std::to_string(port) + "/api/v3/saveEvent";
+    const std::string address = "127.0.0.1:" + std::to_string(port);
+
+    // The system's authorities do not know this certificate: no answer is accepted.
+    CurlHttpClient untrusting;
+    untrusting.connectTo("localhost:" + std::to_string(port), address);
+    auto refused = post(untrusting, url, "value=1");
+    Outcome unverified = await(refused);
+    EXPECT_FALSE(unverified.data.has_value());
+    EXPECT_FALSE(unverified.response.has_value());
+    EXPECT_NE(unverified.error.value_or("").find("certificate"), std::string::npos)
+        << unverified.error.value_or("");
+
+    CurlHttpClient trusting;
+    trusting.setCaInfo(certificate.path());
+    trusting.connectTo("localhost:" + std::to_string(port), address);
+    auto accepted = post(trusting, url, "value=1");
+    Outcome verified = await(accepted);
+    ASSERT_TRUE(verified.response.has_value()) << verified.error.value_or("");
+    EXPECT_EQ(verified.response->statusCode, 200);
+    EXPECT_EQ(verified.data, "secure value=1");
+
+    server.stop();
+    serving.join();
 }
 
 TEST(CurlHttpClientTest, RequestsFromManyThreadsAllCompleteExactlyOnce) {
