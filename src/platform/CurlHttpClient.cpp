@@ -182,6 +182,7 @@ private:
     void run() {
         transfers_.reserve(kMaxActiveTransfers);
         idle_.reserve(kMaxActiveTransfers);
+        batch_.reserve(kMaxActiveTransfers);
         while (true) {
             if (!takeNewRequests()) {
                 break;
@@ -197,25 +198,32 @@ private:
         shutDown();
     }
 
-    // Moves queued requests into free transfers; false once a stop was requested.
+    // Starts the queued requests that fit; false once a stop was requested. Only the hand-over
+    // happens under the lock, so a send() never waits while handles are being set up.
     bool takeNewRequests() {
-        std::lock_guard lock(mutex_);
-        wakePending_ = false;
-        if (stopRequested_) {
-            return false;
+        {
+            std::lock_guard lock(mutex_);
+            wakePending_ = false;
+            if (stopRequested_) {
+                return false;
+            }
+            if (appliedConfigVersion_ != configVersion_) {
+                applyConfigLocked();
+            }
+            while (!queue_.empty() && active_ + batch_.size() < kMaxActiveTransfers) {
+                batch_.push_back(std::move(queue_.front()));
+                queue_.pop_front();
+            }
         }
-        if (appliedConfigVersion_ != configVersion_) {
-            applyConfigLocked();
-        }
-        while (!queue_.empty() && active_ < kMaxActiveTransfers) {
+        for (Pending& pending : batch_) {
             Transfer& transfer = freeTransfer();
-            transfer.pending = std::move(queue_.front());
-            queue_.pop_front();
+            transfer.pending = std::move(pending);
             configure(transfer);
             curl_multi_add_handle(multi_, transfer.easy);
             transfer.inMulti = true;
             ++active_;
         }
+        batch_.clear();
         return true;
     }
 
@@ -370,6 +378,7 @@ private:
     // Owned by the network thread.
     std::vector<std::unique_ptr<Transfer>> transfers_;
     std::vector<Transfer*> idle_;
+    std::vector<Pending> batch_;
     std::size_t active_ = 0;
     curl_slist* connectTo_ = nullptr;
     std::string caInfo_;

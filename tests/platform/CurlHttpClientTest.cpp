@@ -226,6 +226,34 @@ TEST(CurlHttpClientTest, ConnectToRoutesAHostToAnotherAddress) {
     EXPECT_EQ(server.bodies()[0], "value=2");
 }
 
+TEST(CurlHttpClientTest, FollowsRedirects) {
+    httplib::Server server;
+    server.set_keep_alive_timeout(1);
+    server.Post("/moved", [](const httplib::Request&, httplib::Response& answer) {
+        answer.set_redirect("/api/v3/saveEvent", 307);
+    });
+    server.Post("/api/v3/saveEvent", [](const httplib::Request& request,
+                                        httplib::Response& answer) {
+        answer.set_content("arrived " + request.body, "text/plain");
+    });
+    const int port = server.bind_to_any_port("127.0.0.1");
+    std::thread serving([&] { server.listen_after_bind(); });
+    while (!server.is_running()) {
+        std::this_thread::sleep_for(1ms);
+    }
+    {
+        CurlHttpClient client;
+        auto future = post(client, "http://127.0.0.1:" + std::to_string(port) + "/moved",
+                           "value=3");
+        Outcome outcome = await(future);
+        ASSERT_TRUE(outcome.response.has_value()) << outcome.error.value_or("");
+        EXPECT_EQ(outcome.response->statusCode, 200);
+        EXPECT_EQ(outcome.data, "arrived value=3");
+    }
+    server.stop();
+    serving.join();
+}
+
 TEST(CurlHttpClientTest, VerifiesTlsPeersAgainstTheConfiguredAuthority) {
     LocalhostCertificate certificate;
     httplib::SSLServer server(certificate.certificate(), certificate.key());
