@@ -17,7 +17,7 @@
 #include <thread>
 #include <vector>
 
-#include "support/CountingHttpClient.h"
+#include "CompletionCounter.h"
 
 // What one public event call costs the host's thread: building the event and handing it to
 // the HTTP client, never waiting for the network. Delivery goes to a real server on loopback
@@ -67,7 +67,7 @@ public:
     StartedSdk()
         : directory_(std::filesystem::temp_directory_path() /
                      ("norv-event-call-bench-" + std::to_string(getpid()))),
-          client_(std::make_shared<NorvAnalytic::Testing::CountingHttpClient>(
+          client_(std::make_shared<CompletionCounter>(
               std::make_shared<NorvAnalytic::CurlHttpClient>())) {
         NorvAnalytic::Platform::setKeychainBackend(
             NorvAnalytic::KeychainBackend::makeFileBackend((directory_ / "keychain.sqlite")
@@ -77,18 +77,20 @@ public:
         NorvAnalytics::sharedController().setUrlString(server_.url());
     }
     ~StartedSdk() {
-        client_->waitForAll();
+        drain();
         std::filesystem::remove_all(directory_);
     }
     StartedSdk(const StartedSdk&) = delete;
     StartedSdk& operator=(const StartedSdk&) = delete;
 
-    void drain() { client_->waitForAll(); }
+    void drain() { client_->waitForAll(std::chrono::minutes(5)); }
+    NorvAnalytic::HttpClient& client() { return *client_; }
+    std::string url() const { return server_.url(); }
 
 private:
     AcceptingServer server_;
     std::filesystem::path directory_;
-    std::shared_ptr<NorvAnalytic::Testing::CountingHttpClient> client_;
+    std::shared_ptr<CompletionCounter> client_;
 };
 
 StartedSdk& sdk() {
@@ -150,6 +152,16 @@ void BM_sendUserLoginEventWithParameters(benchmark::State& state) {
     });
 }
 
+// The HTTP client's own share of every event call: queue the request and wake its thread.
+void BM_CurlHttpClientSend(benchmark::State& state) {
+    const std::string url = sdk().url();
+    const std::string body(300, 'x');
+    const NorvAnalytic::HttpClient::Completion ignoreAnswer = [](auto, auto, auto) {};
+    measureCalls(state, [&] {
+        sdk().client().send(NorvAnalytic::HttpRequest{"POST", url, body}, ignoreAnswer);
+    });
+}
+
 // Iterations are fixed so that every thread count sends a bounded number of events.
 BENCHMARK(BM_sendEventWithPageName)->Iterations(20'000)->UseRealTime();
 BENCHMARK(BM_sendEventWithPageName)->Iterations(5'000)->Threads(kMaxThreads)->UseRealTime();
@@ -160,6 +172,8 @@ BENCHMARK(BM_sendUserLoginEventWithParameters)
     ->Iterations(5'000)
     ->Threads(kMaxThreads)
     ->UseRealTime();
+BENCHMARK(BM_CurlHttpClientSend)->Iterations(20'000)->UseRealTime();
+BENCHMARK(BM_CurlHttpClientSend)->Iterations(5'000)->Threads(kMaxThreads)->UseRealTime();
 
 }  // namespace
 

@@ -7,7 +7,6 @@
 
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -15,7 +14,8 @@
 #include <iostream>
 #include <memory>
 #include <string>
-#include <thread>
+
+#include "CompletionCounter.h"
 
 // Events per second delivered end to end: public event calls on one host thread, the SDK's
 // HTTP client, a real server on loopback (bench/run-throughput.sh starts nginx and passes its
@@ -37,44 +37,6 @@ double residentKilobytes() {
     }
     return 0.0;
 }
-
-// Counts the completions of the client it wraps. Counting is one atomic increment and the
-// reader polls, so the count itself wakes no thread and adds no lock to the delivery path.
-class CompletionCounter final : public NorvAnalytic::HttpClient {
-public:
-    explicit CompletionCounter(std::shared_ptr<NorvAnalytic::HttpClient> inner)
-        : inner_(std::move(inner)) {}
-
-    void send(NorvAnalytic::HttpRequest request, Completion completion) override {
-        sent_.fetch_add(1, std::memory_order_relaxed);
-        inner_->send(std::move(request),
-                     [this, completion = std::move(completion)](
-                         std::optional<std::string> data,
-                         std::optional<NorvAnalytic::HttpResponse> response,
-                         std::optional<std::string> error) {
-                         completion(std::move(data), response, std::move(error));
-                         completed_.fetch_add(1, std::memory_order_release);
-                     });
-    }
-
-    // Waits until every request sent so far has completed; false after the timeout.
-    bool waitForAll(std::chrono::steady_clock::duration timeout) const {
-        const auto deadline = std::chrono::steady_clock::now() + timeout;
-        const std::size_t target = sent_.load(std::memory_order_relaxed);
-        while (completed_.load(std::memory_order_acquire) < target) {
-            if (std::chrono::steady_clock::now() > deadline) {
-                return false;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        return true;
-    }
-
-private:
-    std::shared_ptr<NorvAnalytic::HttpClient> inner_;
-    std::atomic<std::size_t> sent_{0};
-    std::atomic<std::size_t> completed_{0};
-};
 
 // Installed for the whole process and never destroyed: its completions may outlive main.
 const std::shared_ptr<CompletionCounter>& completionCounter() {
