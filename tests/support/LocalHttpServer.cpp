@@ -30,8 +30,6 @@ LocalHttpServer::LocalHttpServer() : server_(std::make_unique<httplib::Server>()
         response.set_content(answer.body, answer.contentType.c_str());
     };
     server_->Post(".*", handler);
-    // Without it every answer waits for the client's delayed acknowledgement.
-    server_->set_tcp_nodelay(true);
     // Clients keep connections open; a short keep-alive lets the server stop without waiting.
     server_->set_keep_alive_timeout(1);
     server_->set_payload_max_length(64 * 1024 * 1024);
