@@ -1,6 +1,7 @@
 #include <NorvAnalytic/CurlHttpClient.h>
 
 #include <curl/curl.h>
+#include <pthread.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -180,6 +181,7 @@ private:
     }
 
     void run() {
+        pthread_setname_np(pthread_self(), "norv-http");
         transfers_.reserve(kMaxActiveTransfers);
         idle_.reserve(kMaxActiveTransfers);
         batch_.reserve(kMaxActiveTransfers);

@@ -94,6 +94,11 @@ TEST_F(CollectorTest, StoresRawBodyAndPairsOfEveryEvent) {
     EXPECT_EQ(events[0].receivedAt.size(), 24U);
 }
 
+TEST_F(CollectorTest, RefusesAPortAnotherCollectorHolds) {
+    CollectorServer second(store_);
+    EXPECT_THROW(second.start("127.0.0.1", port_), std::runtime_error);
+}
+
 TEST_F(CollectorTest, SteersAppOpenAnswersOnly) {
     server_.setSteering(Steering{false, VersionOffer{"9.9.9", "https://example.test/m.plist"},
                                  std::nullopt, false});

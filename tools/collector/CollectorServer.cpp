@@ -3,6 +3,8 @@
 #include <httplib.h>
 #include <nlohmann/json.hpp>
 
+#include <sys/socket.h>
+
 #include <chrono>
 #include <stdexcept>
 
@@ -84,15 +86,21 @@ CollectorServer::CollectorServer(CollectorStore& store, Steering steering)
       steering_(std::move(steering)) {
     // Without it every answer waits for the client's delayed acknowledgement.
     server_->set_tcp_nodelay(true);
+    // httplib's default also sets SO_REUSEPORT, which would let a second collector share the
+    // port silently; a restart only needs SO_REUSEADDR.
+    server_->set_socket_options([](int socket) {
+        const int on = 1;
+        setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    });
     route();
 }
 
 CollectorServer::~CollectorServer() { stop(); }
 
 int CollectorServer::start(const std::string& host, int port) {
-    const bool bound = port == 0 ? (port = server_->bind_to_any_port(host)) > 0
-                                 : server_->bind_to_port(host, port);
-    if (!bound) {
+    const int bound = port == 0 ? server_->bind_to_any_port(host)
+                                : (server_->bind_to_port(host, port) ? port : -1);
+    if (bound <= 0) {
         throw std::runtime_error("cannot listen on " + host + ":" + std::to_string(port));
     }
     thread_ = std::thread([this] { server_->listen_after_bind(); });
@@ -100,7 +108,7 @@ int CollectorServer::start(const std::string& host, int port) {
     while (!server_->is_running()) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    return port;
+    return bound;
 }
 
 void CollectorServer::stop() {
