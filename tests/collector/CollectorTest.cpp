@@ -92,6 +92,12 @@ TEST_F(CollectorTest, StoresRawBodyAndPairsOfEveryEvent) {
     EXPECT_EQ(events[0].pairs[4].key, " Garden");
     EXPECT_EQ(events[0].value("device_uuid"), "ABC-123");
     EXPECT_EQ(events[0].receivedAt.size(), 24U);
+
+    // Form bodies far over httplib's own 8 KiB form limit are taken whole.
+    const std::string large = "key=K&endpoint=" + std::string(200 * 1024, 'e') + "&type=1";
+    ASSERT_TRUE(postEvent(large));
+    EXPECT_EQ(CollectorStore((directory_ / "collector.sqlite").string()).events().at(1).body,
+              large);
 }
 
 TEST_F(CollectorTest, RefusesAPortAnotherCollectorHolds) {

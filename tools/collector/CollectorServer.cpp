@@ -139,8 +139,16 @@ void CollectorServer::refuse(int status, int count, std::optional<std::string> b
 }
 
 void CollectorServer::route() {
-    server_->Post("/api/v3/saveEvent", [this](const httplib::Request& request,
-                                               httplib::Response& response) {
+    // The body is read through a content reader: when httplib parses a form body itself it
+    // refuses anything over 8 KiB, and an event may be far larger.
+    server_->Post("/api/v3/saveEvent", [this](const httplib::Request&,
+                                               httplib::Response& response,
+                                               const httplib::ContentReader& reader) {
+        std::string body;
+        reader([&body](const char* data, std::size_t length) {
+            body.append(data, length);
+            return true;
+        });
         const auto receivedAt = std::chrono::system_clock::now();
         int status = 200;
         std::string answer;
@@ -151,12 +159,12 @@ void CollectorServer::route() {
                 status = refusal_.status;
                 answer = refusalBody(refusal_);
             } else {
-                const Json payload = isAppOpen(request.body) ? payloadJson(steering_) : nullptr;
+                const Json payload = isAppOpen(body) ? payloadJson(steering_) : nullptr;
                 answer = Json{{"message", "Event saved"}, {"code", 200}, {"payload", payload}}
                              .dump();
             }
         }
-        store_.save(request.body, receivedAt, status);
+        store_.save(body, receivedAt, status);
         response.status = status;
         response.set_content(answer, "application/json");
     });
