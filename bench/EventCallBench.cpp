@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <chrono>
 #include <filesystem>
 #include <functional>
@@ -18,6 +19,7 @@
 #include <vector>
 
 #include "CompletionCounter.h"
+#include "keychain/SecretServiceKeychainBackend.h"
 
 // What one public event call costs the host's thread: building the event and handing it to
 // the HTTP client, never waiting for the network. Delivery goes to a real server on loopback
@@ -69,9 +71,18 @@ public:
                      ("norv-event-call-bench-" + std::to_string(getpid()))),
           client_(std::make_shared<CompletionCounter>(
               std::make_shared<NorvAnalytic::CurlHttpClient>())) {
-        NorvAnalytic::Platform::setKeychainBackend(
-            NorvAnalytic::KeychainBackend::makeFileBackend((directory_ / "keychain.sqlite")
-                                                               .string()));
+        // NORV_BENCH_KEYCHAIN=secret-service measures against the Secret Service instead, in
+        // the daemon's in-memory collection.
+        const char* keychain = std::getenv("NORV_BENCH_KEYCHAIN");
+        if (keychain != nullptr && std::string(keychain) == "secret-service") {
+            NorvAnalytic::Platform::setKeychainBackend(
+                std::make_shared<NorvAnalytic::SecretServiceKeychainBackend>(
+                    NorvAnalytic::SecretServiceKeychainBackend::kDefaultSchemaName, "session"));
+        } else {
+            NorvAnalytic::Platform::setKeychainBackend(
+                NorvAnalytic::KeychainBackend::makeFileBackend(
+                    (directory_ / "keychain.sqlite").string()));
+        }
         NorvAnalytic::Platform::setHttpClient(client_);
         NorvAnalytics::initWithKey(std::string("bench-key"));
         NorvAnalytics::sharedController().setUrlString(server_.url());
