@@ -5,19 +5,11 @@
 #include <fstream>
 #include <string>
 
+#include "ResidentMemory.h"
+
 namespace {
 
-// The process's resident memory in kB, as the kernel reports it.
-double residentKilobytes() {
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.rfind("VmRSS:", 0) == 0) {
-            return std::stod(line.substr(6));
-        }
-    }
-    return 0.0;
-}
+using NorvAnalytic::Bench::residentKilobytes;
 
 // The resend loop's connectivity test, over and over: a new Connection and one status each
 // time. Memory must not grow with the number of queries.

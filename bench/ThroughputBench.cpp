@@ -17,6 +17,8 @@
 
 #include "CompletionCounter.h"
 
+#include "ResidentMemory.h"
+
 // Events per second delivered end to end: public event calls on one host thread, the SDK's
 // HTTP client, a real server on loopback (bench/run-throughput.sh starts nginx and passes its
 // URL in NORV_THROUGHPUT_URL), every answer handed back to the SDK's main queue.
@@ -26,17 +28,7 @@ using NorvAnalytic::NorvAnalytics;
 
 constexpr int kEvents = 100'000;
 
-// The process's resident memory in kB, as the kernel reports it.
-double residentKilobytes() {
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.rfind("VmRSS:", 0) == 0) {
-            return std::stod(line.substr(6));
-        }
-    }
-    return 0.0;
-}
+using NorvAnalytic::Bench::residentKilobytes;
 
 // Installed for the whole process and never destroyed: its completions may outlive main.
 const std::shared_ptr<CompletionCounter>& completionCounter() {
