@@ -162,6 +162,10 @@ public:
             if (!valid_) {
                 return;
             }
+            // A one-shot timer is spent by firing, as a run-loop timer is.
+            if (!repeats_) {
+                valid_ = false;
+            }
         }
         action_();
     }
@@ -170,11 +174,6 @@ public:
         return std::chrono::duration_cast<Clock::duration>(interval_);
     }
     bool repeats() const { return repeats_; }
-    void markFiredLocked() {
-        if (!repeats_) {
-            valid_ = false;
-        }
-    }
 
 private:
     Impl& queue_;
@@ -211,7 +210,6 @@ void MainQueue::Impl::collectDueTimersLocked() {
     for (auto& fired : due) {
         auto timer = fired.timer;
         tasks_.push_back([timer] { timer->fire(); });
-        timer->markFiredLocked();
     }
     for (auto it = entries_.begin(); it != entries_.end();) {
         if (it->fireDate > now) {

@@ -13,6 +13,7 @@
 #include "reporting/DeviceIdentity.h"
 #include "support/ChildProcess.h"
 #include "support/FixedDevice.h"
+#include "support/RecordingLogSink.h"
 #include "support/ScratchKeychain.h"
 
 namespace NorvAnalytic {
@@ -109,7 +110,8 @@ TEST(Identity, ChildReportsUUID) {
     std::ofstream(answer) << NorvAnalytics::getNorvAnalyticUUID() << "\n";
 }
 
-TEST(Identity, StoreUserIdIsWrittenOnlyWhenItChanges) {
+TEST(Identity, StoreUserIdIsWrittenOnlyWhenItChangesAndNeverLogged) {
+    Testing::RecordingLogSink log;
     Testing::ScratchKeychain keychain;
     auto counting = std::make_shared<CountingBackend>(keychain.backend());
     Platform::setKeychainBackend(counting);
@@ -125,6 +127,10 @@ TEST(Identity, StoreUserIdIsWrittenOnlyWhenItChanges) {
     EXPECT_EQ(storedUserId(), "u-2");
     NorvAnalytics::saveStoreUserID(std::nullopt);
     EXPECT_EQ(storedUserId(), std::nullopt);
+    // Failures included, the keychain writes nothing to the console.
+    Platform::setKeychainBackend(std::make_shared<LockedBackend>());
+    NorvAnalytics::saveStoreUserID(std::string("u-3"));
+    EXPECT_TRUE(log.lines().empty());
 }
 
 TEST(Identity, LockedKeychainGivesAFreshUUIDEachTime) {
