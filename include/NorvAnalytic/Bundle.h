@@ -20,7 +20,6 @@ public:
     static std::shared_ptr<const Bundle> mainBundle();
     static void setMainBundle(std::shared_ptr<const Bundle> bundle);
     static std::shared_ptr<const Bundle> bundleWithIdentifier(const std::string& identifier);
-    static void registerBundle(std::shared_ptr<const Bundle> bundle);
 
     Text objectForInfoDictionaryKey(const std::string& key) const;
     const std::string& bundleIdentifier() const { return identifier_; }

@@ -56,15 +56,6 @@ std::shared_ptr<const Bundle> Bundle::bundleWithIdentifier(const std::string& id
     return found == shared.byIdentifier.end() ? nullptr : found->second;
 }
 
-void Bundle::registerBundle(std::shared_ptr<const Bundle> bundle) {
-    if (!bundle) {
-        return;
-    }
-    auto& shared = registry();
-    std::lock_guard lock(shared.mutex);
-    shared.byIdentifier[bundle->bundleIdentifier()] = std::move(bundle);
-}
-
 Text Bundle::objectForInfoDictionaryKey(const std::string& key) const {
     auto found = info_.find(key);
     if (found == info_.end()) {
