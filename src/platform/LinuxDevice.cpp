@@ -55,25 +55,35 @@ void LinuxDevice::setBatteryMonitoringEnabled(bool enabled) {
     }
 }
 
+const std::optional<std::filesystem::path>& LinuxDevice::batteryCapacityFile() {
+    std::call_once(batteryLookup_, [this] {
+        std::error_code error;
+        for (const auto& entry : std::filesystem::directory_iterator(powerSupplyRoot_, error)) {
+            if (readFirstLine(entry.path() / "type") == "Battery") {
+                batteryCapacityFile_ = entry.path() / "capacity";
+                return;
+            }
+        }
+    });
+    return batteryCapacityFile_;
+}
+
 float LinuxDevice::batteryLevel() {
     if (monitoring_.load() <= 0) {
         return -1.0F;
     }
-    std::error_code error;
-    for (const auto& entry : std::filesystem::directory_iterator(powerSupplyRoot_, error)) {
-        if (readFirstLine(entry.path() / "type") != "Battery") {
-            continue;
-        }
-        const std::string capacity = readFirstLine(entry.path() / "capacity");
-        try {
-            std::size_t used = 0;
-            const int percent = std::stoi(capacity, &used);
-            if (used > 0 && percent >= 0 && percent <= 100) {
-                return static_cast<float>(percent) / 100.0F;
-            }
-        } catch (const std::exception&) {
-        }
+    const auto& capacityFile = batteryCapacityFile();
+    if (!capacityFile) {
         return -1.0F;
+    }
+    const std::string capacity = readFirstLine(*capacityFile);
+    try {
+        std::size_t used = 0;
+        const int percent = std::stoi(capacity, &used);
+        if (used > 0 && percent >= 0 && percent <= 100) {
+            return static_cast<float>(percent) / 100.0F;
+        }
+    } catch (const std::exception&) {
     }
     return -1.0F;
 }

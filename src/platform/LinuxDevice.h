@@ -3,6 +3,9 @@
 #include <NorvAnalytic/Device.h>
 
 #include <atomic>
+#include <filesystem>
+#include <mutex>
+#include <optional>
 #include <string>
 
 namespace NorvAnalytic {
@@ -21,7 +24,13 @@ public:
     std::string machineIdentifier() override;
 
 private:
+    // The capacity file of the first battery, looked up once: batteries do not come and go
+    // under a running host, and every app-open event reads the level.
+    const std::optional<std::filesystem::path>& batteryCapacityFile();
+
     std::string powerSupplyRoot_;
+    std::once_flag batteryLookup_;
+    std::optional<std::filesystem::path> batteryCapacityFile_;
     std::string systemVersion_;
     std::string machineIdentifier_;
     // Monitoring is counted so that one thread switching it off cannot blind another's read.
