@@ -44,7 +44,7 @@ std::string& NorvAnalytics::addObject(const Text& object, const std::string& key
     }
     body += key;
     body += '=';
-    body += TextFormat::validUtf8(*object);
+    TextFormat::appendValidUtf8(body, *object);
     return body;
 }
 

@@ -56,29 +56,32 @@ std::string TextFormat::decimal(double value) {
 }
 
 std::string TextFormat::validUtf8(std::string_view text) {
+    std::string valid;
+    appendValidUtf8(valid, text);
+    return valid;
+}
+
+void TextFormat::appendValidUtf8(std::string& out, std::string_view text) {
     std::size_t offset = 0;
     while (offset < text.size()) {
         const std::size_t length = sequenceLength(text.substr(offset));
         if (length == 0) {
-            break;
-        }
-        offset += length;
-    }
-    if (offset == text.size()) {
-        return std::string(text);
-    }
-    std::string valid(text.substr(0, offset));
-    while (offset < text.size()) {
-        const std::size_t length = sequenceLength(text.substr(offset));
-        if (length == 0) {
-            valid += kReplacement;
+            out += kReplacement;
             ++offset;
-        } else {
-            valid += text.substr(offset, length);
-            offset += length;
+            continue;
         }
+        // Runs of valid text go over in one piece.
+        std::size_t end = offset + length;
+        while (end < text.size()) {
+            const std::size_t next = sequenceLength(text.substr(end));
+            if (next == 0) {
+                break;
+            }
+            end += next;
+        }
+        out.append(text.substr(offset, end - offset));
+        offset = end;
     }
-    return valid;
 }
 
 std::string TextFormat::prefixUtf16(std::string_view text, std::size_t limit) {

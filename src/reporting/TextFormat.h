@@ -17,6 +17,8 @@ public:
     static std::string decimal(double value);
     // The text with every invalid UTF-8 sequence replaced by U+FFFD.
     static std::string validUtf8(std::string_view text);
+    // Appends validUtf8(text) to out without making the copy.
+    static void appendValidUtf8(std::string& out, std::string_view text);
     // The first `limit` UTF-16 units of valid UTF-8 text; a surrogate pair is never split.
     static std::string prefixUtf16(std::string_view text, std::size_t limit);
     // The leading number of a text, as a float: blanks skipped, 0 when there is none.
