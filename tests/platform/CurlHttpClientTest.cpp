@@ -1,5 +1,4 @@
 #include <NorvAnalytic/CurlHttpClient.h>
-#include <NorvAnalytic/Platform.h>
 
 #include <gtest/gtest.h>
 #include <httplib.h>
@@ -356,23 +355,6 @@ TEST(CurlHttpClientTest, DestroyedClientCompletesPendingRequestsWithError) {
         EXPECT_FALSE(outcome.response.has_value());
         EXPECT_TRUE(outcome.error.has_value());
     }
-}
-
-TEST(CurlHttpClientTest, ProcessExitsPromptlyWithRequestsInFlight) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(
-        {
-            LoopbackSocket silent(true);
-            // The default client is never destroyed; only its exit hook can stop its thread.
-            const std::shared_ptr<HttpClient> client = Platform::httpClient();
-            for (int index = 0; index < 100; ++index) {
-                client->send(HttpRequest{"POST", silent.url(), "value=1"},
-                             [](auto, auto, auto) { std::abort(); });
-            }
-            std::this_thread::sleep_for(100ms);
-            std::exit(0);
-        },
-        testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
