@@ -17,22 +17,20 @@ std::string makeAndStoreUUID() {
 
 }  // namespace
 
-void NorvAnalytics::setUUID() {
-    if (Keychain::itemForKey(DeviceIdentity::deviceUUIDKey(), DeviceIdentity::service(), nullptr)) {
-        return;
-    }
-    makeAndStoreUUID();
-}
+// Making sure a UUID exists is reading it: a missing or unreadable one is made and stored.
+void NorvAnalytics::setUUID() { getNorvAnalyticUUID(); }
 
 std::string NorvAnalytics::getNorvAnalyticUUID() {
-    if (Text stored = Keychain::itemForKey(DeviceIdentity::deviceUUIDKey(), DeviceIdentity::service(), nullptr)) {
+    if (Text stored = Keychain::itemForKey(DeviceIdentity::deviceUUIDKey(),
+                                           DeviceIdentity::service(), nullptr)) {
         return *stored;
     }
     return makeAndStoreUUID();
 }
 
 void NorvAnalytics::saveStoreUserID(const Text& userId) {
-    const Text stored = Keychain::itemForKey(DeviceIdentity::userIdKey(), DeviceIdentity::service(), nullptr);
+    const Text stored =
+        Keychain::itemForKey(DeviceIdentity::userIdKey(), DeviceIdentity::service(), nullptr);
     if (stored && userId && *stored == *userId) {
         return;
     }
