@@ -1,5 +1,6 @@
 #include "support/RecordingLogSink.h"
 
+#include <NorvAnalytic/MainQueue.h>
 #include <NorvAnalytic/Platform.h>
 
 namespace NorvAnalytic::Testing {
@@ -9,6 +10,9 @@ RecordingLogSink::RecordingLogSink() {
         {
             std::lock_guard lock(mutex_);
             lines_.push_back(message);
+            if (!MainQueue::main().isCurrent()) {
+                ++linesOffMainQueue_;
+            }
         }
         changed_.notify_all();
     });
@@ -19,6 +23,11 @@ RecordingLogSink::~RecordingLogSink() { Platform::setLogSink(nullptr); }
 std::vector<std::string> RecordingLogSink::lines() const {
     std::lock_guard lock(mutex_);
     return lines_;
+}
+
+std::size_t RecordingLogSink::linesOffMainQueue() const {
+    std::lock_guard lock(mutex_);
+    return linesOffMainQueue_;
 }
 
 void RecordingLogSink::clear() {

@@ -42,6 +42,8 @@ ReportingHarness::ReportingHarness()
 
 ReportingHarness::~ReportingHarness() {
     settle();
+    // Answers, resends and their log lines belong to the main queue.
+    EXPECT_EQ(log.linesOffMainQueue(), 0U);
     // Stop this test's timers so the next test starts with none.
     MainQueue::main().sync([] {
         auto& controller = NorvAnalytics::sharedController();
