@@ -91,6 +91,7 @@ TEST(Resend, ValuesComeBackThroughTheirSixDecimalText) {
     refuseEverything(harness, 502);
     NorvAnalytics::sendEventWithType(3, 7.5F, std::string("/a"), std::string("p"),
                                      std::string("r"));
+    harness.settle();
     NorvAnalytics::sendEventWithType(3, 0.0000001F, std::string("/b"), std::nullopt,
                                      std::nullopt);
     harness.settle();
