@@ -163,6 +163,21 @@ void BM_sendUserLoginEventWithParameters(benchmark::State& state) {
     });
 }
 
+// Drops every request: what an event call costs the SDK alone, with no delivery running on
+// the machine's other threads at the same time.
+class DiscardingHttpClient final : public NorvAnalytic::HttpClient {
+public:
+    void send(NorvAnalytic::HttpRequest, Completion) override {}
+};
+
+void BM_sendEventWithPageNameWithoutDelivery(benchmark::State& state) {
+    sdk();
+    const auto delivering = NorvAnalytic::Platform::httpClient();
+    NorvAnalytic::Platform::setHttpClient(std::make_shared<DiscardingHttpClient>());
+    measureCalls(state, [] { NorvAnalytics::sendEventWithPageName(std::string("Settings")); });
+    NorvAnalytic::Platform::setHttpClient(delivering);
+}
+
 // The HTTP client's own share of every event call: queue the request and wake its thread.
 void BM_CurlHttpClientSend(benchmark::State& state) {
     const std::string url = sdk().url();
@@ -183,6 +198,7 @@ BENCHMARK(BM_sendUserLoginEventWithParameters)
     ->Iterations(5'000)
     ->Threads(kMaxThreads)
     ->UseRealTime();
+BENCHMARK(BM_sendEventWithPageNameWithoutDelivery)->Iterations(20'000)->UseRealTime();
 BENCHMARK(BM_CurlHttpClientSend)->Iterations(20'000)->UseRealTime();
 BENCHMARK(BM_CurlHttpClientSend)->Iterations(5'000)->Threads(kMaxThreads)->UseRealTime();
 
