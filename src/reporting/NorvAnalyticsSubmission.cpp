@@ -17,15 +17,6 @@ constexpr std::size_t kDescriptionLimit = 200;
 constexpr const char* kAppOpenTypeId = "2";
 constexpr const char* kProtocolVersion = "1.7.4";
 
-std::string sdkVersion() {
-    auto bundle = Bundle::bundleWithIdentifier(BuildConfig::kSdkBundleIdentifier);
-    const Text shortVersion =
-        bundle ? bundle->objectForInfoDictionaryKey("CFBundleShortVersionString") : std::nullopt;
-    const Text build = bundle ? bundle->objectForInfoDictionaryKey("CFBundleVersion")
-                              : std::nullopt;
-    return TextFormat::describe(shortVersion) + "." + TextFormat::describe(build);
-}
-
 std::string cutDescription(const Text& object) {
     return TextFormat::prefixUtf16(TextFormat::validUtf8(TextFormat::describe(object)),
                                    kDescriptionLimit);
@@ -67,7 +58,8 @@ void NorvAnalytics::sendEventWithTypeId(const Text& typeId, float value, const T
     }
 
     const std::string deviceUUID = getNorvAnalyticUUID();
-    const std::string vbfVersion = sdkVersion();
+    const std::string vbfVersion =
+        TextFormat::version(Bundle::bundleWithIdentifier(BuildConfig::kSdkBundleIdentifier));
     const Text deviceModel = controller.getDeviceModel();
     const std::shared_ptr<Device> device = Platform::device();
     const std::string systemVersion = device->systemVersion();
@@ -98,9 +90,9 @@ void NorvAnalytics::sendEventWithTypeId(const Text& typeId, float value, const T
         const float percent = device->batteryLevel() * 100.0F;
         addObject(TextFormat::decimal(percent), "batteryLevel", body);
         device->setBatteryMonitoringEnabled(false);
-        addObject(Keychain::itemForKey(DeviceIdentity::userIdKey(), DeviceIdentity::service(),
-                                       nullptr),
-                  "user_id", body);
+        addObject(
+            Keychain::itemForKey(DeviceIdentity::userIdKey(), DeviceIdentity::service(), nullptr),
+            "user_id", body);
     }
     addObject(std::string("1"), "is_test_device", body);
     addObject(std::string(kProtocolVersion), "version", body);
@@ -109,9 +101,9 @@ void NorvAnalytics::sendEventWithTypeId(const Text& typeId, float value, const T
     if (!url) {
         return;
     }
-    EventResponseContext context{typeId,     endpoint, parameters, response,   pageName,
-                                 playerId,   username, warehouse,  error,      deviceCustomName,
-                                 deviceName, deviceUUID, body,     value,      isSavedEvent};
+    EventResponseContext context{typeId,     endpoint,   parameters, response, pageName,
+                                 playerId,   username,   warehouse,  error,    deviceCustomName,
+                                 deviceName, deviceUUID, body,       value,    isSavedEvent};
     Platform::httpClient()->send(
         HttpRequest{"POST", *url, std::move(body)},
         [context = std::move(context)](std::optional<std::string> data,

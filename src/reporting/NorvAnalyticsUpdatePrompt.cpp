@@ -30,14 +30,7 @@ void open(const std::string& link) {
 
 }  // namespace
 
-std::string NorvAnalytics::currentVersion() {
-    auto bundle = Bundle::mainBundle();
-    const Text shortVersion =
-        bundle ? bundle->objectForInfoDictionaryKey("CFBundleShortVersionString") : std::nullopt;
-    const Text build = bundle ? bundle->objectForInfoDictionaryKey("CFBundleVersion")
-                              : std::nullopt;
-    return TextFormat::describe(shortVersion) + "." + TextFormat::describe(build);
-}
+std::string NorvAnalytics::currentVersion() { return TextFormat::version(Bundle::mainBundle()); }
 
 bool NorvAnalytics::isNewVersion(const Text& version) {
     if (!version) {

@@ -49,6 +49,14 @@ std::size_t sequenceLength(std::string_view text) {
 
 std::string TextFormat::describe(const Text& text) { return text ? *text : "(null)"; }
 
+std::string TextFormat::version(const std::shared_ptr<const Bundle>& bundle) {
+    if (!bundle) {
+        return "(null).(null)";
+    }
+    return describe(bundle->objectForInfoDictionaryKey("CFBundleShortVersionString")) + "." +
+           describe(bundle->objectForInfoDictionaryKey("CFBundleVersion"));
+}
+
 std::string TextFormat::decimal(double value) {
     char buffer[512];
     const int written = std::snprintf(buffer, sizeof buffer, "%f", value);

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <NorvAnalytic/Bundle.h>
 #include <NorvAnalytic/Types.h>
+
+#include <memory>
 
 #include <cstddef>
 #include <string>
@@ -13,6 +16,8 @@ class TextFormat {
 public:
     // "%@": the text itself, or "(null)".
     static std::string describe(const Text& text);
+    // "%@.%@" of a bundle's short version and build number: "(null)" for what is missing.
+    static std::string version(const std::shared_ptr<const Bundle>& bundle);
     // "%f": six decimals.
     static std::string decimal(double value);
     // The text with every invalid UTF-8 sequence replaced by U+FFFD.
