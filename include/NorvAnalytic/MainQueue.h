@@ -1,6 +1,5 @@
 #pragma once
 
-#include <NorvAnalytic/Clock.h>
 #include <NorvAnalytic/Export.h>
 #include <NorvAnalytic/Timer.h>
 
@@ -30,18 +29,12 @@ public:
 
     // Installs a host executor (nullptr returns to the SDK's own thread).
     void setExecutor(Executor executor);
-    // Installs the clock that timers follow (nullptr returns to the steady clock). Call
-    // clockDidAdvance() after moving a manual clock: due timers fire in order.
-    void setClock(std::shared_ptr<Clock> clock);
-    void clockDidAdvance();
 
     MainQueue(const MainQueue&) = delete;
     MainQueue& operator=(const MainQueue&) = delete;
 
 private:
     MainQueue();
-    class Impl;
-    Impl* impl_;
 };
 
 }  // namespace NorvAnalytic

@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/MainQueueClock.h"
 #include "platform/SteadyClock.h"
 
 namespace NorvAnalytic {
@@ -22,11 +23,13 @@ thread_local bool runningOnMainQueue = false;
 // One SDK-owned thread waits for tasks and for the next timer. Due timers become tasks, so a
 // timer's action and an answer never run at the same time. With a host executor the thread
 // only hands ready tasks over.
-class MainQueue::Impl {
+class MainQueueEngine {
 public:
+    using Task = MainQueue::Task;
+    using Executor = MainQueue::Executor;
     class QueueTimer;
 
-    Impl() : clock_(std::make_shared<SteadyClock>()) {}
+    MainQueueEngine() : clock_(std::make_shared<SteadyClock>()) {}
 
     void async(Task task) {
         {
@@ -137,10 +140,10 @@ private:
     friend class QueueTimer;
 };
 
-class MainQueue::Impl::QueueTimer : public Timer,
+class MainQueueEngine::QueueTimer : public Timer,
                                     public std::enable_shared_from_this<QueueTimer> {
 public:
-    QueueTimer(Impl& queue, std::chrono::duration<double> interval, bool repeats,
+    QueueTimer(MainQueueEngine& queue, std::chrono::duration<double> interval, bool repeats,
                std::function<void()> action)
         : queue_(queue), interval_(interval), repeats_(repeats), action_(std::move(action)) {}
 
@@ -176,14 +179,14 @@ public:
     bool repeats() const { return repeats_; }
 
 private:
-    Impl& queue_;
+    MainQueueEngine& queue_;
     std::chrono::duration<double> interval_;
     bool repeats_;
     std::function<void()> action_;
     bool valid_ = true;
 };
 
-std::shared_ptr<Timer> MainQueue::Impl::schedule(std::chrono::duration<double> interval,
+std::shared_ptr<Timer> MainQueueEngine::schedule(std::chrono::duration<double> interval,
                                                  bool repeats, std::function<void()> action) {
     // Like a run-loop timer, an interval of zero or less is taken as the smallest interval.
     interval = std::max(interval, std::chrono::duration<double>(0.0001));
@@ -197,7 +200,7 @@ std::shared_ptr<Timer> MainQueue::Impl::schedule(std::chrono::duration<double> i
     return timer;
 }
 
-void MainQueue::Impl::collectDueTimersLocked() {
+void MainQueueEngine::collectDueTimersLocked() {
     const auto now = clock_->now();
     std::vector<Entry> due;
     for (auto& entry : entries_) {
@@ -225,9 +228,19 @@ void MainQueue::Impl::collectDueTimersLocked() {
     }
 }
 
-MainQueue::MainQueue() : impl_(new Impl) {
+namespace {
+
+MainQueueEngine& engine() {
+    // Never destroyed, like the queue itself; its thread is stopped at exit instead.
+    static MainQueueEngine* queue = new MainQueueEngine;
+    return *queue;
+}
+
+}  // namespace
+
+MainQueue::MainQueue() {
     // Stop the thread before the process tears down what its tasks may use.
-    static_cast<void>(std::atexit([] { MainQueue::main().impl_->stop(); }));
+    static_cast<void>(std::atexit([] { engine().stop(); }));
 }
 
 MainQueue& MainQueue::main() {
@@ -236,7 +249,7 @@ MainQueue& MainQueue::main() {
     return *queue;
 }
 
-void MainQueue::async(Task task) { impl_->async(std::move(task)); }
+void MainQueue::async(Task task) { engine().async(std::move(task)); }
 
 void MainQueue::sync(Task task) {
     if (isCurrent()) {
@@ -245,7 +258,7 @@ void MainQueue::sync(Task task) {
     }
     std::promise<void> done;
     auto finished = done.get_future();
-    impl_->async([&task, &done] {
+    engine().async([&task, &done] {
         task();
         done.set_value();
     });
@@ -254,15 +267,15 @@ void MainQueue::sync(Task task) {
 
 std::shared_ptr<Timer> MainQueue::scheduledTimer(std::chrono::duration<double> interval,
                                                  bool repeats, std::function<void()> action) {
-    return impl_->schedule(interval, repeats, std::move(action));
+    return engine().schedule(interval, repeats, std::move(action));
 }
 
 bool MainQueue::isCurrent() const { return runningOnMainQueue; }
 
-void MainQueue::setExecutor(Executor executor) { impl_->setExecutor(std::move(executor)); }
+void MainQueue::setExecutor(Executor executor) { engine().setExecutor(std::move(executor)); }
 
-void MainQueue::setClock(std::shared_ptr<Clock> clock) { impl_->setClock(std::move(clock)); }
+void setMainQueueClock(std::shared_ptr<Clock> clock) { engine().setClock(std::move(clock)); }
 
-void MainQueue::clockDidAdvance() { impl_->clockDidAdvance(); }
+void mainQueueClockDidAdvance() { engine().clockDidAdvance(); }
 
 }  // namespace NorvAnalytic

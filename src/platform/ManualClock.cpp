@@ -1,6 +1,6 @@
 #include "platform/ManualClock.h"
 
-#include <NorvAnalytic/MainQueue.h>
+#include "platform/MainQueueClock.h"
 
 namespace NorvAnalytic {
 
@@ -10,7 +10,7 @@ Clock::time_point ManualClock::now() const {
 
 void ManualClock::advance(std::chrono::duration<double> by) {
     ticks_.fetch_add(std::chrono::duration_cast<time_point::duration>(by).count());
-    MainQueue::main().clockDidAdvance();
+    mainQueueClockDidAdvance();
 }
 
 }  // namespace NorvAnalytic

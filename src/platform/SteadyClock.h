@@ -1,6 +1,6 @@
 #pragma once
 
-#include <NorvAnalytic/Clock.h>
+#include "platform/Clock.h"
 
 namespace NorvAnalytic {
 

@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/MainQueueClock.h"
 #include "platform/ManualClock.h"
 
 namespace NorvAnalytic {
@@ -53,7 +54,7 @@ private:
 TEST(MainQueueTest, TimersFireInOrderOnAManualClockUntilInvalidated) {
     auto clock = std::make_shared<ManualClock>();
     auto& queue = MainQueue::main();
-    queue.setClock(clock);
+    setMainQueueClock(clock);
     std::vector<std::string> fired;  // touched on the queue only
     auto everySecond = queue.scheduledTimer(std::chrono::seconds(1), true,
                                             [&] { fired.push_back("second"); });
@@ -71,7 +72,7 @@ TEST(MainQueueTest, TimersFireInOrderOnAManualClockUntilInvalidated) {
     everySecond->invalidate();
     clock->advance(std::chrono::seconds(5));
     queue.sync([&] { EXPECT_EQ(fired.size(), 4U); });
-    queue.setClock(nullptr);
+    setMainQueueClock(nullptr);
 }
 
 TEST(MainQueueTest, AHostExecutorRunsEveryTaskOnItsThreadInOrder) {

@@ -27,7 +27,7 @@ ReportingHarness::ReportingHarness()
     : device(std::make_shared<FixedDevice>("iPhone9,3", "17.1", 0.75F)),
       clock(std::make_shared<ManualClock>()),
       http(std::make_shared<CountingHttpClient>(sharedCurlClient())) {
-    MainQueue::main().setClock(clock);
+    setMainQueueClock(clock);
     Platform::setHttpClient(http);
     Platform::setDevice(device);
     MainQueue::main().sync([] {
@@ -53,7 +53,7 @@ ReportingHarness::~ReportingHarness() {
         }
         Event::savedEvents().clear();
     });
-    MainQueue::main().setClock(nullptr);
+    setMainQueueClock(nullptr);
     Platform::setHttpClient(nullptr);
     Platform::setDevice(std::make_shared<LinuxDevice>());
 }

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/MainQueueClock.h"
 #include "platform/ManualClock.h"
 #include "support/CountingHttpClient.h"
 #include "support/FixedDevice.h"

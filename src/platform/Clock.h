@@ -1,14 +1,12 @@
 #pragma once
 
-#include <NorvAnalytic/Export.h>
-
 #include <chrono>
 
 namespace NorvAnalytic {
 
-// The time base of the main queue's timers. The default follows the steady clock; a host
-// or a test may install one it advances itself.
-class NORVANALYTIC_EXPORT Clock {
+// The time base of the main queue's timers. The default follows the steady clock; a test
+// may install one it advances itself.
+class Clock {
 public:
     using time_point = std::chrono::steady_clock::time_point;
     using duration = time_point::duration;
