@@ -9,7 +9,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
@@ -46,8 +45,8 @@ public:
                                                  const Text& username, const Text& warehouse);
     static void sendUserCanNotLoginEventWithParameters(const Text& parameters,
                                                        const Text& response);
-    static void sendUserCanNotLoginEventWithParameters(const Text& parameters,
-                                                       const Text& response, const Text& error);
+    static void sendUserCanNotLoginEventWithParameters(const Text& parameters, const Text& response,
+                                                       const Text& error);
     static void sendUserLogoutEvent();
     static void sendDeviceCustomName(const Text& deviceCustomName);
     static void sendLocationServiceStatusEventWithValue(std::int64_t value);
@@ -78,9 +77,9 @@ public:
     static void sendEventWithTypeId(const Text& typeId, float value, const Text& endpoint,
                                     const Text& parameters, const Text& response,
                                     const Text& pageName, const Text& playerId,
-                                    const Text& username, const Text& warehouse,
-                                    const Text& error, const Text& deviceCustomName,
-                                    const Text& deviceName, bool isSavedEvent);
+                                    const Text& username, const Text& warehouse, const Text& error,
+                                    const Text& deviceCustomName, const Text& deviceName,
+                                    bool isSavedEvent);
     // Appends "key=description" to a form body ("&" first unless the body is empty).
     static std::string& addObject(const Text& object, const std::string& key, std::string& body);
     // Handles the collection server's answer to one event. Main queue only.
@@ -129,15 +128,6 @@ public:
 
 private:
     NorvAnalytics() = default;
-
-    mutable std::mutex mutex_;
-    Text key_;
-    Text urlString_;
-    bool isEnabled_ = false;
-    bool checkUpdates_ = false;
-    std::int64_t logLevel_ = 0;
-    std::shared_ptr<Timer> timer_;
-    std::shared_ptr<AlertController> alertController_;
 };
 
 }  // namespace NorvAnalytic

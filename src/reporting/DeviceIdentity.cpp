@@ -1,7 +1,8 @@
 #include "reporting/DeviceIdentity.h"
 
-#include <unordered_map>
 #include <uuid/uuid.h>
+
+#include <unordered_map>
 
 namespace NorvAnalytic {
 

@@ -1,6 +1,6 @@
 #include <NorvAnalytic/Event.h>
 
-#include "reporting/TextFormat.h"
+#include "reporting/EventFields.h"
 
 namespace NorvAnalytic {
 
@@ -12,23 +12,20 @@ std::vector<std::shared_ptr<Event>>& Event::savedEvents() {
 
 void Event::keepEventWithTypeId(Text typeId, float value, Text endpoint, Text parameters,
                                 Text response, Text pageName, Text playerId, Text username,
-                                Text warehouse, Text error, Text deviceCustomName,
-                                Text deviceName, std::int64_t statusCode) {
+                                Text warehouse, Text error, Text deviceCustomName, Text deviceName,
+                                std::int64_t statusCode) {
+    keepEvent(
+        {std::move(typeId), value, std::move(endpoint), std::move(parameters), std::move(response),
+         std::move(pageName), std::move(playerId), std::move(username), std::move(warehouse),
+         std::move(error), std::move(deviceCustomName), std::move(deviceName)},
+        statusCode);
+}
+
+void keepEvent(const EventFields& fields, std::int64_t statusCode) {
     auto event = std::make_shared<Event>();
-    event->eventTypeId = std::move(typeId);
-    event->value = TextFormat::decimal(value);
-    event->endpoint = std::move(endpoint);
-    event->parameters = std::move(parameters);
-    event->response = std::move(response);
-    event->pageName = std::move(pageName);
-    event->player_id = std::move(playerId);
-    event->username = std::move(username);
-    event->warehouse = std::move(warehouse);
-    event->error = std::move(error);
-    event->deviceCustomName = std::move(deviceCustomName);
-    event->deviceName = std::move(deviceName);
+    fields.copyTo(*event);
     event->statusCode = statusCode;
-    savedEvents().push_back(std::move(event));
+    Event::savedEvents().push_back(std::move(event));
 }
 
 }  // namespace NorvAnalytic

@@ -1,53 +1,18 @@
 #include <NorvAnalytic/NorvAnalytics.h>
 
+#include "reporting/EventCatalogue.h"
+#include "reporting/EventSubmission.h"
 #include "reporting/RequestStartTimes.h"
 
 namespace NorvAnalytic {
 
 namespace {
 
-// Catalogue indices of the events the convenience calls send.
-enum TypeIndex : std::int32_t {
-    ResponseTime = 0,
-    AppOpen = 1,
-    UserLogin = 4,
-    UserLogout = 5,
-    PageOpen = 6,
-    UserCanNotLogin = 8,
-    DataNotRetrieved = 9,
-    BluetoothStatus = 10,
-    LocationServiceStatus = 11,
-    ExternalAccessoryBatteryLow = 13,
-    ExternalAccessoryBatteryStatus = 14,
-    PlayerId = 15,
-    DeviceCustomName = 16,
-};
+void send(const EventFields& event) { submitEvent(event, false); }
 
-// Every convenience call is one of these: a type, a value and a few filled slots.
-struct Slots {
-    Text typeId = std::nullopt;
-    float value = 0.0F;
-    Text endpoint = std::nullopt;
-    Text parameters = std::nullopt;
-    Text response = std::nullopt;
-    Text pageName = std::nullopt;
-    Text playerId = std::nullopt;
-    Text username = std::nullopt;
-    Text warehouse = std::nullopt;
-    Text error = std::nullopt;
-    Text deviceCustomName = std::nullopt;
-    Text deviceName = std::nullopt;
-};
+Text typeId(EventCatalogue::Index index) { return EventCatalogue::typeId(index); }
 
-void send(const Slots& slots) {
-    NorvAnalytics::sendEventWithTypeId(slots.typeId, slots.value, slots.endpoint,
-                                       slots.parameters, slots.response, slots.pageName,
-                                       slots.playerId, slots.username, slots.warehouse,
-                                       slots.error, slots.deviceCustomName, slots.deviceName,
-                                       false);
-}
-
-Text typeId(TypeIndex index) { return NorvAnalytics::sharedController().setTypeId(index); }
+using enum EventCatalogue::Index;
 
 }  // namespace
 
@@ -68,13 +33,11 @@ void NorvAnalytics::sendEventWithPageName(const Text& pageName) {
     send({.typeId = typeId(PageOpen), .pageName = pageName});
 }
 
-void NorvAnalytics::sendUserLoginEventWithParameters(const Text& parameters,
-                                                     const Text& response) {
+void NorvAnalytics::sendUserLoginEventWithParameters(const Text& parameters, const Text& response) {
     send({.typeId = typeId(UserLogin), .parameters = parameters, .response = response});
 }
 
-void NorvAnalytics::sendUserLoginEventWithParameters(const Text& parameters,
-                                                     const Text& response,
+void NorvAnalytics::sendUserLoginEventWithParameters(const Text& parameters, const Text& response,
                                                      const Text& username) {
     send({.typeId = typeId(UserLogin),
           .parameters = parameters,
@@ -82,9 +45,8 @@ void NorvAnalytics::sendUserLoginEventWithParameters(const Text& parameters,
           .username = username});
 }
 
-void NorvAnalytics::sendUserLoginEventWithParameters(const Text& parameters,
-                                                     const Text& response, const Text& username,
-                                                     const Text& warehouse) {
+void NorvAnalytics::sendUserLoginEventWithParameters(const Text& parameters, const Text& response,
+                                                     const Text& username, const Text& warehouse) {
     send({.typeId = typeId(UserLogin),
           .parameters = parameters,
           .response = response,
@@ -139,8 +101,8 @@ void NorvAnalytics::sendAppOpenEventWithUsername(const Text& username) {
 }
 
 void NorvAnalytics::sendAppOpenEventWithUsername(const Text& username, const Text& deviceName) {
-    send({.typeId = typeId(AppOpen), .value = 1.0F, .username = username,
-          .deviceName = deviceName});
+    send(
+        {.typeId = typeId(AppOpen), .value = 1.0F, .username = username, .deviceName = deviceName});
 }
 
 // App close is reported under the app-open type; the server tells them apart by the value 0.
@@ -157,7 +119,7 @@ void NorvAnalytics::sendDataNotRetrievedEventWithEndpoint(const Text& endpoint,
 
 void NorvAnalytics::sendEventWithType(std::int32_t type, float value, const Text& endpoint,
                                       const Text& parameters, const Text& response) {
-    send({.typeId = sharedController().setTypeId(type),
+    send({.typeId = EventCatalogue::typeId(type),
           .value = value,
           .endpoint = endpoint,
           .parameters = parameters,
@@ -181,8 +143,7 @@ void NorvAnalytics::sendRequestEndTime(const std::optional<Date>& endTime, const
     if (!start) {
         return;
     }
-    const double elapsed =
-        endTime ? std::chrono::duration<double>(*endTime - *start).count() : 0.0;
+    const double elapsed = endTime ? std::chrono::duration<double>(*endTime - *start).count() : 0.0;
     send({.typeId = typeId(ResponseTime),
           .value = static_cast<float>(elapsed),
           .endpoint = endpoint,

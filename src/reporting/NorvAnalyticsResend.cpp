@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-#include "reporting/TextFormat.h"
+#include "reporting/EventSubmission.h"
 
 namespace NorvAnalytic {
 
@@ -24,10 +24,7 @@ void NorvAnalytics::checkEvents() {
     if (!head->eventTypeId) {
         return;
     }
-    sendEventWithTypeId(head->eventTypeId, TextFormat::leadingFloat(head->value), head->endpoint,
-                        head->parameters, head->response, head->pageName, head->player_id,
-                        head->username, head->warehouse, head->error, head->deviceCustomName,
-                        head->deviceName, true);
+    submitEvent(EventFields::fromSavedEvent(*head), true);
     // Sent once, whatever the answer: a resend that fails again is not kept.
     std::erase_if(events, [&](const std::shared_ptr<Event>& event) { return event == head; });
 }

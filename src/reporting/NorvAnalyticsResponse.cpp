@@ -2,6 +2,8 @@
 #include <NorvAnalytic/NorvAnalytics.h>
 #include <NorvAnalytic/Platform.h>
 
+#include "reporting/EventCatalogue.h"
+#include "reporting/EventFields.h"
 #include "reporting/ServerAnswer.h"
 
 namespace NorvAnalytic {
@@ -15,14 +17,14 @@ std::string eventLine(std::int64_t logLevel, const std::string& typeName,
                       const std::string& code) {
     switch (logLevel) {
         case 1:
-            return "type = " + typeName + ",\n message = " + message + ",\n deviceUUID = " +
-                   context.deviceUUID;
+            return "type = " + typeName + ",\n message = " + message +
+                   ",\n deviceUUID = " + context.deviceUUID;
         case 2:
-            return "type = " + typeName + ",\n message = " + message + ",\n deviceUUID = " +
-                   context.deviceUUID + ",\n code = " + code;
+            return "type = " + typeName + ",\n message = " + message +
+                   ",\n deviceUUID = " + context.deviceUUID + ",\n code = " + code;
         case 3:
-            return "type = " + typeName + ",\n message = " + message + ",\n deviceUUID = " +
-                   context.deviceUUID + ",\n code = " + code +
+            return "type = " + typeName + ",\n message = " + message +
+                   ",\n deviceUUID = " + context.deviceUUID + ",\n code = " + code +
                    ",\n parameters = " + context.requestBody;
         default:
             return "";
@@ -45,11 +47,7 @@ void NorvAnalytics::handleEventResponse(const EventResponseContext& context,
     const long statusCode = response ? response->statusCode : 0;
 
     if (statusCode != kDelivered && !context.isSavedEvent) {
-        Event::keepEventWithTypeId(context.typeId, context.value, context.endpoint,
-                                   context.parameters, context.response, context.pageName,
-                                   context.playerId, context.username, context.warehouse,
-                                   context.error, context.deviceCustomName, context.deviceName,
-                                   statusCode);
+        keepEvent(EventFields::fromContext(context), statusCode);
     }
 
     const std::string message = ServerAnswer::describe(ServerAnswer::member(root, "message"));
@@ -57,7 +55,7 @@ void NorvAnalytics::handleEventResponse(const EventResponseContext& context,
         eventLine(controller.logLevel(), controller.getTypeName(context.typeId), message, context,
                   ServerAnswer::describe(ServerAnswer::member(root, "code")));
 
-    if (context.typeId == "2") {
+    if (EventCatalogue::isAppOpen(context.typeId)) {
         const ServerAnswer::Json* payload = ServerAnswer::member(root, "payload");
         // A null payload leaves collection as it is; an absent one (or an answer that is not
         // JSON) switches it off. The server relies on that difference.
@@ -87,14 +85,14 @@ void NorvAnalytics::handleEventResponse(const EventResponseContext& context,
                 const ServerAnswer::Json* forced = ServerAnswer::member(payload, "force_version");
                 std::optional<UpdatePromptResult> result;
                 if (forced == nullptr || !forced->is_null()) {
-                    result = controller.presentUpdatePrompt(ServerAnswer::versionEntry(forced),
-                                                            true);
+                    result =
+                        controller.presentUpdatePrompt(ServerAnswer::versionEntry(forced), true);
                 } else {
                     const ServerAnswer::Json* offered =
                         ServerAnswer::member(payload, "offer_version");
                     if (offered == nullptr || !offered->is_null()) {
-                        result = controller.presentUpdatePrompt(
-                            ServerAnswer::versionEntry(offered), false);
+                        result = controller.presentUpdatePrompt(ServerAnswer::versionEntry(offered),
+                                                                false);
                     }
                 }
                 if (result == UpdatePromptResult::AlreadyShowing) {

@@ -5,37 +5,56 @@
 #include <NorvAnalytic/Platform.h>
 
 #include "BuildConfig.h"
+#include "reporting/ControllerState.h"
 #include "reporting/DeviceIdentity.h"
+#include "reporting/EventCatalogue.h"
+#include "reporting/EventSubmission.h"
+#include "reporting/RequestBody.h"
 #include "reporting/TextFormat.h"
 
 namespace NorvAnalytic {
 
 namespace {
 
-// The server keeps at most this many UTF-16 units of the host's parameters and response.
-constexpr std::size_t kDescriptionLimit = 200;
-constexpr const char* kAppOpenTypeId = "2";
-constexpr const char* kProtocolVersion = "1.7.4";
+struct Destination {
+    Text key;
+    Text url;
+};
 
-std::string cutDescription(const Text& object) {
-    return TextFormat::prefixUtf16(TextFormat::validUtf8(TextFormat::describe(object)),
-                                   kDescriptionLimit);
+std::optional<Destination> destinationIfEnabled() {
+    return ControllerState::locked([](const ControllerState& state) {
+        return state.isEnabled ? std::optional<Destination>({state.key, state.urlString})
+                               : std::nullopt;
+    });
+}
+
+DeviceFacts gatherFacts(const Text& key, const Text& typeId) {
+    const std::shared_ptr<Device> device = Platform::device();
+    DeviceFacts facts{
+        .key = key,
+        .deviceUUID = NorvAnalytics::getNorvAnalyticUUID(),
+        .sdkVersion =
+            TextFormat::version(Bundle::bundleWithIdentifier(BuildConfig::kSdkBundleIdentifier)),
+        .deviceModel = NorvAnalytics::sharedController().getDeviceModel(),
+        .systemVersion = device->systemVersion(),
+    };
+    if (EventCatalogue::isAppOpen(typeId)) {
+        device->setBatteryMonitoringEnabled(true);
+        facts.batteryLevel = device->batteryLevel();
+        device->setBatteryMonitoringEnabled(false);
+        facts.userId =
+            Keychain::itemForKey(DeviceIdentity::userIdKey(), DeviceIdentity::service(), nullptr);
+    }
+    return facts;
 }
 
 }  // namespace
 
 std::string& NorvAnalytics::addObject(const Text& object, const std::string& key,
                                       std::string& body) {
-    if (!object) {
-        return body;
+    if (object) {
+        RequestBody::append(body, key, *object);
     }
-    // Nothing is escaped: the collector splits the pairs exactly as they are written here.
-    if (!body.empty()) {
-        body += '&';
-    }
-    body += key;
-    body += '=';
-    TextFormat::appendValidUtf8(body, *object);
     return body;
 }
 
@@ -45,74 +64,32 @@ void NorvAnalytics::sendEventWithTypeId(const Text& typeId, float value, const T
                                         const Text& username, const Text& warehouse,
                                         const Text& error, const Text& deviceCustomName,
                                         const Text& deviceName, bool isSavedEvent) {
-    NorvAnalytics& controller = sharedController();
-    Text key;
-    Text url;
-    {
-        std::lock_guard lock(controller.mutex_);
-        if (!controller.isEnabled_) {
-            return;
-        }
-        key = controller.key_;
-        url = controller.urlString_;
-    }
+    submitEvent({typeId, value, endpoint, parameters, response, pageName, playerId, username,
+                 warehouse, error, deviceCustomName, deviceName},
+                isSavedEvent);
+}
 
-    const std::string deviceUUID = getNorvAnalyticUUID();
-    const std::string vbfVersion =
-        TextFormat::version(Bundle::bundleWithIdentifier(BuildConfig::kSdkBundleIdentifier));
-    const Text deviceModel = controller.getDeviceModel();
-    const std::shared_ptr<Device> device = Platform::device();
-    const std::string systemVersion = device->systemVersion();
-    const std::string responseText = cutDescription(response);
-    const std::string parametersText = cutDescription(parameters);
-
-    std::string body;
-    body.reserve(512);
-    addObject(key, "key", body);
-    addObject(TextFormat::decimal(value), "value", body);
-    addObject(typeId, "type", body);
-    addObject(endpoint, "endpoint", body);
-    addObject(parametersText, "parameters", body);
-    addObject(responseText, "response", body);
-    addObject(deviceUUID, "device_uuid", body);
-    addObject(pageName, "pageName", body);
-    addObject(playerId, "player_id", body);
-    addObject(vbfVersion, "vbf_version", body);
-    addObject(username, "username", body);
-    addObject(warehouse, "warehouse", body);
-    addObject(error, "error", body);
-    addObject(deviceCustomName, "deviceCustomName", body);
-    addObject(deviceName, "device_name", body);
-    addObject(deviceModel, "device_model", body);
-    addObject(systemVersion, "system_version", body);
-    if (typeId == kAppOpenTypeId) {
-        device->setBatteryMonitoringEnabled(true);
-        const float percent = device->batteryLevel() * 100.0F;
-        addObject(TextFormat::decimal(percent), "batteryLevel", body);
-        device->setBatteryMonitoringEnabled(false);
-        addObject(
-            Keychain::itemForKey(DeviceIdentity::userIdKey(), DeviceIdentity::service(), nullptr),
-            "user_id", body);
-    }
-    addObject(std::string("1"), "is_test_device", body);
-    addObject(std::string(kProtocolVersion), "version", body);
-    addObject(std::string(BuildConfig::kSimulatorBuild ? "1" : "0"), "is_simulator", body);
-
-    if (!url) {
+void submitEvent(const EventFields& event, bool isSavedEvent) {
+    const std::optional<Destination> destination = destinationIfEnabled();
+    if (!destination || !destination->url) {
         return;
     }
-    EventResponseContext context{typeId,     endpoint,   parameters, response, pageName,
-                                 playerId,   username,   warehouse,  error,    deviceCustomName,
-                                 deviceName, deviceUUID, body,       value,    isSavedEvent};
+    const DeviceFacts facts = gatherFacts(destination->key, event.typeId);
+    EventResponseContext context;
+    event.copyTo(context);
+    context.deviceUUID = facts.deviceUUID;
+    context.requestBody = RequestBody::build(event, facts);
+    context.isSavedEvent = isSavedEvent;
+    std::string body = context.requestBody;
     Platform::httpClient()->send(
-        HttpRequest{"POST", *url, std::move(body)},
+        HttpRequest{"POST", *destination->url, std::move(body)},
         [context = std::move(context)](std::optional<std::string> data,
                                        std::optional<HttpResponse> httpResponse,
                                        std::optional<std::string> transportError) mutable {
             // Answers change shared state, so they are handled one by one on the main queue.
             MainQueue::main().async([context = std::move(context), data = std::move(data),
                                      httpResponse, transportError = std::move(transportError)] {
-                handleEventResponse(context, data, httpResponse, transportError);
+                NorvAnalytics::handleEventResponse(context, data, httpResponse, transportError);
             });
         });
 }

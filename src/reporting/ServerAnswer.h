@@ -3,7 +3,6 @@
 #include <NorvAnalytic/Types.h>
 
 #include <nlohmann/json.hpp>
-
 #include <optional>
 #include <string>
 #include <string_view>

@@ -3,9 +3,8 @@
 #include <NorvAnalytic/Bundle.h>
 #include <NorvAnalytic/Types.h>
 
-#include <memory>
-
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <string_view>
 

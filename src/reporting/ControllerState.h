@@ -1,0 +1,35 @@
+#pragma once
+
+#include <NorvAnalytic/AlertController.h>
+#include <NorvAnalytic/Timer.h>
+#include <NorvAnalytic/Types.h>
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+
+namespace NorvAnalytic {
+
+// The shared controller's properties, behind one lock so that any thread may read or write
+// them. No I/O ever runs under the lock.
+struct ControllerState {
+    static ControllerState& shared();
+    // Runs f on the state under its lock and returns what f returns.
+    template <class F>
+    static auto locked(F&& f) {
+        ControllerState& state = shared();
+        std::lock_guard lock(state.mutex);
+        return f(state);
+    }
+
+    mutable std::mutex mutex;
+    Text key;
+    Text urlString;
+    bool isEnabled = false;
+    bool checkUpdates = false;
+    std::int64_t logLevel = 0;
+    std::shared_ptr<Timer> timer;
+    std::shared_ptr<AlertController> alertController;
+};
+
+}  // namespace NorvAnalytic

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <NorvAnalytic/Event.h>
+#include <NorvAnalytic/Types.h>
+
+#include <cstdint>
+
+namespace NorvAnalytic {
+
+// What the host said about one event: its type, its value and the eleven text slots. The
+// convenience calls fill it, the submission sends it, and the answer and the resend carry it.
+struct EventFields {
+    Text typeId = std::nullopt;
+    float value = 0.0F;
+    Text endpoint = std::nullopt;
+    Text parameters = std::nullopt;
+    Text response = std::nullopt;
+    Text pageName = std::nullopt;
+    Text playerId = std::nullopt;
+    Text username = std::nullopt;
+    Text warehouse = std::nullopt;
+    Text error = std::nullopt;
+    Text deviceCustomName = std::nullopt;
+    Text deviceName = std::nullopt;
+
+    // The slots as the answer context and the saved event name them.
+    static EventFields fromContext(const EventResponseContext& context);
+    static EventFields fromSavedEvent(const Event& event);
+    void copyTo(EventResponseContext& context) const;
+    void copyTo(Event& event) const;
+};
+
+// Appends a refused event to Event::savedEvents(). Main queue only.
+void keepEvent(const EventFields& event, std::int64_t statusCode);
+
+}  // namespace NorvAnalytic
