@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
-
-#include <filesystem>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <filesystem>
 
 #include "support/ChildProcess.h"
 #include "support/LocalHttpServer.h"
@@ -11,8 +11,8 @@ namespace NorvAnalytic {
 namespace {
 
 TEST(Exit, HostReturningFromMainWithRequestsInFlightExitsCleanly) {
-    const auto dataHome = std::filesystem::temp_directory_path() /
-                          ("norv-exit-" + std::to_string(::getpid()));
+    const auto dataHome =
+        std::filesystem::temp_directory_path() / ("norv-exit-" + std::to_string(::getpid()));
     std::filesystem::create_directories(dataHome);
     Testing::LocalHttpServer slow;
     slow.setResponder([](const std::string&, const std::string&) {
@@ -27,8 +27,8 @@ TEST(Exit, HostReturningFromMainWithRequestsInFlightExitsCleanly) {
         answer.delay = std::chrono::seconds(4);
         return answer;
     });
-    for (const std::string& url : {slow.url(), stuck.url(),
-                                   std::string("http://127.0.0.1:1/api/v3/saveEvent")}) {
+    for (const std::string& url :
+         {slow.url(), stuck.url(), std::string("http://127.0.0.1:1/api/v3/saveEvent")}) {
         const auto started = std::chrono::steady_clock::now();
         const int status = Testing::runChildProcess(
             {Testing::siblingExecutable("reporting_quick_exit_host"), url},

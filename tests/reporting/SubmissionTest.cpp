@@ -1,5 +1,4 @@
 #include <NorvAnalytic/NorvAnalytics.h>
-
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -31,47 +30,54 @@ struct Call {
 TEST(Submission, EveryEventCallSendsItsExactBody) {
     ReportingHarness harness;
     NorvAnalytics::saveStoreUserID(std::string("store-user-7"));
-    const std::string common =
-        "vbf_version=1.7.4&device_model=iPhone 7&system_version=17.1";
+    const std::string common = "vbf_version=1.7.4&device_model=iPhone 7&system_version=17.1";
     const std::string tail = "is_test_device=1&version=1.7.4&is_simulator=0";
     const std::string appOpen = "batteryLevel=75.000000&user_id=store-user-7&";
     const std::vector<Call> calls = {
         {[] { NorvAnalytics::sendUsername(std::string("ann")); },
          "key=test-key&value=0.000000&parameters=(null)&response=(null)&device_uuid={UUID}&"
-         "vbf_version=1.7.4&username=ann&device_model=iPhone 7&system_version=17.1&" + tail},
+         "vbf_version=1.7.4&username=ann&device_model=iPhone 7&system_version=17.1&" +
+             tail},
         {[] { NorvAnalytics::sendWarehouse(std::string("north")); },
          "key=test-key&value=0.000000&parameters=(null)&response=(null)&device_uuid={UUID}&"
-         "vbf_version=1.7.4&warehouse=north&device_model=iPhone 7&system_version=17.1&" + tail},
+         "vbf_version=1.7.4&warehouse=north&device_model=iPhone 7&system_version=17.1&" +
+             tail},
         {[] { NorvAnalytics::sendError(std::string("boom")); },
          "key=test-key&value=0.000000&parameters=(null)&response=(null)&device_uuid={UUID}&"
-         "vbf_version=1.7.4&error=boom&device_model=iPhone 7&system_version=17.1&" + tail},
+         "vbf_version=1.7.4&error=boom&device_model=iPhone 7&system_version=17.1&" +
+             tail},
         {[] { NorvAnalytics::sendDeviceName(std::string("scanner")); },
          "key=test-key&value=0.000000&parameters=(null)&response=(null)&device_uuid={UUID}&"
          "vbf_version=1.7.4&device_name=scanner&device_model=iPhone 7&system_version=17.1&" +
              tail},
         {[] { NorvAnalytics::sendEventWithPlayerId(std::string("p-1")); },
          "key=test-key&value=0.000000&type=22&parameters=(null)&response=(null)&"
-         "device_uuid={UUID}&player_id=p-1&" + common + "&" + tail},
+         "device_uuid={UUID}&player_id=p-1&" +
+             common + "&" + tail},
         {[] { NorvAnalytics::sendEventWithPageName(std::string("Home")); },
          "key=test-key&value=0.000000&type=7&parameters=(null)&response=(null)&"
-         "device_uuid={UUID}&pageName=Home&" + common + "&" + tail},
-        {[] { NorvAnalytics::sendUserLoginEventWithParameters(std::string("p"), std::string("r")); },
-         "key=test-key&value=0.000000&type=5&parameters=p&response=r&device_uuid={UUID}&" +
+         "device_uuid={UUID}&pageName=Home&" +
              common + "&" + tail},
+        {[] {
+             NorvAnalytics::sendUserLoginEventWithParameters(std::string("p"), std::string("r"));
+         },
+         "key=test-key&value=0.000000&type=5&parameters=p&response=r&device_uuid={UUID}&" + common +
+             "&" + tail},
         {[] {
              NorvAnalytics::sendUserLoginEventWithParameters(std::string("p"), std::string("r"),
                                                              std::string("ann"));
          },
          "key=test-key&value=0.000000&type=5&parameters=p&response=r&device_uuid={UUID}&"
-         "vbf_version=1.7.4&username=ann&device_model=iPhone 7&system_version=17.1&" + tail},
+         "vbf_version=1.7.4&username=ann&device_model=iPhone 7&system_version=17.1&" +
+             tail},
         {[] {
-             NorvAnalytics::sendUserLoginEventWithParameters(std::string("p"), std::string("r"),
-                                                             std::string("ann"),
-                                                             std::string("north"));
+             NorvAnalytics::sendUserLoginEventWithParameters(
+                 std::string("p"), std::string("r"), std::string("ann"), std::string("north"));
          },
          "key=test-key&value=0.000000&type=5&parameters=p&response=r&device_uuid={UUID}&"
          "vbf_version=1.7.4&username=ann&warehouse=north&device_model=iPhone 7&"
-         "system_version=17.1&" + tail},
+         "system_version=17.1&" +
+             tail},
         {[] {
              NorvAnalytics::sendUserCanNotLoginEventWithParameters(std::string("p"),
                                                                    std::string("r"));
@@ -83,62 +89,77 @@ TEST(Submission, EveryEventCallSendsItsExactBody) {
                  std::string("p"), std::string("r"), std::string("denied"));
          },
          "key=test-key&value=0.000000&type=15&parameters=p&response=r&device_uuid={UUID}&"
-         "vbf_version=1.7.4&error=denied&device_model=iPhone 7&system_version=17.1&" + tail},
+         "vbf_version=1.7.4&error=denied&device_model=iPhone 7&system_version=17.1&" +
+             tail},
         {[] { NorvAnalytics::sendUserLogoutEvent(); },
          "key=test-key&value=0.000000&type=6&parameters=(null)&response=(null)&"
-         "device_uuid={UUID}&" + common + "&" + tail},
+         "device_uuid={UUID}&" +
+             common + "&" + tail},
         {[] { NorvAnalytics::sendDeviceCustomName(std::string("Till 3")); },
          "key=test-key&value=0.000000&type=23&parameters=(null)&response=(null)&"
          "device_uuid={UUID}&vbf_version=1.7.4&deviceCustomName=Till 3&device_model=iPhone 7&"
-         "system_version=17.1&" + tail},
+         "system_version=17.1&" +
+             tail},
         {[] { NorvAnalytics::sendLocationServiceStatusEventWithValue(2); },
          "key=test-key&value=2.000000&type=18&parameters=(null)&response=(null)&"
-         "device_uuid={UUID}&" + common + "&" + tail},
+         "device_uuid={UUID}&" +
+             common + "&" + tail},
         {[] { NorvAnalytics::sendBluetoothStatusEventWithValue(3); },
          "key=test-key&value=3.000000&type=17&parameters=(null)&response=(null)&"
-         "device_uuid={UUID}&" + common + "&" + tail},
+         "device_uuid={UUID}&" +
+             common + "&" + tail},
         {[] { NorvAnalytics::sendExternalAccessoryBatteryIsLowEvent(); },
          "key=test-key&value=0.000000&type=20&parameters=(null)&response=(null)&"
-         "device_uuid={UUID}&" + common + "&" + tail},
+         "device_uuid={UUID}&" +
+             common + "&" + tail},
         {[] { NorvAnalytics::sendExternalAccessoryBatteryStatusWithValue(16777217); },
          "key=test-key&value=16777216.000000&type=21&parameters=(null)&response=(null)&"
-         "device_uuid={UUID}&" + common + "&" + tail},
+         "device_uuid={UUID}&" +
+             common + "&" + tail},
         {[] { NorvAnalytics::sendAppOpenEventWithDeviceName(std::string("scanner")); },
          "key=test-key&value=1.000000&type=2&parameters=(null)&response=(null)&"
          "device_uuid={UUID}&vbf_version=1.7.4&device_name=scanner&device_model=iPhone 7&"
-         "system_version=17.1&" + appOpen + tail},
+         "system_version=17.1&" +
+             appOpen + tail},
         {[] { NorvAnalytics::sendAppOpenEvent(); },
          "key=test-key&value=1.000000&type=2&parameters=(null)&response=(null)&"
-         "device_uuid={UUID}&" + common + "&" + appOpen + tail},
+         "device_uuid={UUID}&" +
+             common + "&" + appOpen + tail},
         {[] { NorvAnalytics::sendAppOpenEventWithUsername(std::string("ann")); },
          "key=test-key&value=1.000000&type=2&parameters=(null)&response=(null)&"
          "device_uuid={UUID}&vbf_version=1.7.4&username=ann&device_model=iPhone 7&"
-         "system_version=17.1&" + appOpen + tail},
+         "system_version=17.1&" +
+             appOpen + tail},
         {[] {
              NorvAnalytics::sendAppOpenEventWithUsername(std::string("ann"),
                                                          std::string("scanner"));
          },
          "key=test-key&value=1.000000&type=2&parameters=(null)&response=(null)&"
          "device_uuid={UUID}&vbf_version=1.7.4&username=ann&device_name=scanner&"
-         "device_model=iPhone 7&system_version=17.1&" + appOpen + tail},
+         "device_model=iPhone 7&system_version=17.1&" +
+             appOpen + tail},
         {[] { NorvAnalytics::sendAppCloseEvent(); },
          "key=test-key&value=0.000000&type=2&parameters=(null)&response=(null)&"
-         "device_uuid={UUID}&" + common + "&" + appOpen + tail},
+         "device_uuid={UUID}&" +
+             common + "&" + appOpen + tail},
         {[] {
              NorvAnalytics::sendDataNotRetrievedEventWithEndpoint(
                  std::string("/orders"), std::string("page=1"), std::string("timeout"));
          },
          "key=test-key&value=0.000000&type=16&endpoint=/orders&parameters=page=1&"
-         "response=timeout&device_uuid={UUID}&" + common + "&" + tail},
+         "response=timeout&device_uuid={UUID}&" +
+             common + "&" + tail},
         {[] {
              NorvAnalytics::sendEventWithType(7, 0.25F, std::string("/e"), std::nullopt,
                                               std::nullopt);
          },
          "key=test-key&value=0.250000&type=8&endpoint=/e&parameters=(null)&response=(null)&"
-         "device_uuid={UUID}&" + common + "&" + tail},
+         "device_uuid={UUID}&" +
+             common + "&" + tail},
         // Outside the catalogue: no type, and so no battery or user id either.
-        {[] { NorvAnalytics::sendEventWithType(17, 1.0F, std::nullopt, std::nullopt,
-                                               std::nullopt); },
+        {[] {
+             NorvAnalytics::sendEventWithType(17, 1.0F, std::nullopt, std::nullopt, std::nullopt);
+         },
          "key=test-key&value=1.000000&parameters=(null)&response=(null)&device_uuid={UUID}&" +
              common + "&" + tail},
     };
@@ -209,8 +230,7 @@ TEST(Submission, BodyEdgesKeepOrderCutAndRawText) {
     // A multi-megabyte endpoint goes out whole; the parameters cut bounds only those two.
     harness.server.clear();
     const std::string hugeEndpoint(3 * 1024 * 1024, 'e');
-    NorvAnalytics::sendDataNotRetrievedEventWithEndpoint(hugeEndpoint, std::nullopt,
-                                                         std::nullopt);
+    NorvAnalytics::sendDataNotRetrievedEventWithEndpoint(hugeEndpoint, std::nullopt, std::nullopt);
     ASSERT_TRUE(harness.server.waitForCount(1));
     EXPECT_NE(harness.server.bodies().at(0).find("&endpoint=" + hugeEndpoint + "&"),
               std::string::npos);
@@ -237,16 +257,15 @@ TEST(Submission, RequestTimingSendsElapsedSecondsOncePerStart) {
     NorvAnalytics::sendRequestStartTime(t0 + std::chrono::seconds(1), std::string("/b"));
     NorvAnalytics::sendRequestEndTime(t0 + std::chrono::milliseconds(1250), std::string("/b"),
                                       std::nullopt, std::nullopt);
-    NorvAnalytics::sendRequestEndTime(t0 + std::chrono::seconds(9), std::string("/b"),
-                                      std::nullopt, std::nullopt);
+    NorvAnalytics::sendRequestEndTime(t0 + std::chrono::seconds(9), std::string("/b"), std::nullopt,
+                                      std::nullopt);
     // Ignored starts, an end without a start, and a nil end time (value 0).
     NorvAnalytics::sendRequestStartTime(std::nullopt, std::string("/c"));
     NorvAnalytics::sendRequestStartTime(t0, std::nullopt);
     NorvAnalytics::sendRequestEndTime(t0, std::string("/c"), std::nullopt, std::nullopt);
     NorvAnalytics::sendRequestEndTime(t0, std::nullopt, std::nullopt, std::nullopt);
     NorvAnalytics::sendRequestStartTime(t0, std::string("/d"));
-    NorvAnalytics::sendRequestEndTime(std::nullopt, std::string("/d"), std::nullopt,
-                                      std::nullopt);
+    NorvAnalytics::sendRequestEndTime(std::nullopt, std::string("/d"), std::nullopt, std::nullopt);
     // An end before its start is negative.
     NorvAnalytics::sendRequestStartTime(t0, std::string("/e"));
     NorvAnalytics::sendRequestEndTime(t0 - std::chrono::milliseconds(250), std::string("/e"),
@@ -258,10 +277,10 @@ TEST(Submission, RequestTimingSendsElapsedSecondsOncePerStart) {
         const auto at = body.find("&endpoint=") + 10;
         valueByEndpoint[body.substr(at, body.find('&', at) - at)] = valueOf(body);
     }
-    EXPECT_EQ(valueByEndpoint, (std::map<std::string, std::string>{{"/a", "1.500000"},
-                                                                   {"/b", "0.250000"},
-                                                                   {"/d", "0.000000"},
-                                                                   {"/e", "-0.250000"}}));
+    EXPECT_EQ(
+        valueByEndpoint,
+        (std::map<std::string, std::string>{
+            {"/a", "1.500000"}, {"/b", "0.250000"}, {"/d", "0.000000"}, {"/e", "-0.250000"}}));
 }
 
 TEST(Submission, ManyThreadsLoseNoEventAndNeverWaitOnTheNetwork) {

@@ -1,47 +1,30 @@
 #include "support/ReportingHarness.h"
 
-#include <NorvAnalytic/CurlHttpClient.h>
 #include <NorvAnalytic/Event.h>
 #include <NorvAnalytic/Keychain.h>
 #include <NorvAnalytic/MainQueue.h>
 #include <NorvAnalytic/Platform.h>
-
 #include <gtest/gtest.h>
 
-#include "platform/LinuxDevice.h"
 #include "reporting/DeviceIdentity.h"
 
 namespace NorvAnalytic::Testing {
 
-namespace {
-
-std::shared_ptr<CurlHttpClient> sharedCurlClient() {
-    // One client for the whole test binary, as a host has one.
-    static auto* client = new std::shared_ptr<CurlHttpClient>(std::make_shared<CurlHttpClient>());
-    return *client;
-}
-
-}  // namespace
-
-ReportingHarness::ReportingHarness()
-    : device(std::make_shared<FixedDevice>("iPhone9,3", "17.1", 0.75F)),
-      clock(std::make_shared<ManualClock>()),
-      http(std::make_shared<CountingHttpClient>(sharedCurlClient())) {
+ReportingHarness::ReportingHarness() {
     setMainQueueClock(clock);
     Platform::setHttpClient(http);
     Platform::setDevice(device);
+    Platform::setKeychainBackend(keychain);
+    Platform::setReachabilityService(reachability);
     MainQueue::main().sync([] {
         Event::savedEvents().clear();
         NorvAnalytics::sharedController().setAlertController(nullptr);
     });
     NorvAnalytics::setLogLevel(0);
-    NorvAnalytics::initWithKey(std::string("test-key"));
-    NorvAnalytics::setSecureUrl(false);
-    NorvAnalytics::sharedController().setUrlString(server.url());
+    restart();
 }
 
 ReportingHarness::~ReportingHarness() {
-    settle();
     // Answers, resends and their log lines belong to the main queue.
     EXPECT_EQ(log.linesOffMainQueue(), 0U);
     // Stop this test's timers so the next test starts with none.
@@ -55,24 +38,43 @@ ReportingHarness::~ReportingHarness() {
     });
     setMainQueueClock(nullptr);
     Platform::setHttpClient(nullptr);
-    Platform::setDevice(std::make_shared<LinuxDevice>());
+    Platform::setDevice(nullptr);
+    Platform::setKeychainBackend(nullptr);
+    Platform::setReachabilityService(nullptr);
 }
 
-void ReportingHarness::settle() {
-    EXPECT_TRUE(http->waitForAll());
-    MainQueue::main().sync([] {});
+void ReportingHarness::restart() {
+    NorvAnalytics::initWithKey(std::string(kKey));
+    NorvAnalytics::sharedController().setUrlString(std::string(kUrl));
 }
 
 void ReportingHarness::tick() {
     clock->advance(std::chrono::seconds(1));
     MainQueue::main().sync([] {});
-    settle();
 }
 
 std::string ReportingHarness::deviceUUID() const {
-    return Keychain::itemForKey(DeviceIdentity::deviceUUIDKey(), DeviceIdentity::service(),
-                                nullptr)
+    return Keychain::itemForKey(DeviceIdentity::deviceUUIDKey(), DeviceIdentity::service(), nullptr)
         .value_or("");
+}
+
+DeviceFacts ReportingHarness::facts(bool appOpen, const Text& userId) const {
+    DeviceFacts facts{.key = std::string(kKey),
+                      .deviceUUID = deviceUUID(),
+                      .sdkVersion = "1.7.4",
+                      .deviceModel = "iPhone 7",
+                      .systemVersion = "17.1"};
+    if (appOpen) {
+        facts.batteryLevel = 0.75F;
+        facts.userId = userId;
+    }
+    return facts;
+}
+
+std::size_t ReportingHarness::savedCount() const {
+    std::size_t count = 0;
+    MainQueue::main().sync([&] { count = Event::savedEvents().size(); });
+    return count;
 }
 
 }  // namespace NorvAnalytic::Testing

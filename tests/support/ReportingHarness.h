@@ -4,42 +4,47 @@
 
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "platform/MainQueueClock.h"
 #include "platform/ManualClock.h"
-#include "support/CountingHttpClient.h"
+#include "reporting/RequestBody.h"
+#include "support/FakeKeychainBackend.h"
+#include "support/FakeReachabilityService.h"
 #include "support/FixedDevice.h"
-#include "support/LocalHttpServer.h"
+#include "support/RecordingHttpClient.h"
 #include "support/RecordingLogSink.h"
-#include "support/ScratchKeychain.h"
 
 namespace NorvAnalytic::Testing {
 
-// The SDK wired to real parts for one test: a local HTTP server, the curl client, a scratch
-// keychain file, a recording console, a manual clock for the resend timer, and a device that
-// reports itself as an iPhone 7. It starts the SDK with initWithKey and the plain URL of the
-// local server.
+// The SDK started for one test on stand-ins: a recording HTTP client, an in-memory keychain,
+// a reachable network, a recording console, a manual clock for the resend timer, and a device
+// that reports itself as an iPhone 7 at 75% battery.
 class ReportingHarness {
 public:
+    static constexpr const char* kKey = "test-key";
+    static constexpr const char* kUrl = "http://collector.test/api/v3/saveEvent";
+
     ReportingHarness();
     ~ReportingHarness();
     ReportingHarness(const ReportingHarness&) = delete;
     ReportingHarness& operator=(const ReportingHarness&) = delete;
 
-    // Waits until every event sent so far has been answered and its answer handled.
-    void settle();
-    // One second of the resend timer, then settle().
+    // initWithKey again, pointed at kUrl; the earlier timers keep running.
+    void restart();
+    // One second of the resend timer; returns once the main queue has run its ticks.
     void tick();
-    // The device UUID stored in the scratch keychain.
     std::string deviceUUID() const;
+    // The facts this device adds to an event, for RequestBody::build.
+    DeviceFacts facts(bool appOpen, const Text& userId = std::nullopt) const;
+    std::size_t savedCount() const;
 
-    ScratchKeychain keychain;
-    LocalHttpServer server;
     RecordingLogSink log;
-    std::shared_ptr<FixedDevice> device;
-    std::shared_ptr<ManualClock> clock;
-    std::shared_ptr<CountingHttpClient> http;
+    std::shared_ptr<RecordingHttpClient> http = std::make_shared<RecordingHttpClient>();
+    std::shared_ptr<FakeKeychainBackend> keychain = std::make_shared<FakeKeychainBackend>();
+    std::shared_ptr<FakeReachabilityService> reachability =
+        std::make_shared<FakeReachabilityService>();
+    std::shared_ptr<FixedDevice> device = std::make_shared<FixedDevice>("iPhone9,3", "17.1", 0.75F);
+    std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
 };
 
 }  // namespace NorvAnalytic::Testing

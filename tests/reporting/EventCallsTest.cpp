@@ -1,0 +1,147 @@
+#include <NorvAnalytic/NorvAnalytics.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <map>
+#include <set>
+#include <thread>
+
+#include "support/ReportingHarness.h"
+
+namespace NorvAnalytic {
+namespace {
+
+using Testing::ReportingHarness;
+
+TEST(EventCalls, EachCallSendsItsTypeValueAndSlots) {
+    ReportingHarness harness;
+    NorvAnalytics::saveStoreUserID("store-user-7");
+    const std::string p = "p", r = "r";
+    struct Row {
+        std::function<void()> call;
+        EventFields sent;
+    };
+    const std::vector<Row> rows = {
+        {[] { NorvAnalytics::sendUsername("ann"); }, {.username = "ann"}},
+        {[] { NorvAnalytics::sendWarehouse("north"); }, {.warehouse = "north"}},
+        {[] { NorvAnalytics::sendError("boom"); }, {.error = "boom"}},
+        {[] { NorvAnalytics::sendDeviceName("sc"); }, {.deviceName = "sc"}},
+        {[] { NorvAnalytics::sendEventWithPlayerId("p-1"); }, {.typeId = "22", .playerId = "p-1"}},
+        {[] { NorvAnalytics::sendEventWithPageName("Home"); }, {.typeId = "7", .pageName = "Home"}},
+        {[&] { NorvAnalytics::sendUserLoginEventWithParameters(p, r); },
+         {.typeId = "5", .parameters = p, .response = r}},
+        {[&] { NorvAnalytics::sendUserLoginEventWithParameters(p, r, "ann"); },
+         {.typeId = "5", .parameters = p, .response = r, .username = "ann"}},
+        {[&] { NorvAnalytics::sendUserLoginEventWithParameters(p, r, "ann", "n"); },
+         {.typeId = "5", .parameters = p, .response = r, .username = "ann", .warehouse = "n"}},
+        {[&] { NorvAnalytics::sendUserCanNotLoginEventWithParameters(p, r); },
+         {.typeId = "15", .parameters = p, .response = r}},
+        {[&] { NorvAnalytics::sendUserCanNotLoginEventWithParameters(p, r, "denied"); },
+         {.typeId = "15", .parameters = p, .response = r, .error = "denied"}},
+        {[] { NorvAnalytics::sendUserLogoutEvent(); }, {.typeId = "6"}},
+        {[] { NorvAnalytics::sendDeviceCustomName("Till"); },
+         {.typeId = "23", .deviceCustomName = "Till"}},
+        {[] { NorvAnalytics::sendLocationServiceStatusEventWithValue(2); },
+         {.typeId = "18", .value = 2.0F}},
+        {[] { NorvAnalytics::sendBluetoothStatusEventWithValue(3); },
+         {.typeId = "17", .value = 3.0F}},
+        {[] { NorvAnalytics::sendExternalAccessoryBatteryIsLowEvent(); }, {.typeId = "20"}},
+        {[] { NorvAnalytics::sendExternalAccessoryBatteryStatusWithValue(16777217); },
+         {.typeId = "21", .value = 16777216.0F}},
+        {[] { NorvAnalytics::sendAppOpenEventWithDeviceName("sc"); },
+         {.typeId = "2", .value = 1.0F, .deviceName = "sc"}},
+        {[] { NorvAnalytics::sendAppOpenEvent(); }, {.typeId = "2", .value = 1.0F}},
+        {[] { NorvAnalytics::sendAppOpenEventWithUsername("ann"); },
+         {.typeId = "2", .value = 1.0F, .username = "ann"}},
+        {[] { NorvAnalytics::sendAppOpenEventWithUsername("ann", "sc"); },
+         {.typeId = "2", .value = 1.0F, .username = "ann", .deviceName = "sc"}},
+        // App close goes under the app-open type; the value tells them apart.
+        {[] { NorvAnalytics::sendAppCloseEvent(); }, {.typeId = "2", .value = 0.0F}},
+        {[&] { NorvAnalytics::sendDataNotRetrievedEventWithEndpoint("/o", p, r); },
+         {.typeId = "16", .endpoint = "/o", .parameters = p, .response = r}},
+        {[] { NorvAnalytics::sendEventWithType(7, 0.25F, "/e", std::nullopt, std::nullopt); },
+         {.typeId = "8", .value = 0.25F, .endpoint = "/e"}},
+        {[] { NorvAnalytics::sendEventWithType(17, 1.0F, std::nullopt, "x", std::nullopt); },
+         {.value = 1.0F, .parameters = "x"}},
+    };
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        harness.http->clear();
+        rows[i].call();
+        const bool appOpen = rows[i].sent.typeId == "2";
+        EXPECT_EQ(harness.http->bodies(),
+                  std::vector<std::string>{
+                      RequestBody::build(rows[i].sent, harness.facts(appOpen, "store-user-7"))})
+            << "row " << i;
+        EXPECT_EQ(harness.http->urls().at(0), ReportingHarness::kUrl);
+    }
+}
+
+TEST(EventCalls, RequestTimingSendsElapsedSecondsOncePerStart) {
+    ReportingHarness harness;
+    const Date t0 = std::chrono::system_clock::now();
+    const auto ms = [](int count) { return std::chrono::milliseconds(count); };
+    NorvAnalytics::sendRequestStartTime(t0, "/a");
+    NorvAnalytics::sendRequestEndTime(t0 + ms(1500), "/a", "q=1", "ok");
+    // Two starts: measured from the second; the second end finds nothing.
+    NorvAnalytics::sendRequestStartTime(t0, "/b");
+    NorvAnalytics::sendRequestStartTime(t0 + ms(1000), "/b");
+    NorvAnalytics::sendRequestEndTime(t0 + ms(1250), "/b", std::nullopt, std::nullopt);
+    NorvAnalytics::sendRequestEndTime(t0 + ms(9000), "/b", std::nullopt, std::nullopt);
+    // Ignored starts, an end without a start, and a nil end time (value 0).
+    NorvAnalytics::sendRequestStartTime(std::nullopt, "/c");
+    NorvAnalytics::sendRequestStartTime(t0, std::nullopt);
+    NorvAnalytics::sendRequestEndTime(t0, "/c", std::nullopt, std::nullopt);
+    NorvAnalytics::sendRequestEndTime(t0, std::nullopt, std::nullopt, std::nullopt);
+    NorvAnalytics::sendRequestStartTime(t0, "/d");
+    NorvAnalytics::sendRequestEndTime(std::nullopt, "/d", std::nullopt, std::nullopt);
+    // An end before its start is negative.
+    NorvAnalytics::sendRequestStartTime(t0, "/e");
+    NorvAnalytics::sendRequestEndTime(t0 - ms(250), "/e", std::nullopt, std::nullopt);
+
+    std::vector<std::string> expected;
+    for (const EventFields& sent :
+         std::vector<EventFields>{{.typeId = "1",
+         .value = 1.5F,
+         .endpoint = "/a",
+         .parameters = "q=1",
+         .response = "ok"},
+                                  {.typeId = "1", .value = 0.25F, .endpoint = "/b"},
+                                  {.typeId = "1", .value = 0.0F, .endpoint = "/d"},
+                                  {.typeId = "1", .value = -0.25F, .endpoint = "/e"}}) {
+        expected.push_back(RequestBody::build(sent, harness.facts(false)));
+    }
+    EXPECT_EQ(harness.http->bodies(), expected);
+}
+
+TEST(EventCalls, ManyThreadsLoseNoEvent) {
+    ReportingHarness harness;
+    constexpr int kThreads = 8;
+    constexpr int kPerThread = 300;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t] {
+            const std::string endpoint = "/t" + std::to_string(t);
+            for (int i = 0; i < kPerThread; ++i) {
+                NorvAnalytics::sendEventWithPageName(endpoint + "-" + std::to_string(i));
+                NorvAnalytics::sendRequestStartTime(std::chrono::system_clock::now(), endpoint);
+                NorvAnalytics::sendRequestEndTime(std::chrono::system_clock::now(), endpoint,
+                                                  std::nullopt, std::nullopt);
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    const auto bodies = harness.http->bodies();
+    EXPECT_EQ(bodies.size(), static_cast<std::size_t>(kThreads * kPerThread * 2));
+    std::set<std::string> pages;
+    for (const auto& body : bodies) {
+        if (body.find("&type=7&") != std::string::npos) {
+            pages.insert(body);
+        }
+    }
+    EXPECT_EQ(pages.size(), static_cast<std::size_t>(kThreads * kPerThread));
+}
+
+}  // namespace
+}  // namespace NorvAnalytic

@@ -1,0 +1,55 @@
+#include "support/RecordingHttpClient.h"
+
+#include <NorvAnalytic/MainQueue.h>
+
+namespace NorvAnalytic::Testing {
+
+void RecordingHttpClient::send(HttpRequest request, Completion completion) {
+    std::lock_guard lock(mutex_);
+    requests_.push_back(std::move(request));
+    open_.push_back(std::move(completion));
+}
+
+std::vector<std::string> RecordingHttpClient::bodies() const {
+    std::lock_guard lock(mutex_);
+    std::vector<std::string> bodies;
+    for (const HttpRequest& request : requests_) {
+        bodies.push_back(request.body);
+    }
+    return bodies;
+}
+
+std::vector<std::string> RecordingHttpClient::urls() const {
+    std::lock_guard lock(mutex_);
+    std::vector<std::string> urls;
+    for (const HttpRequest& request : requests_) {
+        urls.push_back(request.url);
+    }
+    return urls;
+}
+
+void RecordingHttpClient::clear() {
+    std::lock_guard lock(mutex_);
+    requests_.clear();
+}
+
+void RecordingHttpClient::answerAll(long status, const std::string& body) {
+    completeAll(body, HttpResponse{status});
+}
+
+void RecordingHttpClient::failAll() { completeAll(std::nullopt, std::nullopt); }
+
+void RecordingHttpClient::completeAll(const std::optional<std::string>& data,
+                                      const std::optional<HttpResponse>& response) {
+    std::vector<Completion> open;
+    {
+        std::lock_guard lock(mutex_);
+        open.swap(open_);
+    }
+    for (Completion& completion : open) {
+        completion(data, response, data ? std::nullopt : std::optional<std::string>("failed"));
+    }
+    MainQueue::main().sync([] {});
+}
+
+}  // namespace NorvAnalytic::Testing

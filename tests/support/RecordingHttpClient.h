@@ -1,0 +1,37 @@
+#pragma once
+
+#include <NorvAnalytic/HttpClient.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace NorvAnalytic::Testing {
+
+// An HTTP client that sends nothing: it records each request and completes it only when the
+// test says, so reporting tests run without a server and in a known order.
+class RecordingHttpClient final : public HttpClient {
+public:
+    void send(HttpRequest request, Completion completion) override;
+
+    // The bodies of every request sent since the last clear(), oldest first.
+    std::vector<std::string> bodies() const;
+    std::vector<std::string> urls() const;
+    void clear();
+
+    // Answers every request still open, oldest first, and waits until the main queue has
+    // handled the answers.
+    void answerAll(long status, const std::string& body);
+    // Fails every request still open without an answer, as a transport error does.
+    void failAll();
+
+private:
+    void completeAll(const std::optional<std::string>& data,
+                     const std::optional<HttpResponse>& response);
+
+    mutable std::mutex mutex_;
+    std::vector<HttpRequest> requests_;
+    std::vector<Completion> open_;
+};
+
+}  // namespace NorvAnalytic::Testing
