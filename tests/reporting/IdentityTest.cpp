@@ -43,10 +43,15 @@ TEST(Identity, OneUUIDIsMadeKeptAndRepairedAndTheUserIdFollowsTheHost) {
     EXPECT_NE(replacement, uuid);
     EXPECT_EQ(stored(DeviceIdentity::deviceUUIDKey()), replacement);
 
-    for (const Text& userId : {Text("u-1"), Text("u-1"), Text("u-2"), Text(std::nullopt)}) {
+    for (const Text& userId : {Text("u-1"), Text("u-2"), Text(std::nullopt)}) {
         NorvAnalytics::saveStoreUserID(userId);
         EXPECT_EQ(stored(DeviceIdentity::userIdKey()), userId);
     }
+    // The same id again is only looked up, never written.
+    NorvAnalytics::saveStoreUserID("u-2");
+    const std::size_t reads = keychain->copyMatchingCalls();
+    NorvAnalytics::saveStoreUserID("u-2");
+    EXPECT_EQ(keychain->copyMatchingCalls(), reads + 1);
 
     // A locked keychain: a fresh UUID each time, and not a word on the console.
     keychain->failWith(errSecInteractionNotAllowed);
