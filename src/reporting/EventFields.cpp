@@ -30,6 +30,10 @@ constexpr std::array<TextSlot, 11> kTextSlots = {{
     {&EventFields::deviceName, &EventResponseContext::deviceName, &Event::deviceName},
 }};
 
+// A slot added to EventFields without its row here would be dropped from answers and resends.
+static_assert(sizeof(EventFields) == sizeof(Text) * kTextSlots.size() + alignof(Text),
+              "every text slot of EventFields needs its row in kTextSlots");
+
 }  // namespace
 
 EventFields EventFields::fromContext(const EventResponseContext& context) {
