@@ -72,7 +72,7 @@ TEST(EventCalls, EachCallSendsItsTypeValueAndSlots) {
                   std::vector<std::string>{
                       RequestBody::build(rows[i].sent, harness.facts(appOpen, "store-user-7"))})
             << "row " << i;
-        EXPECT_EQ(harness.http->urls().at(0), ReportingHarness::kUrl);
+        EXPECT_EQ(harness.http->requests().at(0).url, ReportingHarness::kUrl);
     }
 }
 

@@ -10,22 +10,17 @@ void RecordingHttpClient::send(HttpRequest request, Completion completion) {
     open_.push_back(std::move(completion));
 }
 
-std::vector<std::string> RecordingHttpClient::bodies() const {
+std::vector<HttpRequest> RecordingHttpClient::requests() const {
     std::lock_guard lock(mutex_);
+    return requests_;
+}
+
+std::vector<std::string> RecordingHttpClient::bodies() const {
     std::vector<std::string> bodies;
-    for (const HttpRequest& request : requests_) {
+    for (const HttpRequest& request : requests()) {
         bodies.push_back(request.body);
     }
     return bodies;
-}
-
-std::vector<std::string> RecordingHttpClient::urls() const {
-    std::lock_guard lock(mutex_);
-    std::vector<std::string> urls;
-    for (const HttpRequest& request : requests_) {
-        urls.push_back(request.url);
-    }
-    return urls;
 }
 
 void RecordingHttpClient::clear() {

@@ -14,9 +14,9 @@ class RecordingHttpClient final : public HttpClient {
 public:
     void send(HttpRequest request, Completion completion) override;
 
-    // The bodies of every request sent since the last clear(), oldest first.
+    // Every request sent since the last clear(), oldest first, and their bodies.
+    std::vector<HttpRequest> requests() const;
     std::vector<std::string> bodies() const;
-    std::vector<std::string> urls() const;
     void clear();
 
     // Answers every request still open, oldest first, and waits until the main queue has
