@@ -2,15 +2,8 @@
 #include <NorvAnalytic/NorvAnalytics.h>
 #include <NorvAnalytic/Platform.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 
 #include "reporting/DeviceIdentity.h"
-#include "support/ChildProcess.h"
 #include "support/FakeKeychainBackend.h"
 #include "support/RecordingLogSink.h"
 
@@ -61,33 +54,6 @@ TEST(Identity, OneUUIDIsMadeKeptAndRepairedAndTheUserIdFollowsTheHost) {
     EXPECT_NE(NorvAnalytics::getNorvAnalyticUUID(), first);
     EXPECT_EQ(log.lines(), std::vector<std::string>{});
     Platform::setKeychainBackend(nullptr);
-}
-
-TEST(Identity, AnotherProcessOnTheSameStoreReadsTheSameUUID) {
-    if (const char* path = std::getenv("NORV_CHILD_KEYCHAIN")) {
-        // The second process: it answers with the UUID it reads from the shared store.
-        Platform::setKeychainBackend(KeychainBackend::makeFileBackend(std::string(path)));
-        std::ofstream(std::getenv("NORV_CHILD_ANSWER")) << NorvAnalytics::getNorvAnalyticUUID();
-        return;
-    }
-    const auto home =
-        std::filesystem::temp_directory_path() / ("norv-identity-" + std::to_string(::getpid()));
-    std::filesystem::create_directories(home);
-    const std::string path = (home / "keychain.sqlite").string();
-    Platform::setKeychainBackend(KeychainBackend::makeFileBackend(path));
-    const std::string uuid = NorvAnalytics::getNorvAnalyticUUID();
-
-    const auto answer = home / "child-uuid.txt";
-    const int status = Testing::runChildProcess(
-        {Testing::selfExecutable(),
-         "--gtest_filter=Identity.AnotherProcessOnTheSameStoreReadsTheSameUUID"},
-        {"NORV_CHILD_KEYCHAIN=" + path, "NORV_CHILD_ANSWER=" + answer.string()});
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    std::string childUUID;
-    std::getline(std::ifstream(answer), childUUID);
-    EXPECT_EQ(childUUID, uuid);
-    Platform::setKeychainBackend(nullptr);
-    std::filesystem::remove_all(home);
 }
 
 }  // namespace

@@ -5,8 +5,6 @@
 #include <NorvAnalytic/Platform.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
-
 #include "support/ReportingHarness.h"
 #include "support/TestApplication.h"
 #include "support/TestViewController.h"
@@ -43,10 +41,6 @@ protected:
     }
     Lines appOpenAnswered(const std::string& body, long status = 200) {
         return answered([] { NorvAnalytics::sendAppOpenEvent(); }, body, status);
-    }
-    void restartWithUpdateChecks() {
-        harness.restart();
-        NorvAnalytics::checkUpdates(true);
     }
 
     Testing::ReportingHarness harness;
@@ -233,38 +227,6 @@ TEST_F(Response, TopControllerWalkUnwrapsOnlyPresentedControllers) {
     auto sheet = Testing::TestViewController::plain();
     deepest->setPresentedViewController(sheet);
     EXPECT_EQ(controller.topViewController(), sheet);
-}
-
-TEST_F(Response, HostileAnswersNeitherCrashNorRunAnything) {
-    std::string deepPayload = R"({"payload":)";
-    for (int i = 0; i < 100000; ++i) {
-        deepPayload += R"({"a":)";
-    }
-    deepPayload += "1" + std::string(100000, '}') + "}";
-    const std::vector<std::string> bodies = {
-        deepPayload,
-        R"({"payload":{"analytics_enabled":true,"force_version":[1,2]}})",
-        R"({"payload":{"analytics_enabled":true,"force_version":{"no":"99",)"
-        R"("download_url":"$(touch /tmp/norv-pwned); `id` | rm -rf ~"}}})",
-        "\xFF\xFE garbage",
-    };
-    NorvAnalytics::setLogLevel(3);
-    for (const auto& body : bodies) {
-        restartWithUpdateChecks();
-        appOpenAnswered(body);
-    }
-    // The metacharacters arrive as a link and nothing more.
-    auto alert = NorvAnalytics::sharedController().alertController();
-    ASSERT_NE(alert, nullptr);
-    alert->tapActionAtIndex(0);
-    EXPECT_EQ(application->openedURLs().size(), 0U);
-    EXPECT_FALSE(std::filesystem::exists("/tmp/norv-pwned"));
-
-    NorvAnalytics::setLogLevel(0);
-    harness.restart();
-    appOpenAnswered(R"({"message":")" + std::string(50 * 1024 * 1024, 'x') +
-                    R"(","payload":{"analytics_enabled":true}})");
-    EXPECT_TRUE(enabled());
 }
 
 }  // namespace
