@@ -26,11 +26,7 @@ protected:
         application->setKeyWindow(std::make_shared<Testing::TestWindow>(root));
         Platform::setApplication(application);
     }
-    void TearDown() override {
-        Platform::setApplication(nullptr);
-        NorvAnalytics::checkUpdates(false);
-        NorvAnalytics::setLogLevel(0);
-    }
+    void TearDown() override { Platform::setApplication(nullptr); }
 
     // Sends one event answered with body, and returns the console lines it caused.
     Lines answered(const std::function<void()>& send, const std::string& body, long status = 200) {
@@ -56,15 +52,8 @@ TEST_F(Response, RefusedFirstSendsAreKeptAndEveryLevelLogsItsLine) {
     };
     EXPECT_EQ(answered(dataNotRetrieved, R"({"message":"try later","code":77})", 500), Lines{});
     ASSERT_EQ(harness.savedCount(), 1U);
-    MainQueue::main().sync([] {
-        const Event& kept = *Event::savedEvents().front();
-        EXPECT_EQ(kept.eventTypeId, "16");
-        EXPECT_EQ(kept.value, "0.000000");
-        EXPECT_EQ(kept.endpoint, "/orders");
-        EXPECT_EQ(kept.parameters, "p");
-        EXPECT_EQ(kept.response, "r");
-        EXPECT_EQ(kept.statusCode, 500);
-    });
+    // What the kept event carries is checked by its resend.
+    MainQueue::main().sync([] { EXPECT_EQ(Event::savedEvents().front()->statusCode, 500); });
 
     // Delivered answers keep nothing; each level has its own line, 0 and others none.
     const auto page = [] { NorvAnalytics::sendEventWithPageName("Home"); };
