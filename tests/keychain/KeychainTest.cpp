@@ -139,8 +139,7 @@ TEST_P(KeychainContractTest, MissingItemsAndDeletes) {
                                    : Keychain::deleteItemForKey("token", "api", nullptr));
         EXPECT_FALSE(Keychain::rawDataForKey("token", "api", nullptr).has_value());
     }
-    EXPECT_EQ(backend_->update(query("token"), query("token", Data{1})),
-              errSecItemNotFound);
+    EXPECT_EQ(backend_->update(query("token"), query("token", Data{1})), errSecItemNotFound);
 }
 
 TEST_P(KeychainContractTest, AccessGroupsSeparateItemsInDeviceBuilds) {
@@ -174,14 +173,14 @@ TEST_P(KeychainContractTest, AccessGroupsSeparateItemsInDeviceBuilds) {
 TEST_P(KeychainContractTest, ForeignBytesReadRawButNotAsAnItem) {
     Data truncated = KeychainArchive::archivedData("a longer value than fits");
     truncated.resize(truncated.size() - 3);
-    const Data foreign[] = {
-        {'n', 'o', 't', 0x00, 0xff}, {}, truncated,
-        // Our marker before a CBOR text string instead of a byte string.
-        {'N', 'V', 'K', 0x01, 0x62, 'h', 'i'}};
+    const Data foreign[] = {{'n', 'o', 't', 0x00, 0xff},
+                            {},
+                            truncated,
+                            // Our marker before a CBOR text string instead of a byte string.
+                            {'N', 'V', 'K', 0x01, 0x62, 'h', 'i'}};
     for (const Data& bytes : foreign) {
         const std::string key = "foreign" + std::to_string(bytes.size());
-        ASSERT_EQ(backend_->add(query(key, bytes)),
-                  errSecSuccess);
+        ASSERT_EQ(backend_->add(query(key, bytes)), errSecSuccess);
         std::optional<Error> error;
         EXPECT_FALSE(Keychain::itemForKey(key, "api", &error).has_value());
         ASSERT_TRUE(error.has_value());
@@ -205,10 +204,12 @@ TEST(KeychainTest, StatusesMapToTheirFixedMessages) {
     const std::pair<OSStatus, std::string> rows[] = {
         {errSecInteractionNotAllowed, kNotAllowed},
         {errSecItemNotFound, kNotFound},
-        {errSecDuplicateItem, "Item with key 'token' for service 'api' already exists in the "
-                              "keychain."},
-        {INT32_MIN, "This is a undefined error. Check SecBase.h or Apple's iOS Developer Library "
-                    "for more information on this Keychain Services error code."},
+        {errSecDuplicateItem,
+         "Item with key 'token' for service 'api' already exists in the "
+         "keychain."},
+        {INT32_MIN,
+         "This is a undefined error. Check SecBase.h or Apple's iOS Developer Library "
+         "for more information on this Keychain Services error code."},
     };
     for (const auto& [status, message] : rows) {
         expectError(Keychain::_errorForResultCode(status, "token", "api"), status, message);
@@ -230,9 +231,10 @@ TEST(KeychainTest, EmptyKeyOrServiceRaisesWithTheCheckingOperationsName) {
         {[](auto& key, auto& service) { Keychain::itemForKey(key, service, nullptr); },
          "+[Keychain _itemAttributesAndDataForKey:forService:inAccessGroup:error:] "},
     };
-    const std::tuple<Text, Text, std::string> arguments[] = {
-        {"", "", "key"}, {std::nullopt, "api", "key"}, {"token", "", "service"},
-        {"token", std::nullopt, "service"}};
+    const std::tuple<Text, Text, std::string> arguments[] = {{"", "", "key"},
+                                                             {std::nullopt, "api", "key"},
+                                                             {"token", "", "service"},
+                                                             {"token", std::nullopt, "service"}};
     for (const auto& [call, name] : operations) {
         for (const auto& [key, service, empty] : arguments) {
             try {

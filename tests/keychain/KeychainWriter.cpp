@@ -23,26 +23,18 @@ constexpr std::size_t kExchangeSize = 4096;
 constexpr std::size_t kChurnSize = 256 * 1024;
 constexpr int kIterations = 60;
 
-// "<writer>:<iteration>:" and then one letter, chosen by the iteration, up to the size: shows
-// who wrote a value and whether it arrived whole.
-std::string patterned(const std::string& writer, int iteration, std::size_t size) {
-    std::string value = writer + ":" + std::to_string(iteration) + ":";
-    value.resize(size, static_cast<char>('a' + iteration % 26));
-    return value;
+// One letter, chosen by the iteration, repeated: a value torn between two saves shows.
+std::string patterned(int iteration, std::size_t size) {
+    return std::string(size, static_cast<char>('a' + iteration % 26));
 }
 
 bool isWhole(const Text& value, std::size_t size) {
-    const auto first = value ? value->find(':') : std::string::npos;
-    const auto second = first == std::string::npos ? first : value->find(':', first + 1);
-    return second != std::string::npos &&
-           value == patterned(value->substr(0, first),
-                              std::atoi(value->substr(first + 1, second - first - 1).c_str()),
-                              size);
+    return value && value->size() == size && *value == patterned((*value)[0] - 'a', size);
 }
 
 bool exchange(const std::string& writer) {
     for (int iteration = 0; iteration < kIterations; ++iteration) {
-        const std::string own = patterned(writer, iteration, kExchangeSize);
+        const std::string own = patterned(iteration, kExchangeSize);
         if (!Keychain::saveItem(own, writer, "exchange", nullptr) ||
             !Keychain::saveItem(own, "shared", "exchange", nullptr) ||
             Keychain::itemForKey(writer, "exchange", nullptr) != own ||
@@ -57,8 +49,7 @@ int churnUntilKilled(int saves) {
     std::atomic<int> done = 0;
     std::thread churner([&done] {
         for (int iteration = 0;; ++iteration) {
-            if (!Keychain::saveItem(patterned("churn", iteration, kChurnSize), "victim", "churn",
-                                    nullptr)) {
+            if (!Keychain::saveItem(patterned(iteration, kChurnSize), "victim", "churn", nullptr)) {
                 std::_Exit(1);
             }
             done.fetch_add(1);
