@@ -26,9 +26,6 @@ struct KeychainQuery {
     Text accessGroup;
     std::optional<KeychainItemAccessible> accessible;
     std::optional<Data> valueData;
-    bool matchLimitOne = false;
-    bool returnAttributes = false;
-    bool returnData = false;
 };
 
 // One stored generic-password item: its attributes and its payload.

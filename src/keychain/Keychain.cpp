@@ -204,13 +204,9 @@ KeychainQuery Keychain::_baseQueryDictionaryForKey(const Text& key, const Text& 
 std::optional<KeychainItemAttributes> Keychain::_itemAttributesAndDataForKey(
     const Text& key, const Text& service, const Text& accessGroup, ErrorSlot error) {
     checkArguments(kLookupSelector, key, service);
-    KeychainQuery query = _baseQueryDictionaryForKey(key, service, accessGroup);
-    query.matchLimitOne = true;
-    query.returnAttributes = true;
-    query.returnData = true;
-
     KeychainItemAttributes result;
-    const OSStatus status = Platform::keychainBackend()->copyMatching(query, &result);
+    const OSStatus status = Platform::keychainBackend()->copyMatching(
+        _baseQueryDictionaryForKey(key, service, accessGroup), &result);
     if (status != errSecSuccess) {
         report(error, _errorForResultCode(status, key, service));
         return std::nullopt;

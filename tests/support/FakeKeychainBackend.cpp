@@ -4,84 +4,85 @@
 
 namespace NorvAnalytic::Testing {
 
+namespace {
+
+// Like the real keychains: a query without an access group matches the item of every group.
+bool matches(const KeychainQuery& query, const KeychainItemAttributes& item) {
+    return item.account == query.account && item.service == query.service &&
+           (!query.accessGroup || query.accessGroup == item.accessGroup.value_or(""));
+}
+
+}  // namespace
+
 void FakeKeychainBackend::failWith(std::optional<OSStatus> status) {
-    std::lock_guard lock(mutex_);
+    const std::lock_guard lock(mutex_);
     failure_ = status;
 }
 
 std::size_t FakeKeychainBackend::copyMatchingCalls() const {
-    std::lock_guard lock(mutex_);
+    const std::lock_guard lock(mutex_);
     return copyMatchingCalls_;
-}
-
-bool FakeKeychainBackend::matches(const KeychainQuery& query, const KeychainItemAttributes& item) {
-    // A query without an access group matches items of every group.
-    return query.account == item.account && query.service == item.service &&
-           (!query.accessGroup || query.accessGroup == item.accessGroup);
 }
 
 OSStatus FakeKeychainBackend::copyMatching(const KeychainQuery& query,
                                            KeychainItemAttributes* result) {
-    std::lock_guard lock(mutex_);
+    const std::lock_guard lock(mutex_);
     ++copyMatchingCalls_;
     if (failure_) {
         return *failure_;
     }
-    for (const KeychainItemAttributes& item : items_) {
-        if (matches(query, item)) {
-            if (result != nullptr) {
-                *result = item;
-            }
-            return errSecSuccess;
-        }
+    const auto found = std::find_if(items_.begin(), items_.end(),
+                                    [&](const auto& item) { return matches(query, item); });
+    if (found == items_.end()) {
+        return errSecItemNotFound;
     }
-    return errSecItemNotFound;
+    if (result != nullptr) {
+        *result = *found;
+    }
+    return errSecSuccess;
 }
 
 OSStatus FakeKeychainBackend::add(const KeychainQuery& attributes) {
-    std::lock_guard lock(mutex_);
+    const std::lock_guard lock(mutex_);
     if (failure_) {
         return *failure_;
     }
-    KeychainItemAttributes item{attributes.account, attributes.service, attributes.accessGroup,
-                                attributes.accessible, attributes.valueData.value_or(Data{})};
-    for (const KeychainItemAttributes& existing : items_) {
-        if (existing.account == item.account && existing.service == item.service &&
-            existing.accessGroup == item.accessGroup) {
-            return errSecDuplicateItem;
-        }
+    // An item without a group is kept under the empty one, which only an exact query finds.
+    KeychainQuery exact = attributes;
+    exact.accessGroup = attributes.accessGroup.value_or("");
+    if (std::any_of(items_.begin(), items_.end(),
+                    [&](const auto& item) { return matches(exact, item); })) {
+        return errSecDuplicateItem;
     }
-    items_.push_back(std::move(item));
+    const Text group = exact.accessGroup->empty() ? std::nullopt : exact.accessGroup;
+    items_.push_back({attributes.account, attributes.service, group, attributes.accessible,
+                      attributes.valueData.value_or(Data{})});
     return errSecSuccess;
 }
 
 OSStatus FakeKeychainBackend::update(const KeychainQuery& query, const KeychainQuery& changes) {
-    std::lock_guard lock(mutex_);
+    const std::lock_guard lock(mutex_);
     if (failure_) {
         return *failure_;
     }
-    bool found = false;
-    for (KeychainItemAttributes& item : items_) {
+    OSStatus status = errSecItemNotFound;
+    for (auto& item : items_) {
         if (matches(query, item)) {
-            found = true;
-            if (changes.valueData) {
-                item.valueData = *changes.valueData;
-            }
-            if (changes.accessible) {
-                item.accessible = changes.accessible;
-            }
+            item.valueData = changes.valueData.value_or(item.valueData);
+            item.accessible = changes.accessible ? changes.accessible : item.accessible;
+            status = errSecSuccess;
         }
     }
-    return found ? errSecSuccess : errSecItemNotFound;
+    return status;
 }
 
 OSStatus FakeKeychainBackend::remove(const KeychainQuery& query) {
-    std::lock_guard lock(mutex_);
+    const std::lock_guard lock(mutex_);
     if (failure_) {
         return *failure_;
     }
-    const auto removed = std::erase_if(
-        items_, [&](const KeychainItemAttributes& item) { return matches(query, item); });
+    const auto removed =
+        std::erase_if(items_, [&](const auto& item) { return matches(query, item); });
     return removed > 0 ? errSecSuccess : errSecItemNotFound;
 }
 

@@ -16,18 +16,18 @@ public:
     void failWith(std::optional<OSStatus> status);
     // How many copyMatching calls reached the backend so far.
     std::size_t copyMatchingCalls() const;
-    OSStatus copyMatching(const KeychainQuery& query, KeychainItemAttributes* result) override;
-    OSStatus add(const KeychainQuery& attributes) override;
-    OSStatus update(const KeychainQuery& query, const KeychainQuery& changes) override;
-    OSStatus remove(const KeychainQuery& query) override;
+
+    OSStatus copyMatching(const KeychainQuery&, KeychainItemAttributes*) override;
+    OSStatus add(const KeychainQuery&) override;
+    OSStatus update(const KeychainQuery&, const KeychainQuery&) override;
+    OSStatus remove(const KeychainQuery&) override;
 
 private:
-    static bool matches(const KeychainQuery& query, const KeychainItemAttributes& item);
-
     mutable std::mutex mutex_;
-    std::vector<KeychainItemAttributes> items_;
     std::optional<OSStatus> failure_;
     std::size_t copyMatchingCalls_ = 0;
+    // In the order added, so that a query matching several items finds the oldest first.
+    std::vector<KeychainItemAttributes> items_;
 };
 
 }  // namespace NorvAnalytic::Testing

@@ -1,0 +1,293 @@
+#include <NorvAnalytic/Keychain.h>
+#include <NorvAnalytic/Platform.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <stdexcept>
+
+#include "BuildConfig.h"
+#include "keychain/FileKeychainBackend.h"
+#include "keychain/KeychainArchive.h"
+#include "keychain/SecretServiceKeychainBackend.h"
+#include "support/FakeKeychainBackend.h"
+#include "support/ScratchKeychain.h"
+
+namespace NorvAnalytic {
+namespace {
+
+using Testing::FakeKeychainBackend;
+using Testing::ScratchKeychain;
+
+const std::string kNotFound =
+    "Item with key 'token' for service 'api' could not be found in the keychain.";
+const std::string kNotAllowed =
+    "Interaction with key 'token' for service 'api' was not allowed. It is possible that the "
+    "item is only accessible when the device is unlocked and this query is happening when the "
+    "app is in the background. Double-check your item permissions.";
+const std::string kDeleteMissing =
+    "Could not delete item with key 'token' for service 'api' from the keychain because it "
+    "does not exist.";
+
+void expectError(const std::optional<Error>& error, std::int64_t code, const std::string& text) {
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->domain, BrixKeychainErrorDomain);
+    EXPECT_EQ(error->code, code);
+    EXPECT_EQ(error->localizedDescription, text);
+}
+
+KeychainQuery query(const std::string& key, std::optional<Data> bytes = std::nullopt) {
+    KeychainQuery query = Keychain::_baseQueryDictionaryForKey(key, "api", std::nullopt);
+    query.valueData = std::move(bytes);
+    return query;
+}
+
+// The Secret Service under a schema of its own per call, in the daemon's in-memory
+// collection, so that no run sees another's items; null when there is none to reach.
+std::shared_ptr<KeychainBackend> secretService() {
+    if (std::getenv("DBUS_SESSION_BUS_ADDRESS") == nullptr) {
+        return nullptr;
+    }
+    static int run = 0;
+    auto backend = std::make_shared<SecretServiceKeychainBackend>(
+        "com.norvanalytic.test" + std::to_string(::getpid()) + "." + std::to_string(++run),
+        "session");
+    return backend->add(query("probe")) == errSecSuccess &&
+                   backend->remove(query("probe")) == errSecSuccess
+               ? backend
+               : nullptr;
+}
+
+// Every backend keeps items the same way, the in-memory fake included.
+class KeychainContractTest : public ::testing::TestWithParam<std::string> {
+protected:
+    void SetUp() override {
+        if (GetParam() == "Fake") {
+            backend_ = std::make_shared<FakeKeychainBackend>();
+        } else if (GetParam() == "File") {
+            backend_ = scratch_.backend();
+        } else if (!(backend_ = secretService())) {
+            GTEST_SKIP() << "no Secret Service: run under dbus-run-session with an unlocked "
+                            "gnome-keyring-daemon";
+        }
+        Platform::setKeychainBackend(backend_);
+    }
+
+    KeychainItemAttributes stored(const std::string& key) {
+        KeychainItemAttributes attributes;
+        EXPECT_EQ(backend_->copyMatching(query(key), &attributes), errSecSuccess);
+        return attributes;
+    }
+
+    ScratchKeychain scratch_;
+    std::shared_ptr<KeychainBackend> backend_;
+};
+
+TEST_P(KeychainContractTest, SavesAddThenUpdateAndKeepEveryByte) {
+    std::optional<Error> untouched = Keychain::_errorForResultCode(7, "earlier", "call");
+    for (const std::string& value :
+         {std::string("first"), std::string(), std::string("nul\0inside", 10),
+          std::string("\xff\xfe invalid \xc3\x28 utf-8 \xed\xa0\x80"), std::string(100000, 'x')}) {
+        ASSERT_TRUE(Keychain::saveItem(value, "token", "api", &untouched));
+        EXPECT_EQ(Keychain::itemForKey("token", "api", &untouched), value);
+    }
+    EXPECT_EQ(untouched.value_or(Error{}).code, 7) << "a call that succeeds leaves the error slot alone";
+
+    ASSERT_TRUE(Keychain::saveItem("other service", "token", "other", nullptr));
+    ASSERT_TRUE(Keychain::saveItem("other key", "key", "api", nullptr));
+    EXPECT_EQ(Keychain::itemForKey("token", "api", nullptr), std::string(100000, 'x'));
+}
+
+TEST_P(KeychainContractTest, OnlyTheTwoAccessibilitiesAreSetOnAddAndOnUpdate) {
+    using enum KeychainItemAccessible;
+    const std::pair<KeychainAccessibility, std::optional<KeychainItemAccessible>> rows[] = {
+        {KeychainAccessibilityWhenUnlocked, WhenUnlocked},
+        {KeychainAccessibilityAfterFirstUnlock, AfterFirstUnlock},
+        {static_cast<KeychainAccessibility>(2), std::nullopt},
+        {static_cast<KeychainAccessibility>(-1), std::nullopt},
+    };
+    for (const auto& [accessibility, expected] : rows) {
+        const std::string added = "added" + std::to_string(accessibility);
+        ASSERT_TRUE(Keychain::saveItem("v", added, "api", std::nullopt, accessibility, nullptr));
+        EXPECT_EQ(stored(added).accessible, expected) << added;
+
+        const std::string updated = "updated" + std::to_string(accessibility);
+        ASSERT_TRUE(Keychain::saveItem("v", updated, "api", nullptr));
+        EXPECT_EQ(stored(updated).accessible, AfterFirstUnlock) << "the short save";
+        ASSERT_TRUE(Keychain::saveItem("w", updated, "api", std::nullopt, accessibility, nullptr));
+        EXPECT_EQ(stored(updated).accessible, expected.value_or(AfterFirstUnlock)) << updated;
+    }
+}
+
+TEST_P(KeychainContractTest, MissingItemsAndDeletes) {
+    std::optional<Error> error;
+    EXPECT_FALSE(Keychain::itemForKey("token", "api", &error).has_value());
+    expectError(error, errSecItemNotFound, kNotFound);
+
+    for (const bool throughNilSave : {false, true}) {
+        error.reset();
+        EXPECT_FALSE(throughNilSave ? Keychain::saveItem(std::nullopt, "token", "api", &error)
+                                    : Keychain::deleteItemForKey("token", "api", &error));
+        expectError(error, errSecItemNotFound, kDeleteMissing);
+        ASSERT_NE(error->underlyingError, nullptr);
+        expectError(*error->underlyingError, errSecItemNotFound, kNotFound);
+
+        ASSERT_TRUE(Keychain::saveItem("secret", "token", "api", nullptr));
+        EXPECT_TRUE(throughNilSave ? Keychain::saveItem(std::nullopt, "token", "api", nullptr)
+                                   : Keychain::deleteItemForKey("token", "api", nullptr));
+        EXPECT_FALSE(Keychain::rawDataForKey("token", "api", nullptr).has_value());
+    }
+    EXPECT_EQ(backend_->update(query("token"), query("token", Data{1})), errSecItemNotFound);
+}
+
+TEST_P(KeychainContractTest, AccessGroupsSeparateItemsInDeviceBuilds) {
+    const auto save = [](const Text& item, const Text& group) {
+        return Keychain::saveItem(item, "token", "api", group,
+                                  KeychainAccessibilityAfterFirstUnlock, nullptr);
+    };
+    ASSERT_TRUE(save("in one", "group.one"));
+    if constexpr (BuildConfig::kSimulatorBuild) {
+        EXPECT_EQ(Keychain::itemForKey("token", "api", "group.two", nullptr), "in one");
+        EXPECT_FALSE(stored("token").accessGroup.has_value());
+        return;
+    }
+    EXPECT_EQ(stored("token").accessGroup, "group.one");
+    EXPECT_FALSE(Keychain::itemForKey("token", "api", "group.two", nullptr).has_value());
+    // No group, nil or empty, matches the item of any group.
+    EXPECT_EQ(Keychain::itemForKey("token", "api", nullptr), "in one");
+    EXPECT_EQ(Keychain::itemForKey("token", "api", "", nullptr), "in one");
+
+    ASSERT_TRUE(save("in two", "group.two"));
+    EXPECT_EQ(Keychain::itemForKey("token", "api", "group.one", nullptr), "in one");
+    EXPECT_TRUE(Keychain::deleteItemForKey("token", "api", "group.one", nullptr));
+    EXPECT_EQ(Keychain::itemForKey("token", "api", "group.two", nullptr), "in two");
+
+    // A nil save drops its group, so it deletes the item of every group.
+    ASSERT_TRUE(save("in one again", "group.one"));
+    EXPECT_TRUE(save(std::nullopt, "group.one"));
+    EXPECT_FALSE(Keychain::rawDataForKey("token", "api", nullptr).has_value());
+}
+
+TEST_P(KeychainContractTest, ForeignBytesReadRawButNotAsAnItem) {
+    Data truncated = KeychainArchive::archivedData("a longer value than fits");
+    truncated.resize(truncated.size() - 3);
+    const Data foreign[] = {{'n', 'o', 't', 0x00, 0xff},
+                            {},
+                            truncated,
+                            // Our marker before a CBOR text string instead of a byte string.
+                            {'N', 'V', 'K', 0x01, 0x62, 'h', 'i'}};
+    for (const Data& bytes : foreign) {
+        const std::string key = "foreign" + std::to_string(bytes.size());
+        ASSERT_EQ(backend_->add(query(key, bytes)), errSecSuccess);
+        std::optional<Error> error;
+        EXPECT_FALSE(Keychain::itemForKey(key, "api", &error).has_value());
+        ASSERT_TRUE(error.has_value());
+        EXPECT_EQ(error->domain, BrixKeychainErrorDomain);
+        EXPECT_EQ(error->code, 21);
+        EXPECT_FALSE(error->localizedDescription.has_value());
+        EXPECT_FALSE(error->localizedFailureReason.value_or("").empty());
+        EXPECT_EQ(Keychain::rawDataForKey(key, "api", nullptr), bytes);
+    }
+    EXPECT_EQ(backend_->add(query("foreign0")), errSecDuplicateItem);
+    // The unreadable item exists, so a save replaces it.
+    EXPECT_TRUE(Keychain::saveItem("fresh", "foreign0", "api", nullptr));
+    EXPECT_EQ(Keychain::itemForKey("foreign0", "api", nullptr), "fresh");
+}
+
+const auto kName = [](const auto& info) { return info.param; };
+INSTANTIATE_TEST_SUITE_P(Local, KeychainContractTest, ::testing::Values("Fake", "File"), kName);
+INSTANTIATE_TEST_SUITE_P(System, KeychainContractTest, ::testing::Values("SecretService"), kName);
+
+TEST(KeychainTest, StatusesMapToTheirFixedMessages) {
+    const std::pair<OSStatus, std::string> rows[] = {
+        {errSecInteractionNotAllowed, kNotAllowed},
+        {errSecItemNotFound, kNotFound},
+        {errSecDuplicateItem,
+         "Item with key 'token' for service 'api' already exists in the "
+         "keychain."},
+        {INT32_MIN,
+         "This is a undefined error. Check SecBase.h or Apple's iOS Developer Library "
+         "for more information on this Keychain Services error code."},
+    };
+    for (const auto& [status, message] : rows) {
+        expectError(Keychain::_errorForResultCode(status, "token", "api"), status, message);
+    }
+    EXPECT_STREQ(BrixKeychainErrorDomain, BuildConfig::kKeychainErrorDomain);
+}
+
+TEST(KeychainTest, EmptyKeyOrServiceRaisesWithTheCheckingOperationsName) {
+    const ScratchKeychain scratch;
+    const auto fake = std::make_shared<FakeKeychainBackend>();
+    Platform::setKeychainBackend(fake);
+    using Call = void (*)(const Text&, const Text&);
+    // The reads do not check for themselves; the lookup under them does.
+    const std::pair<Call, std::string> operations[] = {
+        {[](auto& key, auto& service) { Keychain::saveItem(std::nullopt, key, service, nullptr); },
+         "+[Keychain saveItem:forKey:forService:inAccessGroup:withAccessibility:error:] "},
+        {[](auto& key, auto& service) { Keychain::deleteItemForKey(key, service, "g", nullptr); },
+         "+[Keychain deleteItemForKey:forService:inAccessGroup:error:] "},
+        {[](auto& key, auto& service) { Keychain::itemForKey(key, service, nullptr); },
+         "+[Keychain _itemAttributesAndDataForKey:forService:inAccessGroup:error:] "},
+    };
+    const std::tuple<Text, Text, std::string> arguments[] = {{"", "", "key"},
+                                                             {std::nullopt, "api", "key"},
+                                                             {"token", "", "service"},
+                                                             {"token", std::nullopt, "service"}};
+    for (const auto& [call, name] : operations) {
+        for (const auto& [key, service, empty] : arguments) {
+            try {
+                call(key, service);
+                ADD_FAILURE() << "no exception from " << name;
+            } catch (const std::invalid_argument& exception) {
+                EXPECT_EQ(exception.what(), name + empty + " argument cannot be empty");
+            }
+        }
+    }
+    EXPECT_EQ(fake->copyMatchingCalls(), 0U);
+}
+
+TEST(KeychainTest, AStoreThatCannotBeOpenedFailsEveryCallAsLocked) {
+    const ScratchKeychain scratch;
+    std::ofstream(scratch.directory() / "plain-file") << "in the way";
+    std::ofstream(scratch.directory() / "foreign.sqlite") << std::string(8192, 'z');
+    const std::function<bool(std::optional<Error>*)> calls[] = {
+        [](auto error) { return Keychain::itemForKey("token", "api", error).has_value(); },
+        [](auto error) { return Keychain::rawDataForKey("token", "api", "g", error).has_value(); },
+        // The save stops at its lookup and hands that error on as it is.
+        [](auto error) { return Keychain::saveItem("value", "token", "api", error); },
+        // Only a missing item's delete is wrapped.
+        [](auto error) { return Keychain::deleteItemForKey("token", "api", error); },
+    };
+    for (const auto& path : {scratch.directory() / "plain-file" / "keychain.sqlite",
+                             scratch.directory() / "foreign.sqlite"}) {
+        const auto backend = std::make_shared<FileKeychainBackend>(path);
+        Platform::setKeychainBackend(backend);
+        for (const auto& call : calls) {
+            std::optional<Error> error;
+            EXPECT_FALSE(call(&error));
+            expectError(error, errSecInteractionNotAllowed, kNotAllowed);
+            EXPECT_FALSE(call(nullptr));
+        }
+        EXPECT_EQ(backend->add(query("token")), errSecInteractionNotAllowed);
+        EXPECT_EQ(backend->update(query("token"), query("token")), errSecInteractionNotAllowed);
+    }
+    EXPECT_EQ(std::filesystem::file_size(scratch.directory() / "foreign.sqlite"), 8192U);
+}
+
+TEST(SystemKeychainTest, AFailedAddFailsTheSave) {
+    if (!secretService()) {
+        GTEST_SKIP() << "no Secret Service";
+    }
+    // Creating a missing collection would need the user's consent, so its add is refused.
+    const ScratchKeychain scratch;
+    Platform::setKeychainBackend(std::make_shared<SecretServiceKeychainBackend>(
+        SecretServiceKeychainBackend::kDefaultSchemaName, "norvanalytic-no-such-collection"));
+    std::optional<Error> error;
+    EXPECT_FALSE(Keychain::saveItem("value", "token", "api", &error));
+    expectError(error, errSecInteractionNotAllowed, kNotAllowed);
+}
+
+}  // namespace
+}  // namespace NorvAnalytic
