@@ -95,6 +95,8 @@ TEST(NetlinkReachabilityService, FlagsFollowTheRouteOutOfTheNamespace) {
         {"link set lo up", "0.0.0.0", 0},
         {one, "0.0.0.0", R},
         {one, "::", 0},
+        // A default route in a table of its own (a VPN's, say) is not the one packets take.
+        {veth("veth1", 1) + "route add default via 10.1.0.2 table 100", "0.0.0.0", 0},
         {one + "link set veth1p down", "0.0.0.0", R | Required},
         {one + "link set veth1 down", "0.0.0.0", 0},
         // The default route with the lowest metric is the one the kernel takes.
