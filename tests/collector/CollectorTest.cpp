@@ -64,10 +64,11 @@ TEST_F(CollectorTest, StoresAndListsEveryBodyAsItArrived) {
     const std::vector<StoredEvent> events = store_.events();
     std::string pairs;
     for (const FormPair& pair : events.at(0).pairs) {
-        pairs += pair.key + (pair.value ? "=" + *pair.value : "") + "|";
+        pairs += pair.key + (pair.value ? ":" + *pair.value : "") + "|";
     }
     EXPECT_EQ(pairs,
-              "key=a%20b|type=5|x=1=2|flag|=lone|empty=|device_uuid=0123456789|username=al | bo|");
+              "key:a%20b|type:5|x:1=2|flag|:lone|empty:|device_uuid:0123456789|username:al | bo|");
+    EXPECT_TRUE(events.at(1).pairs.empty());
 
     // Each event's own pairs fill its row, cut to the column with a "~".
     const auto [status, table] = cli({"list", "--db", database_});
@@ -85,6 +86,10 @@ TEST_F(CollectorTest, StoresAndListsEveryBodyAsItArrived) {
     EXPECT_NE(raw.find(" status 200 80 bytes\n" + login + "\n#2 "), std::string::npos)
         << raw.substr(0, 200);
     EXPECT_EQ(cli({"list", "--bogus"}).first, 2);
+
+    // Times keep the leading zeros of their milliseconds, so they sort as they read.
+    store_.save("", std::chrono::system_clock::time_point(std::chrono::milliseconds(5)), 200);
+    EXPECT_EQ(store_.events().back().receivedAt, "1970-01-01T00:00:00.005Z");
 }
 
 TEST_F(CollectorTest, SteersAppOpenAnswersOnly) {
