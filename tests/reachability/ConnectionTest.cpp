@@ -36,7 +36,6 @@ TEST_F(ConnectionTest, FlagsGiveTheStatus) {
         {0x3, true, ConnectionStatusWiFi, true},
         {0x40002, false, ConnectionStatusNone, false},
         {0x2, false, ConnectionStatusWiFi, true},
-        {0x40000, true, ConnectionStatusNone, false},
         {std::nullopt, true, ConnectionStatusNone, false},
     };
     for (const Row& row : rows) {
