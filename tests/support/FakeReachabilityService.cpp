@@ -14,12 +14,13 @@ void FakeReachabilityService::setCreateFails(bool fails) {
 
 ReachabilityRef FakeReachabilityService::createWithAddress(const sockaddr*) {
     std::lock_guard lock(mutex_);
+    // One target stands for every address: the service itself.
     return createFails_ ? nullptr : this;
 }
 
-bool FakeReachabilityService::getFlags(ReachabilityRef, std::uint32_t* flags) {
+bool FakeReachabilityService::getFlags(ReachabilityRef target, std::uint32_t* flags) {
     std::lock_guard lock(mutex_);
-    if (!flags_) {
+    if (target != this || !flags_) {
         return false;
     }
     *flags = *flags_;

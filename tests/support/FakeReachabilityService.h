@@ -2,7 +2,6 @@
 
 #include <NorvAnalytic/ReachabilityService.h>
 
-#include <atomic>
 #include <cstdint>
 #include <mutex>
 #include <optional>
@@ -10,6 +9,8 @@
 namespace NorvAnalytic::Testing {
 
 // A reachability source whose answer the test sets; every address gets the same answer.
+// Until told otherwise it reports a reachable route that is not WWAN (Wi-Fi). A target made
+// by another service cannot be read here, as with a real service.
 class FakeReachabilityService final : public ReachabilityService {
 public:
     // The flags getFlags reports (nullopt: getFlags fails).
@@ -20,7 +21,7 @@ public:
     bool getFlags(ReachabilityRef target, std::uint32_t* flags) override;
 
 private:
-    mutable std::mutex mutex_;
+    std::mutex mutex_;
     std::optional<std::uint32_t> flags_ = kReachabilityFlagsReachable;
     bool createFails_ = false;
 };
