@@ -56,8 +56,14 @@ TEST_F(ConnectionTest, KeepsAskingTheServiceThatMadeItsTarget) {
     ASSERT_NE(connection, nullptr);
     service_->setCreateFails(true);
     EXPECT_EQ(Connection::reachabilityForInternetConnection(), nullptr);
-    Platform::setReachabilityService(std::make_shared<FakeReachabilityService>());
+    auto replacement = std::make_shared<FakeReachabilityService>();
+    Platform::setReachabilityService(replacement);
+    const std::size_t reads = service_->getFlagsCalls();
     EXPECT_EQ(connection->currentReachabilityStatus(), ConnectionStatusWiFi);
+    // Reachable, so the Wi-Fi test reads the flags afresh: a route lost in between still
+    // answers Cellular.
+    EXPECT_EQ(service_->getFlagsCalls(), reads + 2);
+    EXPECT_EQ(replacement->getFlagsCalls(), 0U);
 }
 
 }  // namespace

@@ -18,8 +18,14 @@ ReachabilityRef FakeReachabilityService::createWithAddress(const sockaddr*) {
     return createFails_ ? nullptr : this;
 }
 
+std::size_t FakeReachabilityService::getFlagsCalls() {
+    std::lock_guard lock(mutex_);
+    return getFlagsCalls_;
+}
+
 bool FakeReachabilityService::getFlags(ReachabilityRef target, std::uint32_t* flags) {
     std::lock_guard lock(mutex_);
+    ++getFlagsCalls_;
     if (target != this || !flags_) {
         return false;
     }

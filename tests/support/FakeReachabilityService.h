@@ -2,6 +2,7 @@
 
 #include <NorvAnalytic/ReachabilityService.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <mutex>
 #include <optional>
@@ -17,6 +18,8 @@ public:
     void setFlags(std::optional<std::uint32_t> flags);
     // When true, createWithAddress returns null (no target could be made).
     void setCreateFails(bool fails);
+    // How many getFlags calls reached the service so far.
+    std::size_t getFlagsCalls();
     ReachabilityRef createWithAddress(const sockaddr* address) override;
     bool getFlags(ReachabilityRef target, std::uint32_t* flags) override;
 
@@ -24,6 +27,7 @@ private:
     std::mutex mutex_;
     std::optional<std::uint32_t> flags_ = kReachabilityFlagsReachable;
     bool createFails_ = false;
+    std::size_t getFlagsCalls_ = 0;
 };
 
 }  // namespace NorvAnalytic::Testing
