@@ -6,7 +6,8 @@ namespace NorvAnalytic {
 
 std::shared_ptr<AlertController> AlertController::alertControllerWithTitle(
     Text title, Text message, AlertControllerStyle style) {
-    return std::make_shared<AlertController>(std::move(title), std::move(message), style);
+    return std::shared_ptr<AlertController>(
+        new AlertController(std::move(title), std::move(message), style));
 }
 
 AlertController::AlertController(Text title, Text message, AlertControllerStyle style)
@@ -25,8 +26,8 @@ void AlertController::tapActionAtIndex(std::size_t index) {
         const std::shared_ptr<AlertAction> action = actions_[index];
         // Dismissed first, as the platform does: the handler may already show the next alert.
         setOnScreen(false);
-        if (action->handler()) {
-            action->handler()(*action);
+        if (action->handler_) {
+            action->handler_(*action);
         }
     });
 }
