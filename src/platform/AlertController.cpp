@@ -2,6 +2,8 @@
 
 #include <NorvAnalytic/MainQueue.h>
 
+#include "platform/MainQueueCheck.h"
+
 namespace NorvAnalytic {
 
 std::shared_ptr<AlertController> AlertController::alertControllerWithTitle(
@@ -19,6 +21,7 @@ void AlertController::addAction(std::shared_ptr<AlertAction> action) {
 
 void AlertController::tapActionAtIndex(std::size_t index) {
     MainQueue::main().sync([this, index] {
+        assertOnMainQueue();
         if (index >= actions_.size()) {
             return;
         }
