@@ -1,14 +1,15 @@
 #include <NorvAnalytic/Platform.h>
-
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <thread>
-#include <unistd.h>
 
 #include "platform/HeadlessApplication.h"
 
@@ -19,130 +20,74 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
 std::string readFile(const fs::path& path) {
-    std::ifstream in(path);
     std::stringstream content;
-    content << in.rdbuf();
+    content << std::ifstream(path).rdbuf();
     return content.str();
 }
 
-// Children of this process that have exited but were never waited for.
-int zombieChildren() {
-    int zombies = 0;
-    for (const auto& entry : fs::directory_iterator("/proc")) {
-        const std::string stat = readFile(entry.path() / "stat");
-        const auto commandEnd = stat.rfind(')');
-        if (commandEnd == std::string::npos) {
-            continue;
-        }
-        char state = 0;
-        int parent = 0;
-        std::istringstream fields(stat.substr(commandEnd + 1));
-        fields >> state >> parent;
-        if (parent == ::getpid() && state == 'Z') {
-            ++zombies;
-        }
-    }
-    return zombies;
+// True once this process has no child left, running or unreaped.
+bool noChildren() {
+    siginfo_t info{};
+    return ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == -1 && errno == ECHILD;
 }
 
-template <typename Condition>
-bool eventually(Condition condition) {
+// The opener and its detached reaper finish in their own time; this waits for them.
+bool eventually(const std::function<bool()>& condition) {
     const auto deadline = std::chrono::steady_clock::now() + 10s;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
+    while (!condition() && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(10ms);
     }
-    return true;
+    return condition();
 }
 
-class HeadlessApplicationTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "norv-ui-XXXXXX").string();
-        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-        directory_ = pattern;
-    }
-    void TearDown() override { fs::remove_all(directory_); }
+TEST(HeadlessApplicationTest, AsksTheDesktopAndOpensWithoutAShellLeavingNoProcessBehind) {
+    std::string pattern = (fs::temp_directory_path() / "norv-ui-XXXXXX").string();
+    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+    const fs::path directory = pattern;
+    auto script = [&](const std::string& name, const std::string& body) {
+        std::ofstream(directory / name) << "#!/bin/sh\n" << body;
+        fs::permissions(directory / name, fs::perms::owner_all);
+        return (directory / name).string();
+    };
+    const std::string missing = (directory / "no-such-program").string();
+    // Each records its arguments, one per line after their count.
+    const std::string record = "printf '%s\\n' \"$#\" \"$@\" > " + directory.string();
+    const std::string mime = script(
+        "xdg-mime",
+        record + "/asked\n" + "[ \"$3\" = x-scheme-handler/lindenstoreqrwpt ] && echo a.desktop\n");
+    const std::string opener =
+        script("xdg-open", record + "/opening && mv " + directory.string() + "/opening " +
+                               directory.string() + "/opened\n");
+    const auto store = *URL::URLWithString("lindenStoreQRWPT://");
 
-    fs::path writeScript(const std::string& name, const std::string& body) {
-        const fs::path path = directory_ / name;
-        std::ofstream(path) << "#!/bin/sh\n" << body;
-        fs::permissions(path, fs::perms::owner_all);
-        return path;
-    }
-
-    // Records its arguments, one per line after their count, and answers for one scheme.
-    fs::path mimeQuery(const std::string& registeredScheme) {
-        return writeScript("xdg-mime", "printf '%s\\n' \"$#\" \"$@\" > '" +
-                                           (directory_ / "mime-arguments").string() + "'\n" +
-                                           "if [ \"$3\" = x-scheme-handler/" + registeredScheme +
-                                           " ]; then echo linden-store.desktop; fi\n");
-    }
-
-    fs::path opener() {
-        const fs::path record = directory_ / "opened";
-        return writeScript("xdg-open", "printf '%s\\n' \"$#\" \"$@\" > '" + record.string() +
-                                           ".partial' && mv '" + record.string() + ".partial' '" +
-                                           record.string() + "'\n");
-    }
-
-    fs::path directory_;
-};
-
-TEST_F(HeadlessApplicationTest, IsTheDefaultApplicationAndHasNoWindow) {
-    auto application = Platform::application();
-    EXPECT_NE(std::dynamic_pointer_cast<HeadlessApplication>(application), nullptr);
-    EXPECT_EQ(application->keyWindow(), nullptr);
-}
-
-TEST_F(HeadlessApplicationTest, CanOpenWhenTheDesktopNamesAHandlerForTheScheme) {
-    HeadlessApplication application(mimeQuery("lindenstoreqrwpt"), opener());
-
-    EXPECT_TRUE(application.canOpenURL(*URL::URLWithString("lindenStoreQRWPT://")));
-    EXPECT_EQ(readFile(directory_ / "mime-arguments"),
+    EXPECT_NE(std::dynamic_pointer_cast<HeadlessApplication>(Platform::application()), nullptr);
+    EXPECT_EQ(Platform::application()->keyWindow(), nullptr);
+    HeadlessApplication application(mime, opener);
+    EXPECT_TRUE(application.canOpenURL(store));
+    EXPECT_EQ(readFile(directory / "asked"),
               "3\nquery\ndefault\nx-scheme-handler/lindenstoreqrwpt\n");
     EXPECT_FALSE(application.canOpenURL(*URL::URLWithString("itms-services://?action=x")));
-
-    HeadlessApplication failing(writeScript("failing", "echo handler.desktop; exit 3\n"), opener());
-    EXPECT_FALSE(failing.canOpenURL(*URL::URLWithString("lindenStoreQRWPT://")));
-    HeadlessApplication missing((directory_ / "no-such-program").string(), opener());
-    EXPECT_FALSE(missing.canOpenURL(*URL::URLWithString("lindenStoreQRWPT://")));
-    EXPECT_EQ(zombieChildren(), 0);
-}
-
-TEST_F(HeadlessApplicationTest, GivesUpOnAHangingQueryAndLeavesNoProcessBehind) {
-    HeadlessApplication application(writeScript("hanging", "echo handler.desktop\nexec sleep 60\n"),
-                                    opener(), 200ms);
-
+    EXPECT_FALSE(HeadlessApplication(script("failing", "echo a.desktop; exit 3\n"), opener)
+                     .canOpenURL(store));
+    EXPECT_FALSE(HeadlessApplication(missing, opener).canOpenURL(store));
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_FALSE(application.canOpenURL(*URL::URLWithString("lindenStoreQRWPT://")));
+    EXPECT_FALSE(
+        HeadlessApplication(script("hanging", "echo a.desktop\nexec sleep 60\n"), opener, 200ms)
+            .canOpenURL(store));
     EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
-    EXPECT_EQ(zombieChildren(), 0);
-}
+    EXPECT_TRUE(noChildren());
 
-TEST_F(HeadlessApplicationTest, OpensTheURLAsOneArgumentWithoutAShell) {
-    // Through a shell this line would run touch twice: in $(...) and after the ';'.
-    const fs::path substituted = directory_ / "substituted";
-    const fs::path chained = directory_ / "chained";
-    const std::string hostile = "https://dl.example.com/app.plist?a=$(touch$IFS" +
-                                substituted.string() + ")&b=1;touch$IFS" + chained.string() +
-                                ";c='$(id)'";
-    auto url = URL::URLWithString(hostile);
-    ASSERT_TRUE(url.has_value());
-    HeadlessApplication application(mimeQuery("https"), opener());
-
-    ASSERT_TRUE(application.openURL(*url));
-
-    ASSERT_TRUE(eventually([&] { return fs::exists(directory_ / "opened"); }));
-    EXPECT_EQ(readFile(directory_ / "opened"), "1\n" + hostile + "\n");
-    EXPECT_FALSE(fs::exists(substituted));
-    EXPECT_FALSE(fs::exists(chained));
-    EXPECT_TRUE(eventually([] { return zombieChildren() == 0; }));
-
-    HeadlessApplication missing(mimeQuery("https"), (directory_ / "no-such-program").string());
-    EXPECT_FALSE(missing.openURL(*url));
+    // Through a shell this would run touch twice: in $(...) and after the ';'.
+    const std::string hostile = "https://dl.example.com/m.plist?a=$(touch$IFS" +
+                                directory.string() + "/a)&b=1;touch$IFS" + directory.string() +
+                                "/b;c='$(id)'";
+    ASSERT_TRUE(application.openURL(*URL::URLWithString(hostile)));
+    ASSERT_TRUE(eventually([&] { return fs::exists(directory / "opened"); }));
+    EXPECT_EQ(readFile(directory / "opened"), "1\n" + hostile + "\n");
+    EXPECT_FALSE(fs::exists(directory / "a") || fs::exists(directory / "b"));
+    EXPECT_TRUE(eventually(noChildren));
+    EXPECT_FALSE(HeadlessApplication(mime, missing).openURL(store));
+    fs::remove_all(directory);
 }
 
 }  // namespace
