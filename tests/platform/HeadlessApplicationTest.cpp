@@ -54,7 +54,7 @@ TEST(HeadlessApplicationTest, AsksTheDesktopAndOpensWithoutAShellLeavingNoProces
     const std::string record = "printf '%s\\n' \"$#\" \"$@\" > " + directory.string();
     const std::string mime = script(
         "xdg-mime",
-        record + "/asked\n" + "[ \"$3\" = x-scheme-handler/lindenstoreqrwpt ] && echo a.desktop\n");
+        record + "/asked\n" + "[ \"$3\" = x-scheme-handler/lindenstoreqrwpt ] && echo a.desktop; exit 0\n");
     const std::string opener =
         script("xdg-open", record + "/opening && mv " + directory.string() + "/opening " +
                                directory.string() + "/opened\n");

@@ -29,6 +29,7 @@ TEST(MainQueueTest, TimersFireInOrderOnAManualClockUntilInvalidated) {
     });
     EXPECT_FALSE(once->isValid());
     everySecond->invalidate();
+    EXPECT_FALSE(everySecond->isValid());
     clock->advance(std::chrono::seconds(5));
     queue.sync([&] { EXPECT_EQ(fired.size(), 4U); });
     setMainQueueClock(nullptr);
