@@ -17,8 +17,8 @@ namespace NorvAnalytic {
 //   executor that thread only hands ready tasks over and the host's thread runs them.
 //   isCurrent() is true while a task runs, on whichever thread.
 // - Each CurlHttpClient has one network thread, "norv-http", started by its first send. Only it
-//   drives libcurl. Completions run there and must not block: the SDK's own completion only
-//   posts the answer to the main queue.
+//   drives libcurl. Completions run there (on the caller's thread once the client has stopped)
+//   and must not block: the SDK's own completion only posts the answer to the main queue.
 // - Host threads make the event calls, the Keychain and Connection calls, Platform's set…()
 //   and this queue's async, sync and scheduledTimer, from any thread. An event call never waits
 //   for the network: it reads the controller, writes the body and hands it to the HTTP client.
