@@ -34,6 +34,11 @@ LocalHttpServer::LocalHttpServer() : server_(std::make_unique<httplib::Server>()
     server_->set_tcp_nodelay(true);
     port_ = server_->bind_to_any_port("127.0.0.1");
     thread_ = std::thread([this] { server_->listen_after_bind(); });
+    // httplib's stop() does nothing before the accept loop runs, and offers no signal for it:
+    // a server stopped before its thread got going would keep the destructor's join waiting.
+    while (port_ > 0 && !server_->is_running()) {
+        std::this_thread::yield();
+    }
 }
 
 LocalHttpServer::~LocalHttpServer() {
