@@ -20,11 +20,12 @@ public:
 
     const std::string& title() const { return title_; }
     AlertActionStyle style() const { return style_; }
-    const Handler& handler() const { return handler_; }
-
-    AlertAction(std::string title, AlertActionStyle style, Handler handler);
 
 private:
+    AlertAction(std::string title, AlertActionStyle style, Handler handler);
+    // Only a tap on the alert runs the handler.
+    friend class AlertController;
+
     std::string title_;
     AlertActionStyle style_;
     Handler handler_;

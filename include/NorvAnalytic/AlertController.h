@@ -32,9 +32,9 @@ public:
     // Dismisses the alert and runs the action's handler, on the main queue, before returning.
     void tapActionAtIndex(std::size_t index);
 
+private:
     AlertController(Text title, Text message, AlertControllerStyle style);
 
-private:
     Text title_;
     Text message_;
     AlertControllerStyle style_;

@@ -9,6 +9,32 @@
 
 namespace NorvAnalytic {
 
+// Threads, and what runs where.
+// - The main queue runs, one at a time and never overlapping, everything that changes the SDK's
+//   shared state: each request's answer (handleEventResponse), the one-second resend timer
+//   (checkEvents) with the saved-event list it drains, the update prompt and the alert's button
+//   handlers. An SDK thread named "norv-main", started on first use, runs it; with a host
+//   executor that thread only hands ready tasks over and the host's thread runs them.
+//   isCurrent() is true while a task runs, on whichever thread.
+// - Each CurlHttpClient has one network thread, "norv-http", started by its first send. Only it
+//   drives libcurl. Completions run there (on the caller's thread once the client has stopped)
+//   and must not block: the SDK's own completion only posts the answer to the main queue.
+// - Host threads make the event calls, the Keychain and Connection calls, Platform's set…()
+//   and this queue's async, sync and scheduledTimer, from any thread. An event call never waits
+//   for the network: it reads the controller, writes the body and hands it to the HTTP client.
+// - The headless application's openURL starts xdg-open and a detached thread that only reaps it.
+// Each lock is held only to read or swap what it guards, never while a task, handler or
+// completion runs: the main queue's lock guards its tasks, timers, executor and clock; a
+// CurlHttpClient's lock its waiting requests, its state and its settings (curl's handles belong
+// to the network thread), and the registry of clients that exit stops is taken before it, never
+// inside; the controller's lock its properties; then the request start times, the bundle
+// registry, each keychain backend's store and the reachability targets have a lock each.
+// Platform's services and the log sink are swapped atomically. The saved-event list has no lock:
+// only the main queue touches it, and main-queue-only code asserts so in debug builds.
+// sync() from a task runs inline; from any other thread it waits for the queue, so it must not
+// come from a thread that a queued task waits for (with an executor: the executor's own thread
+// outside a task).
+
 // The serial queue on which the SDK keeps its shared state: answers, the resend timer and the
 // update alert all run here, one after the other. By default an SDK-owned thread runs it; a
 // host with its own UI loop installs an executor so that everything runs on its UI thread.
@@ -25,6 +51,7 @@ public:
     void sync(Task task);
     std::shared_ptr<Timer> scheduledTimer(std::chrono::duration<double> interval, bool repeats,
                                           std::function<void()> action);
+    // True while a task of this queue runs on the calling thread.
     bool isCurrent() const;
 
     // Installs a host executor (nullptr returns to the SDK's own thread).

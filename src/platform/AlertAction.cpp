@@ -4,7 +4,8 @@ namespace NorvAnalytic {
 
 std::shared_ptr<AlertAction> AlertAction::actionWithTitle(std::string title, AlertActionStyle style,
                                                           Handler handler) {
-    return std::make_shared<AlertAction>(std::move(title), style, std::move(handler));
+    return std::shared_ptr<AlertAction>(
+        new AlertAction(std::move(title), style, std::move(handler)));
 }
 
 AlertAction::AlertAction(std::string title, AlertActionStyle style, Handler handler)

@@ -2,11 +2,14 @@
 
 #include <NorvAnalytic/MainQueue.h>
 
+#include "platform/MainQueueCheck.h"
+
 namespace NorvAnalytic {
 
 std::shared_ptr<AlertController> AlertController::alertControllerWithTitle(
     Text title, Text message, AlertControllerStyle style) {
-    return std::make_shared<AlertController>(std::move(title), std::move(message), style);
+    return std::shared_ptr<AlertController>(
+        new AlertController(std::move(title), std::move(message), style));
 }
 
 AlertController::AlertController(Text title, Text message, AlertControllerStyle style)
@@ -18,6 +21,7 @@ void AlertController::addAction(std::shared_ptr<AlertAction> action) {
 
 void AlertController::tapActionAtIndex(std::size_t index) {
     MainQueue::main().sync([this, index] {
+        assertOnMainQueue();
         if (index >= actions_.size()) {
             return;
         }
@@ -25,8 +29,8 @@ void AlertController::tapActionAtIndex(std::size_t index) {
         const std::shared_ptr<AlertAction> action = actions_[index];
         // Dismissed first, as the platform does: the handler may already show the next alert.
         setOnScreen(false);
-        if (action->handler()) {
-            action->handler()(*action);
+        if (action->handler_) {
+            action->handler_(*action);
         }
     });
 }

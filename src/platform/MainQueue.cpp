@@ -6,9 +6,11 @@
 #include <deque>
 #include <future>
 #include <mutex>
+#include <pthread.h>
 #include <thread>
 #include <vector>
 
+#include "platform/MainQueueCheck.h"
 #include "platform/MainQueueClock.h"
 #include "platform/SteadyClock.h"
 
@@ -92,6 +94,7 @@ private:
     void collectDueTimersLocked();
 
     void run() {
+        pthread_setname_np(pthread_self(), "norv-main");
         std::unique_lock lock(mutex_);
         while (!stopping_) {
             collectDueTimersLocked();
@@ -160,6 +163,7 @@ public:
     }
 
     void fire() {
+        assertOnMainQueue();
         {
             std::lock_guard lock(queue_.mutex_);
             if (!valid_) {

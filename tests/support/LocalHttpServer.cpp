@@ -7,8 +7,8 @@ namespace NorvAnalytic::Testing {
 LocalHttpServer::LocalHttpServer() : server_(std::make_unique<httplib::Server>()) {
     // Reading the body through a content reader: httplib refuses form bodies over 8 KiB when
     // it parses them itself, and the SDK's bodies may be far larger.
-    auto handler = [this](const httplib::Request& request, httplib::Response& response,
-                          const httplib::ContentReader& reader) {
+    server_->Post(".*", [this](const httplib::Request& request, httplib::Response& response,
+                               const httplib::ContentReader& reader) {
         std::string body;
         reader([&body](const char* data, std::size_t length) {
             body.append(data, length);
@@ -23,13 +23,10 @@ LocalHttpServer::LocalHttpServer() : server_(std::make_unique<httplib::Server>()
         }
         changed_.notify_all();
         const Answer answer = responder ? responder(request.path, body) : Answer{};
-        if (answer.delay.count() > 0) {
-            std::this_thread::sleep_for(answer.delay);
-        }
+        std::this_thread::sleep_for(answer.delay);
         response.status = answer.status;
-        response.set_content(answer.body, answer.contentType.c_str());
-    };
-    server_->Post(".*", handler);
+        response.set_content(answer.body, "application/json");
+    });
     // Clients keep connections open; a short keep-alive lets the server stop without waiting.
     server_->set_keep_alive_timeout(1);
     server_->set_payload_max_length(64 * 1024 * 1024);
@@ -37,6 +34,11 @@ LocalHttpServer::LocalHttpServer() : server_(std::make_unique<httplib::Server>()
     server_->set_tcp_nodelay(true);
     port_ = server_->bind_to_any_port("127.0.0.1");
     thread_ = std::thread([this] { server_->listen_after_bind(); });
+    // httplib's stop() does nothing before the accept loop runs, and offers no signal for it:
+    // a server stopped before its thread got going would keep the destructor's join waiting.
+    while (port_ > 0 && !server_->is_running()) {
+        std::this_thread::yield();
+    }
 }
 
 LocalHttpServer::~LocalHttpServer() {

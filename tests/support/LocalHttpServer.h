@@ -22,7 +22,6 @@ public:
     struct Answer {
         int status = 200;
         std::string body = R"({"message":"ok","code":200,"payload":null})";
-        std::string contentType = "application/json";
         std::chrono::milliseconds delay{0};
     };
     using Responder = std::function<Answer(const std::string& path, const std::string& body)>;
@@ -32,7 +31,6 @@ public:
     LocalHttpServer(const LocalHttpServer&) = delete;
     LocalHttpServer& operator=(const LocalHttpServer&) = delete;
 
-    int port() const { return port_; }
     // "http://127.0.0.1:<port>/api/v3/saveEvent"
     std::string url() const;
     void setResponder(Responder responder);

@@ -2,6 +2,8 @@
 
 #include <NorvAnalytic/Application.h>
 
+#include <algorithm>
+#include <cctype>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -14,25 +16,43 @@
 namespace NorvAnalytic::Testing {
 
 // A pretend host application: its key window is whatever the test sets, canOpenURL answers
-// what the test said for that URL or its scheme (false otherwise), and openURL records the URL.
+// what the test said for the URL's scheme (false otherwise), and openURL records the URL.
 class TestApplication : public Application {
 public:
-    std::shared_ptr<Window> keyWindow() const override;
-    bool canOpenURL(const URL& url) override;
-    bool openURL(const URL& url) override;
+    std::shared_ptr<Window> keyWindow() const override {
+        std::lock_guard lock(mutex_);
+        return keyWindow_;
+    }
+    bool canOpenURL(const URL& url) override {
+        std::lock_guard lock(mutex_);
+        return canOpenByScheme_[url.scheme()];
+    }
+    bool openURL(const URL& url) override {
+        std::lock_guard lock(mutex_);
+        openedURLs_.push_back(url.absoluteString());
+        return true;
+    }
 
-    void setKeyWindow(std::shared_ptr<Window> window);
-    // urlOrScheme is a whole URL text (matched exactly) or a scheme (matched ignoring case);
-    // a whole URL wins over its scheme.
-    void setCanOpenURL(const std::string& urlOrScheme, bool canOpen);
-
+    void setKeyWindow(std::shared_ptr<Window> window) {
+        std::lock_guard lock(mutex_);
+        keyWindow_ = std::move(window);
+    }
+    // Schemes ignore case, as URL::scheme() does.
+    void setCanOpenURL(std::string scheme, bool canOpen) {
+        std::transform(scheme.begin(), scheme.end(), scheme.begin(),
+                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+        std::lock_guard lock(mutex_);
+        canOpenByScheme_[scheme] = canOpen;
+    }
     // Every URL handed to openURL, oldest first, as given.
-    std::vector<std::string> openedURLs() const;
+    std::vector<std::string> openedURLs() const {
+        std::lock_guard lock(mutex_);
+        return openedURLs_;
+    }
 
 private:
     mutable std::mutex mutex_;
     std::shared_ptr<Window> keyWindow_;
-    std::map<std::string, bool> canOpenByURL_;
     std::map<std::string, bool> canOpenByScheme_;
     std::vector<std::string> openedURLs_;
 };

@@ -10,39 +10,63 @@
 namespace NorvAnalytic::Testing {
 
 // A screen of a pretend host UI: a plain controller, or a navigation controller with a stack.
-// Presenting an alert records it, marks it on screen and puts a stand-in controller for it in
-// the presented slot, so the top-controller walk ends at the alert while it is shown; once the
-// alert is off screen (a tap), the slot reads empty again, as after a dismissal.
+// Presenting an alert records it and marks it on screen; while it stays on screen a stand-in
+// controller fills the presented slot, so the walk to the top controller ends at the alert.
 class TestViewController : public ViewController {
 public:
-    static std::shared_ptr<TestViewController> plain();
+    static std::shared_ptr<TestViewController> plain() {
+        return std::make_shared<TestViewController>(false);
+    }
     static std::shared_ptr<TestViewController> navigation(
-        std::vector<std::shared_ptr<ViewController>> stack);
+        std::vector<std::shared_ptr<ViewController>> stack) {
+        auto controller = std::make_shared<TestViewController>(true);
+        controller->stack_ = std::move(stack);
+        return controller;
+    }
+    explicit TestViewController(bool isNavigation) : isNavigation_(isNavigation) {}
 
-    std::shared_ptr<ViewController> presentedViewController() const override;
-    bool isNavigationController() const override;
-    std::vector<std::shared_ptr<ViewController>> viewControllers() const override;
-    void presentViewController(std::shared_ptr<AlertController> alert, bool animated,
-                               std::function<void()> completion) override;
+    std::shared_ptr<ViewController> presentedViewController() const override {
+        std::lock_guard lock(mutex_);
+        // A tap takes the alert off screen, and with it its stand-in, as a dismissal does.
+        if (presented_ && presented_ == alertStandIn_ && !presentedAlerts_.back()->isOnScreen()) {
+            return nullptr;
+        }
+        return presented_;
+    }
+    bool isNavigationController() const override { return isNavigation_; }
+    std::vector<std::shared_ptr<ViewController>> viewControllers() const override { return stack_; }
+    void presentViewController(std::shared_ptr<AlertController> alert, bool,
+                               std::function<void()> completion) override {
+        alert->setOnScreen(true);
+        {
+            std::lock_guard lock(mutex_);
+            presentedAlerts_.push_back(std::move(alert));
+            alertStandIn_ = plain();
+            presented_ = alertStandIn_;
+        }
+        if (completion) {
+            completion();
+        }
+    }
 
     // Makes this controller present another one modally (nullptr: presents nothing).
-    void setPresentedViewController(std::shared_ptr<ViewController> controller);
-    void setViewControllers(std::vector<std::shared_ptr<ViewController>> stack);
-
+    void setPresentedViewController(std::shared_ptr<ViewController> controller) {
+        std::lock_guard lock(mutex_);
+        presented_ = std::move(controller);
+    }
     // Every alert presented from this controller, oldest first.
-    std::vector<std::shared_ptr<AlertController>> presentedAlerts() const;
-    // The alert this controller stands in for, when it is an alert's stand-in.
-    std::shared_ptr<AlertController> alert() const { return alert_; }
-
-    explicit TestViewController(bool isNavigation,
-                                std::shared_ptr<AlertController> alert = nullptr);
+    std::vector<std::shared_ptr<AlertController>> presentedAlerts() const {
+        std::lock_guard lock(mutex_);
+        return presentedAlerts_;
+    }
 
 private:
     const bool isNavigation_;
-    const std::shared_ptr<AlertController> alert_;
+    // The stack is set once, when the controller is made.
+    std::vector<std::shared_ptr<ViewController>> stack_;
     mutable std::mutex mutex_;
     std::shared_ptr<ViewController> presented_;
-    std::vector<std::shared_ptr<ViewController>> stack_;
+    std::shared_ptr<ViewController> alertStandIn_;
     std::vector<std::shared_ptr<AlertController>> presentedAlerts_;
 };
 

@@ -3,21 +3,17 @@
 #include <NorvAnalytic/Window.h>
 
 #include <memory>
-#include <mutex>
 
 namespace NorvAnalytic::Testing {
 
-// A window of a pretend host UI with a root controller that a test may swap.
+// A window of a pretend host UI, showing the root controller it was made with.
 class TestWindow : public Window {
 public:
-    explicit TestWindow(std::shared_ptr<ViewController> rootViewController = nullptr);
-
-    std::shared_ptr<ViewController> rootViewController() const override;
-    void setRootViewController(std::shared_ptr<ViewController> controller);
+    explicit TestWindow(std::shared_ptr<ViewController> root) : root_(std::move(root)) {}
+    std::shared_ptr<ViewController> rootViewController() const override { return root_; }
 
 private:
-    mutable std::mutex mutex_;
-    std::shared_ptr<ViewController> root_;
+    const std::shared_ptr<ViewController> root_;
 };
 
 }  // namespace NorvAnalytic::Testing

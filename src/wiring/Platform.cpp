@@ -1,3 +1,5 @@
+// The one place that knows the Linux default of every port. It sits above the service folders,
+// which reach each other only through Platform and the public interfaces.
 #include <NorvAnalytic/Platform.h>
 
 #include <NorvAnalytic/CurlHttpClient.h>

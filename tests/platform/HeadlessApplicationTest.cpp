@@ -1,0 +1,94 @@
+#include <NorvAnalytic/Platform.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <thread>
+
+#include "platform/HeadlessApplication.h"
+
+namespace NorvAnalytic {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+std::string readFile(const fs::path& path) {
+    std::stringstream content;
+    content << std::ifstream(path).rdbuf();
+    return content.str();
+}
+
+// True once this process has no child left, running or unreaped.
+bool noChildren() {
+    siginfo_t info{};
+    return ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == -1 && errno == ECHILD;
+}
+
+// The opener and its detached reaper finish in their own time; this waits for them.
+bool eventually(const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    while (!condition() && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(10ms);
+    }
+    return condition();
+}
+
+TEST(HeadlessApplicationTest, AsksTheDesktopAndOpensWithoutAShellLeavingNoProcessBehind) {
+    std::string pattern = (fs::temp_directory_path() / "norv-ui-XXXXXX").string();
+    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+    const fs::path directory = pattern;
+    auto script = [&](const std::string& name, const std::string& body) {
+        std::ofstream(directory / name) << "#!/bin/sh\n" << body;
+        fs::permissions(directory / name, fs::perms::owner_all);
+        return (directory / name).string();
+    };
+    const std::string missing = (directory / "no-such-program").string();
+    // Each records its arguments, one per line after their count.
+    const std::string record = "printf '%s\\n' \"$#\" \"$@\" > " + directory.string();
+    const std::string mime = script(
+        "xdg-mime",
+        record + "/asked\n" + "[ \"$3\" = x-scheme-handler/lindenstoreqrwpt ] && echo a.desktop; exit 0\n");
+    const std::string opener =
+        script("xdg-open", record + "/opening && mv " + directory.string() + "/opening " +
+                               directory.string() + "/opened\n");
+    const auto store = *URL::URLWithString("lindenStoreQRWPT://");
+
+    EXPECT_NE(std::dynamic_pointer_cast<HeadlessApplication>(Platform::application()), nullptr);
+    EXPECT_EQ(Platform::application()->keyWindow(), nullptr);
+    HeadlessApplication application(mime, opener);
+    EXPECT_TRUE(application.canOpenURL(store));
+    EXPECT_EQ(readFile(directory / "asked"),
+              "3\nquery\ndefault\nx-scheme-handler/lindenstoreqrwpt\n");
+    EXPECT_FALSE(application.canOpenURL(*URL::URLWithString("itms-services://?action=x")));
+    EXPECT_FALSE(HeadlessApplication(script("failing", "echo a.desktop; exit 3\n"), opener)
+                     .canOpenURL(store));
+    EXPECT_FALSE(HeadlessApplication(missing, opener).canOpenURL(store));
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(
+        HeadlessApplication(script("hanging", "echo a.desktop\nexec sleep 60\n"), opener, 200ms)
+            .canOpenURL(store));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
+    EXPECT_TRUE(noChildren());
+
+    // Through a shell this would run touch twice: in $(...) and after the ';'.
+    const std::string hostile = "https://dl.example.com/m.plist?a=$(touch$IFS" +
+                                directory.string() + "/a)&b=1;touch$IFS" + directory.string() +
+                                "/b;c='$(id)'";
+    ASSERT_TRUE(application.openURL(*URL::URLWithString(hostile)));
+    ASSERT_TRUE(eventually([&] { return fs::exists(directory / "opened"); }));
+    EXPECT_EQ(readFile(directory / "opened"), "1\n" + hostile + "\n");
+    EXPECT_FALSE(fs::exists(directory / "a") || fs::exists(directory / "b"));
+    EXPECT_TRUE(eventually(noChildren));
+    EXPECT_FALSE(HeadlessApplication(mime, missing).openURL(store));
+    fs::remove_all(directory);
+}
+
+}  // namespace
+}  // namespace NorvAnalytic
