@@ -1,10 +1,12 @@
 #include <NorvAnalytic/Event.h>
 
+#include "platform/MainQueueCheck.h"
 #include "reporting/EventFields.h"
 
 namespace NorvAnalytic {
 
 std::vector<std::shared_ptr<Event>>& Event::savedEvents() {
+    assertOnMainQueue();
     // Lives for the whole process and only the main queue touches it, so it needs no lock.
     static auto* events = new std::vector<std::shared_ptr<Event>>;
     return *events;

@@ -5,11 +5,13 @@
 
 #include <algorithm>
 
+#include "platform/MainQueueCheck.h"
 #include "reporting/EventSubmission.h"
 
 namespace NorvAnalytic {
 
 void NorvAnalytics::checkEvents() {
+    assertOnMainQueue();
     if (!hasConnection()) {
         return;
     }

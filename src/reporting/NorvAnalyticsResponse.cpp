@@ -2,6 +2,7 @@
 #include <NorvAnalytic/NorvAnalytics.h>
 #include <NorvAnalytic/Platform.h>
 
+#include "platform/MainQueueCheck.h"
 #include "reporting/EventCatalogue.h"
 #include "reporting/EventFields.h"
 #include "reporting/ServerAnswer.h"
@@ -37,6 +38,7 @@ void NorvAnalytics::handleEventResponse(const EventResponseContext& context,
                                         std::optional<std::string> data,
                                         std::optional<HttpResponse> response,
                                         std::optional<std::string> /*transportError*/) {
+    assertOnMainQueue();
     // No answer at all: the request never reached the server, and the event is dropped.
     if (!data) {
         return;

@@ -7,6 +7,7 @@
 #include <NorvAnalytic/Window.h>
 
 #include "BuildConfig.h"
+#include "platform/MainQueueCheck.h"
 #include "reporting/TextFormat.h"
 #include "reporting/VersionComparison.h"
 
@@ -63,6 +64,7 @@ std::shared_ptr<ViewController> NorvAnalytics::topViewController(
 
 UpdatePromptResult NorvAnalytics::presentUpdatePrompt(const std::optional<VersionEntry>& entry,
                                                       bool forced) {
+    assertOnMainQueue();
     const Text version = entry ? entry->no : std::nullopt;
     const std::string downloadLink =
         kManifestLinkPrefix + TextFormat::describe(entry ? entry->download_url : std::nullopt);

@@ -194,8 +194,10 @@ TEST_F(Response, NewerVersionsRaiseOneUpdateAlertAtATime) {
 
     // No key window: the alert is built and kept, not shown, and still counts as presented.
     application->setKeyWindow(nullptr);
-    EXPECT_EQ(controller.presentUpdatePrompt(VersionEntry{"1.1", std::nullopt}, false),
-              UpdatePromptResult::Presented);
+    MainQueue::main().sync([&] {
+        EXPECT_EQ(controller.presentUpdatePrompt(VersionEntry{"1.1", std::nullopt}, false),
+                  UpdatePromptResult::Presented);
+    });
     EXPECT_NE(controller.alertController(), forced);
     EXPECT_FALSE(controller.alertController()->isOnScreen());
 }
