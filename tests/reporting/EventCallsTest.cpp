@@ -2,7 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <map>
+#include <algorithm>
+#include <iterator>
 #include <set>
 #include <thread>
 
@@ -99,15 +100,10 @@ TEST(EventCalls, RequestTimingSendsElapsedSecondsOncePerStart) {
     NorvAnalytics::sendRequestEndTime(t0 - ms(250), "/e", std::nullopt, std::nullopt);
 
     std::vector<std::string> expected;
-    for (const EventFields& sent :
-         std::vector<EventFields>{{.typeId = "1",
-         .value = 1.5F,
-         .endpoint = "/a",
-         .parameters = "q=1",
-         .response = "ok"},
-                                  {.typeId = "1", .value = 0.25F, .endpoint = "/b"},
-                                  {.typeId = "1", .value = 0.0F, .endpoint = "/d"},
-                                  {.typeId = "1", .value = -0.25F, .endpoint = "/e"}}) {
+    for (const EventFields& sent : std::vector<EventFields>{{"1", 1.5F, "/a", "q=1", "ok"},
+                                                            {"1", 0.25F, "/b"},
+                                                            {"1", 0.0F, "/d"},
+                                                            {"1", -0.25F, "/e"}}) {
         expected.push_back(RequestBody::build(sent, harness.facts(false)));
     }
     EXPECT_EQ(harness.http->bodies(), expected);
@@ -115,13 +111,12 @@ TEST(EventCalls, RequestTimingSendsElapsedSecondsOncePerStart) {
 
 TEST(EventCalls, ManyThreadsLoseNoEvent) {
     ReportingHarness harness;
-    constexpr int kThreads = 8;
-    constexpr int kPerThread = 300;
+    constexpr std::size_t kThreads = 8, kPerThread = 300;
     std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
+    for (std::size_t t = 0; t < kThreads; ++t) {
         threads.emplace_back([t] {
             const std::string endpoint = "/t" + std::to_string(t);
-            for (int i = 0; i < kPerThread; ++i) {
+            for (std::size_t i = 0; i < kPerThread; ++i) {
                 NorvAnalytics::sendEventWithPageName(endpoint + "-" + std::to_string(i));
                 NorvAnalytics::sendRequestStartTime(std::chrono::system_clock::now(), endpoint);
                 NorvAnalytics::sendRequestEndTime(std::chrono::system_clock::now(), endpoint,
@@ -129,18 +124,13 @@ TEST(EventCalls, ManyThreadsLoseNoEvent) {
             }
         });
     }
-    for (auto& thread : threads) {
-        thread.join();
-    }
+    std::for_each(threads.begin(), threads.end(), [](std::thread& thread) { thread.join(); });
     const auto bodies = harness.http->bodies();
-    EXPECT_EQ(bodies.size(), static_cast<std::size_t>(kThreads * kPerThread * 2));
+    EXPECT_EQ(bodies.size(), kThreads * kPerThread * 2);
     std::set<std::string> pages;
-    for (const auto& body : bodies) {
-        if (body.find("&type=7&") != std::string::npos) {
-            pages.insert(body);
-        }
-    }
-    EXPECT_EQ(pages.size(), static_cast<std::size_t>(kThreads * kPerThread));
+    std::copy_if(bodies.begin(), bodies.end(), std::inserter(pages, pages.end()),
+                 [](const std::string& body) { return body.find("&type=7&") != std::string::npos; });
+    EXPECT_EQ(pages.size(), kThreads * kPerThread);
 }
 
 }  // namespace

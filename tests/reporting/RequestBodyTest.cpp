@@ -5,86 +5,48 @@
 namespace NorvAnalytic {
 namespace {
 
-const DeviceFacts kDevice{.key = "k",
-                          .deviceUUID = "U",
-                          .sdkVersion = "1.7.4",
-                          .deviceModel = "iPhone 7",
-                          .systemVersion = "17.1"};
+const DeviceFacts kDevice{"k", "U", "1.7.4", "iPhone 7", "17.1"};
 const std::string kTail = "is_test_device=1&version=1.7.4&is_simulator=0";
 
 TEST(RequestBody, EveryPairInItsPlaceAndAbsentOnesLeftOut) {
-    const EventFields all{.typeId = "2",
-                          .value = 16777217.0F,
-                          .endpoint = "/e",
-                          .parameters = "p",
-                          .response = "r",
-                          .pageName = "Home",
-                          .playerId = "pl",
-                          .username = "ann",
-                          .warehouse = "w",
-                          .error = "x",
-                          .deviceCustomName = "Till 3",
-                          .deviceName = "scanner"};
-    DeviceFacts appOpen = kDevice;
-    appOpen.batteryLevel = 0.75F;
-    appOpen.userId = "u-7";
-    DeviceFacts bare = kDevice;
-    bare.key = std::nullopt;
-    bare.deviceModel = std::nullopt;
-    bare.batteryLevel = -1.0F;
-    struct Row {
-        EventFields event;
-        DeviceFacts device;
-        std::string body;
-    };
-    const std::vector<Row> rows = {
-        {all, appOpen,
-         "key=k&value=16777216.000000&type=2&endpoint=/e&parameters=p&response=r&device_uuid=U&"
-         "pageName=Home&player_id=pl&vbf_version=1.7.4&username=ann&warehouse=w&error=x&"
-         "deviceCustomName=Till 3&device_name=scanner&device_model=iPhone 7&"
-         "system_version=17.1&batteryLevel=75.000000&user_id=u-7&" +
-             kTail},
-        // No key, no model, an unknown battery, no user id: the body starts without "&".
-        {{.typeId = "2", .value = 0.25F},
-         bare,
-         "value=0.250000&type=2&parameters=(null)&response=(null)&device_uuid=U&"
-         "vbf_version=1.7.4&system_version=17.1&batteryLevel=-100.000000&" +
-             kTail},
-        {{.value = -1.5F},
-         kDevice,
-         "key=k&value=-1.500000&parameters=(null)&response=(null)&device_uuid=U&"
-         "vbf_version=1.7.4&device_model=iPhone 7&system_version=17.1&" +
-             kTail},
-    };
-    for (const auto& row : rows) {
-        EXPECT_EQ(RequestBody::build(row.event, row.device), row.body);
-    }
+    // Every slot filled, and an app-open event's battery and user id.
+    EXPECT_EQ(RequestBody::build({"2", 16777217.0F, "/e", "p", "r", "Home", "pl", "ann", "w",
+                                  "x", "Till 3", "scanner"},
+                                 {"k", "U", "1.7.4", "iPhone 7", "17.1", 0.75F, "u-7"}),
+              "key=k&value=16777216.000000&type=2&endpoint=/e&parameters=p&response=r&"
+              "device_uuid=U&pageName=Home&player_id=pl&vbf_version=1.7.4&username=ann&"
+              "warehouse=w&error=x&deviceCustomName=Till 3&device_name=scanner&"
+              "device_model=iPhone 7&system_version=17.1&batteryLevel=75.000000&user_id=u-7&" +
+                  kTail);
+    // No key, no model, an unknown battery, no user id: the body starts without "&".
+    EXPECT_EQ(RequestBody::build({.typeId = "2", .value = 0.25F},
+                                 {std::nullopt, "U", "1.7.4", std::nullopt, "17.1", -1.0F}),
+              "value=0.250000&type=2&parameters=(null)&response=(null)&device_uuid=U&"
+              "vbf_version=1.7.4&system_version=17.1&batteryLevel=-100.000000&" + kTail);
+    EXPECT_EQ(RequestBody::build({.value = -1.5F}, kDevice),
+              "key=k&value=-1.500000&parameters=(null)&response=(null)&device_uuid=U&"
+              "vbf_version=1.7.4&device_model=iPhone 7&system_version=17.1&" + kTail);
 }
 
 TEST(RequestBody, ParametersAndResponseAreCutToTwoHundredUtf16UnitsOfValidText) {
-    const std::string exactly200(200, 'p');
+    const std::string p200(200, 'p'), a199(199, 'a'), a198(198, 'a');
     const std::string emoji = "\xF0\x9F\x98\x80";  // two UTF-16 units
     const std::vector<std::pair<std::string, std::string>> rows = {
-        {exactly200, exactly200},
-        {exactly200 + "q", exactly200},
+        {p200, p200}, {p200 + "q", p200},
         // The emoji would take units 200 and 201: it is left out whole.
-        {std::string(199, 'a') + emoji + "zz", std::string(199, 'a')},
-        {std::string(198, 'a') + emoji + "zz", std::string(198, 'a') + emoji},
+        {a199 + emoji + "zz", a199}, {a198 + emoji + "zz", a198 + emoji},
         {"ok\xC3(\xFF", "ok\xEF\xBF\xBD(\xEF\xBF\xBD"},
-        // Nothing is escaped.
-        {"a=1&b=2 c\nd", "a=1&b=2 c\nd"},
+        {"a=1&b=2 c\nd", "a=1&b=2 c\nd"},  // nothing is escaped
     };
     for (const auto& [sent, kept] : rows) {
-        const std::string body =
-            RequestBody::build({.parameters = sent, .response = sent, .pageName = sent}, kDevice);
+        const std::string body = RequestBody::build({.parameters = sent, .response = sent}, kDevice);
         EXPECT_NE(body.find("&parameters=" + kept + "&response=" + kept + "&"), std::string::npos)
             << body;
     }
     // Other fields go out whole, repaired but never cut.
     const std::string huge(3 * 1024 * 1024, 'e');
     EXPECT_NE(RequestBody::build({.endpoint = huge, .warehouse = "\xFF"}, kDevice)
-                  .find("&endpoint=" + huge +
-                        "&parameters=(null)&response=(null)&device_uuid=U&"
+                  .find("&endpoint=" + huge + "&parameters=(null)&response=(null)&device_uuid=U&"
                         "vbf_version=1.7.4&warehouse=\xEF\xBF\xBD&"),
               std::string::npos);
 }

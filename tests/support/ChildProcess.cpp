@@ -13,17 +13,10 @@ namespace NorvAnalytic::Testing {
 int runChildProcess(const std::vector<std::string>& argv,
                     const std::vector<std::string>& extraEnvironment,
                     std::chrono::seconds timeout) {
+    // The extra entries come first: a lookup takes the first entry of a name.
     std::vector<std::string> environment = extraEnvironment;
     for (char** entry = environ; *entry != nullptr; ++entry) {
-        const std::string variable = *entry;
-        const std::string name = variable.substr(0, variable.find('=') + 1);
-        bool overridden = false;
-        for (const auto& extra : extraEnvironment) {
-            overridden = overridden || extra.rfind(name, 0) == 0;
-        }
-        if (!overridden) {
-            environment.push_back(variable);
-        }
+        environment.emplace_back(*entry);
     }
     std::vector<std::string> arguments = argv;
     std::vector<char*> argumentPointers;
