@@ -30,26 +30,16 @@ TEST(VersionComparison, DigitRunsByValueOtherCharactersByCode) {
     const auto equal = std::strong_ordering::equal;
     const auto greater = std::strong_ordering::greater;
     expectOrders({
-        {"2.3.41", "2.3.42", less},
-        {"2.3.41", "2.3", greater},
-        {"2.3.41", "2.3.41", equal},
-        {"9.9.1", "10.0", less},
-        {"1.9.9", "1.10", less},
+        {"2.3.41", "2.3.42", less}, {"2.3.41", "2.3", greater}, {"2.3.41", "2.3.41", equal},
+        {"9.9.1", "10.0", less}, {"1.9.9", "1.10", less},
         // An app without a build number prints (null) there, which orders before any build.
         {"2.3.(null)", "2.3.1", less},
         // Leading zeros tie, and the walk goes on.
-        {"2.03", "2.3", equal},
-        {"0", "000", equal},
-        {"2.003.1", "2.3.2", less},
-        {"1.0", "1.00.0", less},
+        {"2.03", "2.3", equal}, {"0", "000", equal}, {"2.003.1", "2.3.2", less},
+        {"1.0", "1.00.0", less}, {"0000000000000000000000000000001.5", "1.5", equal},
         {"18446744073709551615", "18446744073709551616", less},
-        {"0000000000000000000000000000001.5", "1.5", equal},
-        {"1.0B", "1.0a", less},
-        {"1.0", "1.0a", less},
-        {"1.0-beta", "1.0.1", less},
-        {"1.a", "1.1", greater},
-        {"", "0", less},
-        {"", "", equal},
+        {"1.0B", "1.0a", less}, {"1.0", "1.0a", less}, {"1.0-beta", "1.0.1", less},
+        {"1.a", "1.1", greater}, {"", "0", less}, {"", "", equal},
     });
 }
 
