@@ -1,25 +1,26 @@
 #include <NorvAnalytic/Keychain.h>
 #include <NorvAnalytic/Platform.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <stdexcept>
+#include <thread>
 
 #include "BuildConfig.h"
 #include "keychain/FileKeychainBackend.h"
 #include "keychain/KeychainArchive.h"
 #include "keychain/SecretServiceKeychainBackend.h"
+#include "support/ChildProcess.h"
 #include "support/FakeKeychainBackend.h"
-#include "support/ScratchKeychain.h"
 
 namespace NorvAnalytic {
 namespace {
-
-using Testing::FakeKeychainBackend;
-using Testing::ScratchKeychain;
 
 const std::string kNotFound =
     "Item with key 'token' for service 'api' could not be found in the keychain.";
@@ -27,11 +28,8 @@ const std::string kNotAllowed =
     "Interaction with key 'token' for service 'api' was not allowed. It is possible that the "
     "item is only accessible when the device is unlocked and this query is happening when the "
     "app is in the background. Double-check your item permissions.";
-const std::string kDeleteMissing =
-    "Could not delete item with key 'token' for service 'api' from the keychain because it "
-    "does not exist.";
 
-void expectError(const std::optional<Error>& error, std::int64_t code, const std::string& text) {
+void expectError(const std::optional<Error>& error, std::int64_t code, const Text& text) {
     ASSERT_TRUE(error.has_value());
     EXPECT_EQ(error->domain, BrixKeychainErrorDomain);
     EXPECT_EQ(error->code, code);
@@ -44,34 +42,42 @@ KeychainQuery query(const std::string& key, std::optional<Data> bytes = std::nul
     return query;
 }
 
+// A fresh temporary directory, removed with all it holds afterwards.
+struct ScratchDirectory {
+    std::string path = std::filesystem::temp_directory_path() / "norv-keychain-XXXXXX";
+    ScratchDirectory() {
+        if (::mkdtemp(path.data()) == nullptr) throw std::runtime_error("no scratch directory");
+    }
+    ~ScratchDirectory() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path, ignored);
+    }
+    std::shared_ptr<KeychainBackend> keychain(const std::string& file = "keychain.sqlite") const {
+        auto backend = KeychainBackend::makeFileBackend(path + "/" + file);
+        Platform::setKeychainBackend(backend);
+        return backend;
+    }
+};
+
 // The Secret Service under a schema of its own per call, in the daemon's in-memory
 // collection, so that no run sees another's items; null when there is none to reach.
 std::shared_ptr<KeychainBackend> secretService() {
-    if (std::getenv("DBUS_SESSION_BUS_ADDRESS") == nullptr) {
-        return nullptr;
-    }
     static int run = 0;
     auto backend = std::make_shared<SecretServiceKeychainBackend>(
         "com.norvanalytic.test" + std::to_string(::getpid()) + "." + std::to_string(++run),
         "session");
-    return backend->add(query("probe")) == errSecSuccess &&
-                   backend->remove(query("probe")) == errSecSuccess
-               ? backend
-               : nullptr;
+    const bool reachable = std::getenv("DBUS_SESSION_BUS_ADDRESS") != nullptr &&
+                           backend->add(query("probe")) == errSecSuccess &&
+                           backend->remove(query("probe")) == errSecSuccess;
+    return reachable ? backend : nullptr;
 }
 
-// Every backend keeps items the same way, the in-memory fake included.
+// Both real stores keep items the same way.
 class KeychainContractTest : public ::testing::TestWithParam<std::string> {
 protected:
     void SetUp() override {
-        if (GetParam() == "Fake") {
-            backend_ = std::make_shared<FakeKeychainBackend>();
-        } else if (GetParam() == "File") {
-            backend_ = scratch_.backend();
-        } else if (!(backend_ = secretService())) {
-            GTEST_SKIP() << "no Secret Service: run under dbus-run-session with an unlocked "
-                            "gnome-keyring-daemon";
-        }
+        backend_ = GetParam() == "File" ? scratch_.keychain() : secretService();
+        if (!backend_) GTEST_SKIP() << "no Secret Service: run under dbus-run-session";
         Platform::setKeychainBackend(backend_);
     }
 
@@ -81,7 +87,7 @@ protected:
         return attributes;
     }
 
-    ScratchKeychain scratch_;
+    ScratchDirectory scratch_;
     std::shared_ptr<KeychainBackend> backend_;
 };
 
@@ -93,8 +99,7 @@ TEST_P(KeychainContractTest, SavesAddThenUpdateAndKeepEveryByte) {
         ASSERT_TRUE(Keychain::saveItem(value, "token", "api", &untouched));
         EXPECT_EQ(Keychain::itemForKey("token", "api", &untouched), value);
     }
-    EXPECT_EQ(untouched.value_or(Error{}).code, 7) << "a call that succeeds leaves the error slot alone";
-
+    EXPECT_EQ(untouched.value_or(Error{}).code, 7) << "a call that succeeds leaves the error slot";
     ASSERT_TRUE(Keychain::saveItem("other service", "token", "other", nullptr));
     ASSERT_TRUE(Keychain::saveItem("other key", "key", "api", nullptr));
     EXPECT_EQ(Keychain::itemForKey("token", "api", nullptr), std::string(100000, 'x'));
@@ -106,14 +111,12 @@ TEST_P(KeychainContractTest, OnlyTheTwoAccessibilitiesAreSetOnAddAndOnUpdate) {
         {KeychainAccessibilityWhenUnlocked, WhenUnlocked},
         {KeychainAccessibilityAfterFirstUnlock, AfterFirstUnlock},
         {static_cast<KeychainAccessibility>(2), std::nullopt},
-        {static_cast<KeychainAccessibility>(-1), std::nullopt},
-    };
+        {static_cast<KeychainAccessibility>(-1), std::nullopt}};
     for (const auto& [accessibility, expected] : rows) {
         const std::string added = "added" + std::to_string(accessibility);
+        const std::string updated = "updated" + std::to_string(accessibility);
         ASSERT_TRUE(Keychain::saveItem("v", added, "api", std::nullopt, accessibility, nullptr));
         EXPECT_EQ(stored(added).accessible, expected) << added;
-
-        const std::string updated = "updated" + std::to_string(accessibility);
         ASSERT_TRUE(Keychain::saveItem("v", updated, "api", nullptr));
         EXPECT_EQ(stored(updated).accessible, AfterFirstUnlock) << "the short save";
         ASSERT_TRUE(Keychain::saveItem("w", updated, "api", std::nullopt, accessibility, nullptr));
@@ -125,15 +128,15 @@ TEST_P(KeychainContractTest, MissingItemsAndDeletes) {
     std::optional<Error> error;
     EXPECT_FALSE(Keychain::itemForKey("token", "api", &error).has_value());
     expectError(error, errSecItemNotFound, kNotFound);
-
     for (const bool throughNilSave : {false, true}) {
         error.reset();
         EXPECT_FALSE(throughNilSave ? Keychain::saveItem(std::nullopt, "token", "api", &error)
                                     : Keychain::deleteItemForKey("token", "api", &error));
-        expectError(error, errSecItemNotFound, kDeleteMissing);
+        expectError(error, errSecItemNotFound,
+                    "Could not delete item with key 'token' for service 'api' from the keychain "
+                    "because it does not exist.");
         ASSERT_NE(error->underlyingError, nullptr);
         expectError(*error->underlyingError, errSecItemNotFound, kNotFound);
-
         ASSERT_TRUE(Keychain::saveItem("secret", "token", "api", nullptr));
         EXPECT_TRUE(throughNilSave ? Keychain::saveItem(std::nullopt, "token", "api", nullptr)
                                    : Keychain::deleteItemForKey("token", "api", nullptr));
@@ -158,12 +161,10 @@ TEST_P(KeychainContractTest, AccessGroupsSeparateItemsInDeviceBuilds) {
     // No group, nil or empty, matches the item of any group.
     EXPECT_EQ(Keychain::itemForKey("token", "api", nullptr), "in one");
     EXPECT_EQ(Keychain::itemForKey("token", "api", "", nullptr), "in one");
-
     ASSERT_TRUE(save("in two", "group.two"));
     EXPECT_EQ(Keychain::itemForKey("token", "api", "group.one", nullptr), "in one");
     EXPECT_TRUE(Keychain::deleteItemForKey("token", "api", "group.one", nullptr));
     EXPECT_EQ(Keychain::itemForKey("token", "api", "group.two", nullptr), "in two");
-
     // A nil save drops its group, so it deletes the item of every group.
     ASSERT_TRUE(save("in one again", "group.one"));
     EXPECT_TRUE(save(std::nullopt, "group.one"));
@@ -173,20 +174,14 @@ TEST_P(KeychainContractTest, AccessGroupsSeparateItemsInDeviceBuilds) {
 TEST_P(KeychainContractTest, ForeignBytesReadRawButNotAsAnItem) {
     Data truncated = KeychainArchive::archivedData("a longer value than fits");
     truncated.resize(truncated.size() - 3);
-    const Data foreign[] = {{'n', 'o', 't', 0x00, 0xff},
-                            {},
-                            truncated,
-                            // Our marker before a CBOR text string instead of a byte string.
-                            {'N', 'V', 'K', 0x01, 0x62, 'h', 'i'}};
+    // The last: our marker before a CBOR text string instead of a byte string.
+    const Data foreign[] = {{'n', 'o', 't', 0, 0xff}, {}, truncated, {'N', 'V', 'K', 1, 0x62, 'h'}};
     for (const Data& bytes : foreign) {
         const std::string key = "foreign" + std::to_string(bytes.size());
         ASSERT_EQ(backend_->add(query(key, bytes)), errSecSuccess);
         std::optional<Error> error;
         EXPECT_FALSE(Keychain::itemForKey(key, "api", &error).has_value());
-        ASSERT_TRUE(error.has_value());
-        EXPECT_EQ(error->domain, BrixKeychainErrorDomain);
-        EXPECT_EQ(error->code, 21);
-        EXPECT_FALSE(error->localizedDescription.has_value());
+        expectError(error, 21, std::nullopt);
         EXPECT_FALSE(error->localizedFailureReason.value_or("").empty());
         EXPECT_EQ(Keychain::rawDataForKey(key, "api", nullptr), bytes);
     }
@@ -197,7 +192,7 @@ TEST_P(KeychainContractTest, ForeignBytesReadRawButNotAsAnItem) {
 }
 
 const auto kName = [](const auto& info) { return info.param; };
-INSTANTIATE_TEST_SUITE_P(Local, KeychainContractTest, ::testing::Values("Fake", "File"), kName);
+INSTANTIATE_TEST_SUITE_P(Local, KeychainContractTest, ::testing::Values("File"), kName);
 INSTANTIATE_TEST_SUITE_P(System, KeychainContractTest, ::testing::Values("SecretService"), kName);
 
 TEST(KeychainTest, StatusesMapToTheirFixedMessages) {
@@ -209,8 +204,7 @@ TEST(KeychainTest, StatusesMapToTheirFixedMessages) {
          "keychain."},
         {INT32_MIN,
          "This is a undefined error. Check SecBase.h or Apple's iOS Developer Library "
-         "for more information on this Keychain Services error code."},
-    };
+         "for more information on this Keychain Services error code."}};
     for (const auto& [status, message] : rows) {
         expectError(Keychain::_errorForResultCode(status, "token", "api"), status, message);
     }
@@ -218,8 +212,7 @@ TEST(KeychainTest, StatusesMapToTheirFixedMessages) {
 }
 
 TEST(KeychainTest, EmptyKeyOrServiceRaisesWithTheCheckingOperationsName) {
-    const ScratchKeychain scratch;
-    const auto fake = std::make_shared<FakeKeychainBackend>();
+    const auto fake = std::make_shared<Testing::FakeKeychainBackend>();
     Platform::setKeychainBackend(fake);
     using Call = void (*)(const Text&, const Text&);
     // The reads do not check for themselves; the lookup under them does.
@@ -229,12 +222,9 @@ TEST(KeychainTest, EmptyKeyOrServiceRaisesWithTheCheckingOperationsName) {
         {[](auto& key, auto& service) { Keychain::deleteItemForKey(key, service, "g", nullptr); },
          "+[Keychain deleteItemForKey:forService:inAccessGroup:error:] "},
         {[](auto& key, auto& service) { Keychain::itemForKey(key, service, nullptr); },
-         "+[Keychain _itemAttributesAndDataForKey:forService:inAccessGroup:error:] "},
-    };
-    const std::tuple<Text, Text, std::string> arguments[] = {{"", "", "key"},
-                                                             {std::nullopt, "api", "key"},
-                                                             {"token", "", "service"},
-                                                             {"token", std::nullopt, "service"}};
+         "+[Keychain _itemAttributesAndDataForKey:forService:inAccessGroup:error:] "}};
+    const std::tuple<Text, Text, std::string> arguments[] = {
+        {"", "", "key"}, {std::nullopt, "api", "key"}, {"t", "", "service"}, {"t", {}, "service"}};
     for (const auto& [call, name] : operations) {
         for (const auto& [key, service, empty] : arguments) {
             try {
@@ -249,21 +239,18 @@ TEST(KeychainTest, EmptyKeyOrServiceRaisesWithTheCheckingOperationsName) {
 }
 
 TEST(KeychainTest, AStoreThatCannotBeOpenedFailsEveryCallAsLocked) {
-    const ScratchKeychain scratch;
-    std::ofstream(scratch.directory() / "plain-file") << "in the way";
-    std::ofstream(scratch.directory() / "foreign.sqlite") << std::string(8192, 'z');
+    const ScratchDirectory scratch;
+    std::ofstream(scratch.path + "/plain-file") << "in the way";
+    std::ofstream(scratch.path + "/foreign.sqlite") << std::string(8192, 'z');
     const std::function<bool(std::optional<Error>*)> calls[] = {
         [](auto error) { return Keychain::itemForKey("token", "api", error).has_value(); },
         [](auto error) { return Keychain::rawDataForKey("token", "api", "g", error).has_value(); },
         // The save stops at its lookup and hands that error on as it is.
         [](auto error) { return Keychain::saveItem("value", "token", "api", error); },
         // Only a missing item's delete is wrapped.
-        [](auto error) { return Keychain::deleteItemForKey("token", "api", error); },
-    };
-    for (const auto& path : {scratch.directory() / "plain-file" / "keychain.sqlite",
-                             scratch.directory() / "foreign.sqlite"}) {
-        const auto backend = std::make_shared<FileKeychainBackend>(path);
-        Platform::setKeychainBackend(backend);
+        [](auto error) { return Keychain::deleteItemForKey("token", "api", error); }};
+    for (const auto& file : {"plain-file/keychain.sqlite", "foreign.sqlite"}) {
+        const auto backend = scratch.keychain(file);
         for (const auto& call : calls) {
             std::optional<Error> error;
             EXPECT_FALSE(call(&error));
@@ -273,20 +260,88 @@ TEST(KeychainTest, AStoreThatCannotBeOpenedFailsEveryCallAsLocked) {
         EXPECT_EQ(backend->add(query("token")), errSecInteractionNotAllowed);
         EXPECT_EQ(backend->update(query("token"), query("token")), errSecInteractionNotAllowed);
     }
-    EXPECT_EQ(std::filesystem::file_size(scratch.directory() / "foreign.sqlite"), 8192U);
+    EXPECT_EQ(std::filesystem::file_size(scratch.path + "/foreign.sqlite"), 8192U);
 }
 
 TEST(SystemKeychainTest, AFailedAddFailsTheSave) {
-    if (!secretService()) {
-        GTEST_SKIP() << "no Secret Service";
-    }
+    if (!secretService()) GTEST_SKIP() << "no Secret Service";
     // Creating a missing collection would need the user's consent, so its add is refused.
-    const ScratchKeychain scratch;
     Platform::setKeychainBackend(std::make_shared<SecretServiceKeychainBackend>(
         SecretServiceKeychainBackend::kDefaultSchemaName, "norvanalytic-no-such-collection"));
     std::optional<Error> error;
     EXPECT_FALSE(Keychain::saveItem("value", "token", "api", &error));
     expectError(error, errSecInteractionNotAllowed, kNotAllowed);
+}
+
+TEST(FileKeychainBackendTest, DefaultPathFollowsXdgDataHome) {
+    const std::string savedHome = std::getenv("HOME") ? std::getenv("HOME") : "/";
+    ::setenv("HOME", "/home/someone", 1);
+    const std::string fallback = "/home/someone/.local/share/NorvAnalytic/keychain.sqlite";
+    // A relative XDG_DATA_HOME is invalid and ignored.
+    const std::pair<const char*, std::string> rows[] = {
+        {"/data/xdg", "/data/xdg/NorvAnalytic/keychain.sqlite"},
+        {"relative/dir", fallback},
+        {nullptr, fallback}};
+    for (const auto& [xdg, expected] : rows) {
+        xdg ? ::setenv("XDG_DATA_HOME", xdg, 1) : ::unsetenv("XDG_DATA_HOME");
+        EXPECT_EQ(FileKeychainBackend::defaultPath(), expected);
+    }
+    ::setenv("HOME", savedHome.c_str(), 1);
+}
+
+mode_t modeOf(const std::filesystem::path& path) {
+    struct stat status {};
+    EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
+    return status.st_mode & 07777;
+}
+
+TEST(FileKeychainBackendTest, KeepsItsDirectoriesAndFilesToTheOwner) {
+    const ScratchDirectory scratch;
+    // A directory and a file that others may read are narrowed when the store opens them.
+    std::filesystem::create_directory(scratch.path + "/loose");
+    ::chmod((scratch.path + "/loose").c_str(), 0755);
+    std::ofstream(scratch.path + "/loose/keychain.sqlite").close();
+    ::chmod((scratch.path + "/loose/keychain.sqlite").c_str(), 0644);
+    for (const std::string directory : {"data/NorvAnalytic", "loose"}) {
+        ASSERT_EQ(scratch.keychain(directory + "/keychain.sqlite")->add(query("a")), errSecSuccess);
+        EXPECT_EQ(modeOf(scratch.path + "/" + directory), 0700U);
+        for (const auto& entry :
+             std::filesystem::directory_iterator(scratch.path + "/" + directory)) {
+            EXPECT_EQ(modeOf(entry.path()), 0600U) << entry.path();
+        }
+    }
+    EXPECT_EQ(modeOf(scratch.path + "/data"), 0700U);
+}
+
+// Writers in three processes race on one file while a fourth is killed again and again in the
+// middle of a save: no write is lost, and the killed writer's item reads back whole.
+TEST(SystemFileKeychainTest, ProcessesOnOneFileLoseNoWriteAndAKilledOneTearsNoItem) {
+    const ScratchDirectory scratch;
+    scratch.keychain();
+    // Two first saves of one key may both take the add path; the writers only ever update it.
+    ASSERT_TRUE(Keychain::saveItem("seed", "shared", "exchange", nullptr));
+    const auto run = [&](const std::string& mode, const std::string& argument) {
+        return Testing::runChildProcess(
+            {Testing::siblingExecutable("keychain_writer"), scratch.path, mode, argument}, {});
+    };
+    std::vector<int> statuses(3);
+    {
+        std::vector<std::jthread> writers;
+        for (std::size_t index = 0; index < statuses.size(); ++index) {
+            writers.emplace_back(
+                [&, index] { statuses[index] = run("exchange", std::to_string(index)); });
+        }
+        for (int saves = 1; saves <= 16; saves += 3) {
+            const int status = run("churn", std::to_string(saves));
+            ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
+            const Text item = Keychain::itemForKey("victim", "churn", nullptr);
+            ASSERT_TRUE(item && item->size() == 256 * 1024) << "torn after " << saves << " saves";
+            EXPECT_EQ(*item, std::string(item->size(), item->front())) << "torn after " << saves;
+        }
+    }
+    for (const int status : statuses) {
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    }
 }
 
 }  // namespace
