@@ -3,13 +3,16 @@
 #include <NorvAnalytic/KeychainBackend.h>
 
 #include <cstddef>
+#include <map>
 #include <mutex>
 #include <optional>
-#include <vector>
+#include <string>
+#include <utility>
 
 namespace NorvAnalytic::Testing {
 
-// An in-memory keychain whose failures a test can script. Safe from any thread.
+// An in-memory keychain whose failures a test can script. Safe from any thread. It keeps one
+// item per key and service: access groups, which no suite on it uses, are not told apart.
 class FakeKeychainBackend final : public KeychainBackend {
 public:
     // Every later call answers this status without touching the items (nullopt: normal).
@@ -26,8 +29,7 @@ private:
     mutable std::mutex mutex_;
     std::optional<OSStatus> failure_;
     std::size_t copyMatchingCalls_ = 0;
-    // In the order added, so that a query matching several items finds the oldest first.
-    std::vector<KeychainItemAttributes> items_;
+    std::map<std::pair<std::string, std::string>, KeychainItemAttributes> items_;
 };
 
 }  // namespace NorvAnalytic::Testing
