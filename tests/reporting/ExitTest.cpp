@@ -14,19 +14,18 @@ TEST(Exit, HostReturningFromMainWithRequestsInFlightExitsCleanly) {
     const auto dataHome =
         std::filesystem::temp_directory_path() / ("norv-exit-" + std::to_string(::getpid()));
     std::filesystem::create_directories(dataHome);
+    const auto answeringAfter = [](std::chrono::milliseconds delay) {
+        return [delay](const std::string&, const std::string&) {
+            Testing::LocalHttpServer::Answer answer;
+            answer.delay = delay;
+            return answer;
+        };
+    };
     Testing::LocalHttpServer slow;
-    slow.setResponder([](const std::string&, const std::string&) {
-        Testing::LocalHttpServer::Answer answer;
-        answer.delay = std::chrono::milliseconds(300);
-        return answer;
-    });
+    slow.setResponder(answeringAfter(std::chrono::milliseconds(300)));
     // A server that holds every request for longer than the host lives.
     Testing::LocalHttpServer stuck;
-    stuck.setResponder([](const std::string&, const std::string&) {
-        Testing::LocalHttpServer::Answer answer;
-        answer.delay = std::chrono::seconds(4);
-        return answer;
-    });
+    stuck.setResponder(answeringAfter(std::chrono::seconds(4)));
     for (const std::string& url :
          {slow.url(), stuck.url(), std::string("http://127.0.0.1:1/api/v3/saveEvent")}) {
         const auto started = std::chrono::steady_clock::now();
