@@ -18,7 +18,6 @@ LocalHttpServer::LocalHttpServer() : server_(std::make_unique<httplib::Server>()
         {
             std::lock_guard lock(mutex_);
             bodies_.push_back(body);
-            paths_.push_back(request.path);
             responder = responder_;
         }
         changed_.notify_all();
@@ -60,25 +59,9 @@ std::vector<std::string> LocalHttpServer::bodies() const {
     return bodies_;
 }
 
-std::vector<std::string> LocalHttpServer::paths() const {
-    std::lock_guard lock(mutex_);
-    return paths_;
-}
-
-std::size_t LocalHttpServer::count() const {
-    std::lock_guard lock(mutex_);
-    return bodies_.size();
-}
-
 bool LocalHttpServer::waitForCount(std::size_t count, std::chrono::milliseconds timeout) const {
     std::unique_lock lock(mutex_);
     return changed_.wait_for(lock, timeout, [&] { return bodies_.size() >= count; });
-}
-
-void LocalHttpServer::clear() {
-    std::lock_guard lock(mutex_);
-    bodies_.clear();
-    paths_.clear();
 }
 
 }  // namespace NorvAnalytic::Testing

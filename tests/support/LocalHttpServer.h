@@ -35,12 +35,10 @@ public:
     std::string url() const;
     void setResponder(Responder responder);
 
+    // Every POST body received, oldest first.
     std::vector<std::string> bodies() const;
-    std::vector<std::string> paths() const;
-    std::size_t count() const;
     bool waitForCount(std::size_t count,
                       std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
-    void clear();
 
 private:
     std::unique_ptr<httplib::Server> server_;
@@ -49,7 +47,6 @@ private:
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
     std::vector<std::string> bodies_;
-    std::vector<std::string> paths_;
     Responder responder_;
 };
 
