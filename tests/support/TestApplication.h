@@ -1,17 +1,13 @@
 #pragma once
 
 #include <NorvAnalytic/Application.h>
+#include <NorvAnalytic/URL.h>
 
-#include <algorithm>
-#include <cctype>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
-
-#include "support/TestViewController.h"
-#include "support/TestWindow.h"
 
 namespace NorvAnalytic::Testing {
 
@@ -37,14 +33,11 @@ public:
         std::lock_guard lock(mutex_);
         keyWindow_ = std::move(window);
     }
-    // Schemes ignore case, as URL::scheme() does.
-    void setCanOpenURL(std::string scheme, bool canOpen) {
-        std::transform(scheme.begin(), scheme.end(), scheme.begin(),
-                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    // The scheme is read as a URL reads it, so case does not matter.
+    void setCanOpenURL(const std::string& scheme, bool canOpen) {
         std::lock_guard lock(mutex_);
-        canOpenByScheme_[scheme] = canOpen;
+        canOpenByScheme_[URL::URLWithString(scheme + "://")->scheme()] = canOpen;
     }
-    // Every URL handed to openURL, oldest first, as given.
     std::vector<std::string> openedURLs() const {
         std::lock_guard lock(mutex_);
         return openedURLs_;

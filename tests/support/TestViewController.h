@@ -10,8 +10,7 @@
 namespace NorvAnalytic::Testing {
 
 // A screen of a pretend host UI: a plain controller, or a navigation controller with a stack.
-// Presenting an alert records it and marks it on screen; while it stays on screen a stand-in
-// controller fills the presented slot, so the walk to the top controller ends at the alert.
+// Presenting an alert records it and marks it on screen.
 class TestViewController : public ViewController {
 public:
     static std::shared_ptr<TestViewController> plain() {
@@ -19,17 +18,18 @@ public:
     }
     static std::shared_ptr<TestViewController> navigation(
         std::vector<std::shared_ptr<ViewController>> stack) {
-        auto controller = std::make_shared<TestViewController>(true);
-        controller->stack_ = std::move(stack);
-        return controller;
+        return std::make_shared<TestViewController>(true, std::move(stack));
     }
-    explicit TestViewController(bool isNavigation) : isNavigation_(isNavigation) {}
+    explicit TestViewController(bool isNavigation,
+                                std::vector<std::shared_ptr<ViewController>> stack = {})
+        : isNavigation_(isNavigation), stack_(std::move(stack)) {}
 
     std::shared_ptr<ViewController> presentedViewController() const override {
         std::lock_guard lock(mutex_);
-        // A tap takes the alert off screen, and with it its stand-in, as a dismissal does.
-        if (presented_ && presented_ == alertStandIn_ && !presentedAlerts_.back()->isOnScreen()) {
-            return nullptr;
+        // While an alert is on screen a stand-in fills the presented slot, so the walk to the
+        // top controller ends beyond this one; a tap takes the alert, and the stand-in, away.
+        if (!presentedAlerts_.empty() && presentedAlerts_.back()->isOnScreen()) {
+            return plain();
         }
         return presented_;
     }
@@ -41,8 +41,6 @@ public:
         {
             std::lock_guard lock(mutex_);
             presentedAlerts_.push_back(std::move(alert));
-            alertStandIn_ = plain();
-            presented_ = alertStandIn_;
         }
         if (completion) {
             completion();
@@ -62,11 +60,9 @@ public:
 
 private:
     const bool isNavigation_;
-    // The stack is set once, when the controller is made.
-    std::vector<std::shared_ptr<ViewController>> stack_;
+    const std::vector<std::shared_ptr<ViewController>> stack_;
     mutable std::mutex mutex_;
     std::shared_ptr<ViewController> presented_;
-    std::shared_ptr<ViewController> alertStandIn_;
     std::vector<std::shared_ptr<AlertController>> presentedAlerts_;
 };
 
