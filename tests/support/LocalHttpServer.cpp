@@ -45,23 +45,4 @@ LocalHttpServer::~LocalHttpServer() {
     thread_.join();
 }
 
-std::string LocalHttpServer::url() const {
-    return "http://127.0.0.1:" + std::to_string(port_) + "/api/v3/saveEvent";
-}
-
-void LocalHttpServer::setResponder(Responder responder) {
-    std::lock_guard lock(mutex_);
-    responder_ = std::move(responder);
-}
-
-std::vector<std::string> LocalHttpServer::bodies() const {
-    std::lock_guard lock(mutex_);
-    return bodies_;
-}
-
-bool LocalHttpServer::waitForCount(std::size_t count, std::chrono::milliseconds timeout) const {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, timeout, [&] { return bodies_.size() >= count; });
-}
-
 }  // namespace NorvAnalytic::Testing

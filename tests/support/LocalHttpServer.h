@@ -31,14 +31,23 @@ public:
     LocalHttpServer(const LocalHttpServer&) = delete;
     LocalHttpServer& operator=(const LocalHttpServer&) = delete;
 
-    // "http://127.0.0.1:<port>/api/v3/saveEvent"
-    std::string url() const;
-    void setResponder(Responder responder);
-
+    std::string url() const {
+        return "http://127.0.0.1:" + std::to_string(port_) + "/api/v3/saveEvent";
+    }
+    void setResponder(Responder responder) {
+        std::lock_guard lock(mutex_);
+        responder_ = std::move(responder);
+    }
     // Every POST body received, oldest first.
-    std::vector<std::string> bodies() const;
+    std::vector<std::string> bodies() const {
+        std::lock_guard lock(mutex_);
+        return bodies_;
+    }
     bool waitForCount(std::size_t count,
-                      std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+                      std::chrono::milliseconds timeout = std::chrono::seconds(10)) const {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, timeout, [&] { return bodies_.size() >= count; });
+    }
 
 private:
     std::unique_ptr<httplib::Server> server_;
