@@ -7,7 +7,6 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <sstream>
 #include <thread>
 #include <vector>
@@ -26,19 +25,18 @@ std::string readFile(const fs::path& path) {
     return content.str();
 }
 
-// True once this process has no child left, running or unreaped.
-bool noChildren() {
+// True once this process has no child left, running or unreaped. The opener and its detached
+// reaper finish in their own time, so this waits for them up to the given limit.
+bool noChildrenWithin(std::chrono::milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
     siginfo_t info{};
-    return ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == -1 && errno == ECHILD;
-}
-
-// The opener and its detached reaper finish in their own time; this waits for them.
-bool eventually(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
-    while (!condition() && std::chrono::steady_clock::now() < deadline) {
+    while (::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) != -1 || errno != ECHILD) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
         std::this_thread::sleep_for(10ms);
     }
-    return condition();
+    return true;
 }
 
 TEST(HeadlessApplicationTest, AsksTheDesktopAndOpensWithoutAShellLeavingNoProcessBehind) {
@@ -55,12 +53,8 @@ TEST(HeadlessApplicationTest, AsksTheDesktopAndOpensWithoutAShellLeavingNoProces
     const std::string record = "printf '%s\\n' \"$#\" \"$@\" > " + directory.string();
     // Exits 0 for any scheme, so only its empty answer says "no handler".
     const std::string mime =
-        script("xdg-mime", record +
-                               "/asked\n[ \"$3\" = x-scheme-handler/"
-                               "lindenstoreqrwpt ] && echo a.desktop; exit 0\n");
-    const std::string opener =
-        script("xdg-open", record + "/opening && mv " + directory.string() + "/opening " +
-                               directory.string() + "/opened\n");
+        script("xdg-mime", record + "/asked\ncase $3 in *lindenstoreqrwpt) echo a.desktop; esac\n");
+    const std::string opener = script("xdg-open", record + "/opened\n");
     const auto store = *URL::URLWithString("lindenStoreQRWPT://");
 
     EXPECT_NE(std::dynamic_pointer_cast<HeadlessApplication>(Platform::application()), nullptr);
@@ -79,17 +73,17 @@ TEST(HeadlessApplicationTest, AsksTheDesktopAndOpensWithoutAShellLeavingNoProces
                            HeadlessApplication(hanging, opener, 200ms).canOpenURL(store)}),
         std::vector<bool>(4, false));
     EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
-    EXPECT_TRUE(noChildren());
+    EXPECT_TRUE(noChildrenWithin(0ms));
 
     // Through a shell this would run touch twice: in $(...) and after the ';'.
     const std::string hostile = "https://dl.example.com/m.plist?a=$(touch$IFS" +
                                 directory.string() + "/a)&b=1;touch$IFS" + directory.string() +
                                 "/b;c='$(id)'";
     ASSERT_TRUE(application.openURL(*URL::URLWithString(hostile)));
-    ASSERT_TRUE(eventually([&] { return fs::exists(directory / "opened"); }));
+    // The opener is this process's child until its reaper is done with it.
+    ASSERT_TRUE(noChildrenWithin(10s));
     EXPECT_EQ(readFile(directory / "opened"), "1\n" + hostile + "\n");
     EXPECT_FALSE(fs::exists(directory / "a") || fs::exists(directory / "b"));
-    EXPECT_TRUE(eventually(noChildren));
     EXPECT_FALSE(HeadlessApplication(mime, missing).openURL(store));
     fs::remove_all(directory);
 }
