@@ -1,11 +1,17 @@
 #include <NorvAnalytic/AlertController.h>
 #include <NorvAnalytic/MainQueue.h>
+#include <NorvAnalytic/URL.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/utsname.h>
+#include <unistd.h>
 
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
+#include "platform/LinuxDevice.h"
 #include "platform/MainQueueClock.h"
 #include "platform/ManualClock.h"
 
@@ -86,6 +92,73 @@ TEST(MainQueueTest, AnAlertTapDismissesThenRunsTheHandlerOnTheMainQueueBeforeRet
     alert->tapActionAtIndex(0);
     EXPECT_EQ(runs, Lines{"Update on queue"});
     EXPECT_FALSE(alert->isOnScreen());
+}
+
+TEST(URLTest, AcceptsWhatRfc3986AcceptsAndKeepsTheTextAsGiven) {
+    const std::vector<std::pair<std::string, std::string>> rows = {
+        // scheme "": refused
+        // curl would rewrite these ("itms-services:///?", dot segments, lower-case host).
+        {"itms-services://?action=download-manifest&url=https://dl.example.com/m.plist",
+         "itms-services"},
+        {"lindenStoreQRWPT://", "lindenstoreqrwpt"},
+        {"HTTPS://Example.com:8443/a/../b?x=1&y=%2F#top", "https"},
+        {"http://user:secret@[::1]:8080/path;p=1/", "http"},
+        {"custom+scheme.v2-x://host/$(a);b'c'*,=!@:", "custom+scheme.v2-x"},
+        // An embedded NUL must not cut the text short into a valid URL.
+        {std::string("https://dl.example.com/\0evil", 28), ""},
+        // What no URI holds, though curl would take it.
+        {"https://dl.example.com/`id`", ""},
+        {"https://dl.example.com/%zz", ""},
+        {"https://dl.example.com/?x=[1]", ""},
+        {"1abc://host/", ""},
+        {"dl.example.com/manifest.plist", ""},  // curl cannot parse it
+    };
+    for (const auto& [text, scheme] : rows) {
+        const auto url = URL::URLWithString(text);
+        EXPECT_EQ(url ? url->absoluteString() + " " + url->scheme() : "",
+                  scheme.empty() ? "" : text + " " + scheme);
+    }
+}
+
+void write(const std::filesystem::path& file, const std::string& text) {
+    std::filesystem::create_directories(file.parent_path());
+    std::ofstream(file) << text;
+}
+
+TEST(LinuxDeviceTest, ReadsTheDistributionsVersionAndTheFirstBattery) {
+    const auto root =
+        std::filesystem::temp_directory_path() / ("norv-device-" + std::to_string(::getpid()));
+    write(root / "os-release", "NAME=\"Debian GNU/Linux\"\nVERSION_ID=\"12\"\nID=debian\n");
+    write(root / "power/AC/type", "Mains\n");
+    write(root / "power/BAT0/type", "Battery\n");
+    write(root / "power/BAT0/capacity", "75\n");
+    LinuxDevice device((root / "os-release").string(), (root / "power").string());
+    LinuxDevice bare((root / "missing").string(), (root / "none").string());
+    utsname names{};
+    ::uname(&names);
+    // No os-release: the kernel's release stands in.
+    EXPECT_EQ(
+        device.systemVersion() + " " + device.machineIdentifier() + " " + bare.systemVersion(),
+        std::string("12 ") + names.machine + " " + names.release);
+
+    // The level is known only while monitoring is on, counted across callers; no battery, or
+    // an unreadable one: unknown.
+    std::vector<float> levels{device.batteryLevel()};
+    for (bool enabled : {true, true, false}) {
+        device.setBatteryMonitoringEnabled(enabled);
+        bare.setBatteryMonitoringEnabled(enabled);
+    }
+    levels.insert(levels.end(), {device.batteryLevel(), bare.batteryLevel()});
+    write(root / "power/BAT0/capacity", "not a number\n");
+    levels.push_back(device.batteryLevel());
+    write(root / "power/BAT0/capacity", "40\n");
+    // One more stop than starts is ignored, so the next start turns monitoring on.
+    for (bool enabled : {false, false, true}) {
+        device.setBatteryMonitoringEnabled(enabled);
+        levels.push_back(device.batteryLevel());
+    }
+    EXPECT_EQ(levels, (std::vector<float>{-1.0F, 0.75F, -1.0F, -1.0F, -1.0F, -1.0F, 0.4F}));
+    std::filesystem::remove_all(root);
 }
 
 }  // namespace
