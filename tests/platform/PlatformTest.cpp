@@ -19,26 +19,23 @@ namespace NorvAnalytic {
 namespace {
 
 using Lines = std::vector<std::string>;
+using namespace std::chrono_literals;
 
 TEST(MainQueueTest, TimersFireInOrderOnAManualClockUntilInvalidated) {
     auto clock = std::make_shared<ManualClock>();
     auto& queue = MainQueue::main();
     setMainQueueClock(clock);
     Lines fired;  // touched on the queue only
-    auto everySecond =
-        queue.scheduledTimer(std::chrono::seconds(1), true, [&] { fired.push_back("second"); });
-    auto once = queue.scheduledTimer(std::chrono::milliseconds(1500), false,
-                                     [&] { fired.push_back("once"); });
-    clock->advance(std::chrono::milliseconds(999));
-    clock->advance(std::chrono::milliseconds(1));
-    clock->advance(std::chrono::seconds(1));
-    // Three seconds late: a repeating timer fires once and keeps its rhythm.
-    clock->advance(std::chrono::seconds(3));
+    auto everySecond = queue.scheduledTimer(1s, true, [&] { fired.push_back("second"); });
+    auto once = queue.scheduledTimer(1500ms, false, [&] { fired.push_back("once"); });
+    // The last step is three seconds late: a repeating timer fires once and keeps its rhythm.
+    for (std::chrono::milliseconds step : {999ms, 1ms, 1000ms, 3000ms}) {
+        clock->advance(step);
+    }
     queue.sync([&] { EXPECT_EQ(fired, (Lines{"second", "once", "second", "second"})); });
     EXPECT_FALSE(once->isValid());
     everySecond->invalidate();
-    EXPECT_FALSE(everySecond->isValid());
-    clock->advance(std::chrono::seconds(5));
+    clock->advance(5s);
     queue.sync([&] { EXPECT_EQ(fired.size(), 4U); });
     setMainQueueClock(nullptr);
 }
@@ -95,8 +92,8 @@ TEST(MainQueueTest, AnAlertTapDismissesThenRunsTheHandlerOnTheMainQueueBeforeRet
 }
 
 TEST(URLTest, AcceptsWhatRfc3986AcceptsAndKeepsTheTextAsGiven) {
+    // Each row: a text, and the scheme read from it ("": refused).
     const std::vector<std::pair<std::string, std::string>> rows = {
-        // scheme "": refused
         // curl would rewrite these ("itms-services:///?", dot segments, lower-case host).
         {"itms-services://?action=download-manifest&url=https://dl.example.com/m.plist",
          "itms-services"},
