@@ -153,20 +153,20 @@ TEST(HeadlessApplicationTest, AsksTheDesktopAndOpensWithoutAShellLeavingNoProces
         return (directory / name).string();
     };
     const std::string missing = (directory / "no-such-program").string();
-    // Each records its arguments, one per line after their count.
-    const std::string record = "printf '%s\\n' \"$#\" \"$@\" > " + directory.string();
-    // Exits 0 for any scheme, so only its empty answer says "no handler".
-    const std::string mime =
-        script("xdg-mime", record + "/asked\ncase $3 in *lindenstoreqrwpt) echo a.desktop; esac\n");
-    const std::string opener = script("xdg-open", record + "/opened\n");
+    // Answers only the query it expects, and exits 0 for any, so only its empty answer says
+    // "no handler".
+    const std::string mime = script("xdg-mime",
+                                    "[ \"$#:$1:$2:$3\" = 3:query:default:x-scheme-handler/"
+                                    "lindenstoreqrwpt ] && echo a.desktop; exit 0\n");
+    // Records its arguments, one per line after their count.
+    const std::string opener =
+        script("xdg-open", "printf '%s\\n' \"$#\" \"$@\" > " + directory.string() + "/opened\n");
     const auto store = *URL::URLWithString("lindenStoreQRWPT://");
 
     EXPECT_NE(std::dynamic_pointer_cast<HeadlessApplication>(Platform::application()), nullptr);
     EXPECT_EQ(Platform::application()->keyWindow(), nullptr);
     HeadlessApplication application(mime, opener);
     EXPECT_TRUE(application.canOpenURL(store));
-    EXPECT_EQ(readFile(directory / "asked"),
-              "3\nquery\ndefault\nx-scheme-handler/lindenstoreqrwpt\n");
     const auto start = std::chrono::steady_clock::now();
     const std::string failing = script("failing", "echo a.desktop; exit 3\n");
     const std::string hanging = script("hanging", "echo a.desktop\nexec sleep 60\n");

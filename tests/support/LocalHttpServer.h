@@ -28,8 +28,6 @@ public:
 
     LocalHttpServer();
     ~LocalHttpServer();
-    LocalHttpServer(const LocalHttpServer&) = delete;
-    LocalHttpServer& operator=(const LocalHttpServer&) = delete;
 
     std::string url() const {
         return "http://127.0.0.1:" + std::to_string(port_) + "/api/v3/saveEvent";
