@@ -49,22 +49,21 @@ std::future<std::string> post(HttpClient& client, const std::string& url, const 
 }
 
 TEST(CurlHttpClientTest, DeliversTheExactBytesAndHandsOverStatusAndBody) {
-    LocalHttpServer server;
-    server.setResponder([](const std::string&, const std::string& body) {
-        return LocalHttpServer::Answer{body == "fail" ? 500 : 200, body == "empty" ? "" : "ok", {}};
+    LocalHttpServer echo;
+    echo.setResponder([](const std::string&, const std::string& body) {
+        return LocalHttpServer::Answer{body == "fail" ? 500 : 200, body, {}};
     });
     CurlHttpClient client;
     // Nothing in a form body is escaped, so every byte must arrive as it was handed over.
     const std::string raw = std::string("a=c d\r\n{\"x\":1}&\xC3\xA9\xE2\x82\xAC\0tail", 25);
     // An empty answer still hands over data, empty but present.
     for (const auto& [body, outcome] : std::vector<std::pair<std::string, std::string>>{
-             {raw, "200 [ok]"}, {"fail", "500 [ok]"}, {"empty", "200 []"}}) {
-        EXPECT_EQ(post(client, server.url(), body).get(), outcome);
-        EXPECT_EQ(server.bodies().back(), body);
+             {raw, "200 [" + raw + "]"}, {"fail", "500 [fail]"}, {"", "200 []"}}) {
+        EXPECT_EQ(post(client, echo.url(), body).get(), outcome);
     }
 }
 
-TEST(CurlHttpClientTest, SendsFromManyThreadsWithoutWaitingAndADestroyedClientCompletesAll) {
+TEST(CurlHttpClientTest, SendsFromManyThreadsWithoutWaitingAndADestroyedClientCancelsAll) {
     LocalHttpServer held;
     // Answers wait for the client's end; a send that waited for its answer would get one.
     std::promise<void> release;
@@ -73,14 +72,12 @@ TEST(CurlHttpClientTest, SendsFromManyThreadsWithoutWaitingAndADestroyedClientCo
             released.wait_for(5s);
             return LocalHttpServer::Answer{};
         });
-    std::vector<std::future<std::string>> outcomes(41);
+    std::vector<std::future<std::string>> outcomes(40);
     {
         CurlHttpClient client;
-        outcomes[0] = post(client, "http://127.0.0.1:0/", "value=0");
-        EXPECT_EQ(outcomes[0].wait_for(20s), std::future_status::ready);
         // More than the client keeps in flight, so some still wait in its own queue.
         std::vector<std::jthread> senders;
-        for (std::size_t index = 1; index < outcomes.size(); ++index) {
+        for (std::size_t index = 0; index < outcomes.size(); ++index) {
             senders.emplace_back([&, index] {
                 outcomes[index] = post(client, held.url(), "value=" + std::to_string(index));
             });
@@ -110,7 +107,7 @@ TEST(CurlHttpClientTest, OverTlsVerifiesThePeerFollowsRedirectsAndConnectsWhereT
                                  : answer.set_content("secure " + request.body, "text/plain");
     });
     const std::string port = std::to_string(server.bind_to_any_port("127.0.0.1"));
-    std::thread serving([&] { server.listen_after_bind(); });
+    const std::jthread serving([&] { server.listen_after_bind(); });
     CurlHttpClient client;
     client.connectTo("collector.invalid:" + port, "127.0.0.1:" + port);
     const std::string url = "https://collector.invalid:" + port + "/moved";
@@ -121,7 +118,6 @@ TEST(CurlHttpClientTest, OverTlsVerifiesThePeerFollowsRedirectsAndConnectsWhereT
     EXPECT_EQ(post(client, url, "value=1").get(), "200 [secure value=1]");
 
     server.stop();
-    serving.join();
     fs::remove_all(directory);
 }
 
