@@ -12,7 +12,6 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
-#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -121,12 +120,6 @@ TEST(CurlHttpClientTest, OverTlsVerifiesThePeerFollowsRedirectsAndConnectsWhereT
     fs::remove_all(directory);
 }
 
-std::string readFile(const fs::path& path) {
-    std::stringstream content;
-    content << std::ifstream(path).rdbuf();
-    return content.str();
-}
-
 // True once this process has no child left, running or unreaped. The opener and its detached
 // reaper finish in their own time, so this waits for them up to the given limit.
 bool noChildrenWithin(std::chrono::milliseconds limit) {
@@ -154,9 +147,10 @@ TEST(HeadlessApplicationTest, AsksTheDesktopAndOpensWithoutAShellLeavingNoProces
     const std::string mime = script("xdg-mime",
                                     "[ \"$#:$1:$2:$3\" = 3:query:default:x-scheme-handler/"
                                     "lindenstoreqrwpt ] && echo a.desktop; exit 0\n");
-    // Records its arguments, one per line after their count.
+    // Leaves a mark only when handed exactly one argument, the URL the test expects.
     const std::string opener =
-        script("xdg-open", "printf '%s\\n' \"$#\" \"$@\" > " + directory.string() + "/opened\n");
+        script("xdg-open", "cd " + directory.string() +
+                               "\n[ \"$#:$1\" = \"1:$(cat expected)\" ] && touch opened\n");
     const auto store = *URL::URLWithString("lindenStoreQRWPT://");
 
     EXPECT_NE(std::dynamic_pointer_cast<HeadlessApplication>(Platform::application()), nullptr);
@@ -179,10 +173,11 @@ TEST(HeadlessApplicationTest, AsksTheDesktopAndOpensWithoutAShellLeavingNoProces
     const std::string hostile = "https://dl.example.com/m.plist?a=$(touch$IFS" +
                                 directory.string() + "/a)&b=1;touch$IFS" + directory.string() +
                                 "/b;c='$(id)'";
+    std::ofstream(directory / "expected") << hostile;
     ASSERT_TRUE(application.openURL(*URL::URLWithString(hostile)));
     // The opener is this process's child until its reaper is done with it.
     ASSERT_TRUE(noChildrenWithin(10s));
-    EXPECT_EQ(readFile(directory / "opened"), "1\n" + hostile + "\n");
+    EXPECT_TRUE(fs::exists(directory / "opened"));
     EXPECT_FALSE(fs::exists(directory / "a") || fs::exists(directory / "b"));
     EXPECT_FALSE(HeadlessApplication(mime, missing).openURL(store));
     fs::remove_all(directory);

@@ -107,18 +107,16 @@ TEST(URLTest, AcceptsWhatRfc3986AcceptsAndKeepsTheTextAsGiven) {
     }
 }
 
-void write(const std::filesystem::path& file, const std::string& text) {
-    std::filesystem::create_directories(file.parent_path());
-    std::ofstream(file) << text;
-}
-
 TEST(LinuxDeviceTest, ReadsTheDistributionsVersionAndTheFirstBattery) {
     const auto root =
         std::filesystem::temp_directory_path() / ("norv-device-" + std::to_string(::getpid()));
-    write(root / "os-release", "NAME=\"Debian GNU/Linux\"\nVERSION_ID=\"12\"\nID=debian\n");
-    write(root / "power/AC/type", "Mains\n");
-    write(root / "power/BAT0/type", "Battery\n");
-    write(root / "power/BAT0/capacity", "75\n");
+    std::filesystem::create_directories(root / "power/AC");
+    std::filesystem::create_directories(root / "power/BAT0");
+    std::ofstream(root / "os-release")
+        << "NAME=\"Debian GNU/Linux\"\nVERSION_ID=\"12\"\nID=debian\n";
+    std::ofstream(root / "power/AC/type") << "Mains\n";
+    std::ofstream(root / "power/BAT0/type") << "Battery\n";
+    std::ofstream(root / "power/BAT0/capacity") << "75\n";
     LinuxDevice device((root / "os-release").string(), (root / "power").string());
     LinuxDevice bare((root / "missing").string(), (root / "none").string());
     utsname names{};
@@ -136,9 +134,9 @@ TEST(LinuxDeviceTest, ReadsTheDistributionsVersionAndTheFirstBattery) {
         bare.setBatteryMonitoringEnabled(enabled);
     }
     levels.insert(levels.end(), {device.batteryLevel(), bare.batteryLevel()});
-    write(root / "power/BAT0/capacity", "not a number\n");
+    std::ofstream(root / "power/BAT0/capacity") << "not a number\n";
     levels.push_back(device.batteryLevel());
-    write(root / "power/BAT0/capacity", "40\n");
+    std::ofstream(root / "power/BAT0/capacity") << "40\n";
     // One more stop than starts is ignored, so the next start turns monitoring on.
     for (bool enabled : {false, false, true}) {
         device.setBatteryMonitoringEnabled(enabled);

@@ -14,12 +14,10 @@ LocalHttpServer::LocalHttpServer() : server_(std::make_unique<httplib::Server>()
             body.append(data, length);
             return true;
         });
-        Responder responder;
-        {
-            std::lock_guard lock(mutex_);
-            bodies_.push_back(body);
-            responder = responder_;
-        }
+        std::unique_lock lock(mutex_);
+        bodies_.push_back(body);
+        const Responder responder = responder_;
+        lock.unlock();
         changed_.notify_all();
         const Answer answer = responder ? responder(request.path, body) : Answer{};
         std::this_thread::sleep_for(answer.delay);
@@ -28,7 +26,6 @@ LocalHttpServer::LocalHttpServer() : server_(std::make_unique<httplib::Server>()
     });
     // Clients keep connections open; a short keep-alive lets the server stop without waiting.
     server_->set_keep_alive_timeout(1);
-    server_->set_payload_max_length(64 * 1024 * 1024);
     // Headers and body go out in two writes; without this each answer waits for a delayed ACK.
     server_->set_tcp_nodelay(true);
     port_ = server_->bind_to_any_port("127.0.0.1");
