@@ -157,7 +157,6 @@ TEST(HeadlessApplicationTest, AsksTheDesktopAndOpensWithoutAShellLeavingNoProces
     EXPECT_EQ(Platform::application()->keyWindow(), nullptr);
     HeadlessApplication application(mime, opener);
     EXPECT_TRUE(application.canOpenURL(store));
-    const auto start = std::chrono::steady_clock::now();
     const std::string failing = script("failing", "echo a.desktop; exit 3\n");
     const std::string hanging = script("hanging", "echo a.desktop\nexec sleep 60\n");
     EXPECT_EQ(
@@ -166,7 +165,8 @@ TEST(HeadlessApplicationTest, AsksTheDesktopAndOpensWithoutAShellLeavingNoProces
                            HeadlessApplication(missing, opener).canOpenURL(store),
                            HeadlessApplication(hanging, opener, 200ms).canOpenURL(store)}),
         std::vector<bool>(4, false));
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
+    // A query past its time limit answers "no" and leaves no process behind; one that waited
+    // for the hanging program instead would answer "yes" a minute later.
     EXPECT_TRUE(noChildrenWithin(0ms));
 
     // Through a shell this would run touch twice: in $(...) and after the ';'.

@@ -1,14 +1,12 @@
 #include "support/LocalHttpServer.h"
 
-#include <httplib.h>
-
 namespace NorvAnalytic::Testing {
 
-LocalHttpServer::LocalHttpServer() : server_(std::make_unique<httplib::Server>()) {
+LocalHttpServer::LocalHttpServer() {
     // Reading the body through a content reader: httplib refuses form bodies over 8 KiB when
     // it parses them itself, and the SDK's bodies may be far larger.
-    server_->Post(".*", [this](const httplib::Request& request, httplib::Response& response,
-                               const httplib::ContentReader& reader) {
+    server_.Post(".*", [this](const httplib::Request& request, httplib::Response& response,
+                              const httplib::ContentReader& reader) {
         std::string body;
         reader([&body](const char* data, std::size_t length) {
             body.append(data, length);
@@ -25,20 +23,20 @@ LocalHttpServer::LocalHttpServer() : server_(std::make_unique<httplib::Server>()
         response.set_content(answer.body, "application/json");
     });
     // Clients keep connections open; a short keep-alive lets the server stop without waiting.
-    server_->set_keep_alive_timeout(1);
+    server_.set_keep_alive_timeout(1);
     // Headers and body go out in two writes; without this each answer waits for a delayed ACK.
-    server_->set_tcp_nodelay(true);
-    port_ = server_->bind_to_any_port("127.0.0.1");
-    thread_ = std::thread([this] { server_->listen_after_bind(); });
+    server_.set_tcp_nodelay(true);
+    port_ = server_.bind_to_any_port("127.0.0.1");
+    thread_ = std::thread([this] { server_.listen_after_bind(); });
     // httplib's stop() does nothing before the accept loop runs, and offers no signal for it:
     // a server stopped before its thread got going would keep the destructor's join waiting.
-    while (port_ > 0 && !server_->is_running()) {
+    while (port_ > 0 && !server_.is_running()) {
         std::this_thread::yield();
     }
 }
 
 LocalHttpServer::~LocalHttpServer() {
-    server_->stop();
+    server_.stop();
     thread_.join();
 }
 

@@ -1,17 +1,14 @@
 #pragma once
 
+#include <httplib.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <functional>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
-
-namespace httplib {
-class Server;
-}
 
 namespace NorvAnalytic::Testing {
 
@@ -48,7 +45,7 @@ public:
     }
 
 private:
-    std::unique_ptr<httplib::Server> server_;
+    httplib::Server server_;
     std::thread thread_;
     int port_ = 0;
     mutable std::mutex mutex_;
