@@ -13,15 +13,14 @@ namespace NorvAnalytic::Testing {
 // and tests look at it after a sync with that queue, so it needs no lock of its own.
 class TestViewController : public ViewController {
 public:
+    using Stack = std::vector<std::shared_ptr<ViewController>>;
     static std::shared_ptr<TestViewController> plain() {
-        return std::make_shared<TestViewController>(false);
+        return std::make_shared<TestViewController>(false, Stack{});
     }
-    static std::shared_ptr<TestViewController> navigation(
-        std::vector<std::shared_ptr<ViewController>> stack) {
+    static std::shared_ptr<TestViewController> navigation(Stack stack) {
         return std::make_shared<TestViewController>(true, std::move(stack));
     }
-    explicit TestViewController(bool isNavigation,
-                                std::vector<std::shared_ptr<ViewController>> stack = {})
+    TestViewController(bool isNavigation, Stack stack)
         : isNavigation_(isNavigation), stack_(std::move(stack)) {}
 
     // While an alert is on screen a stand-in fills the presented slot, so the walk to the top
@@ -31,7 +30,7 @@ public:
         return alertShown ? plain() : presented_;
     }
     bool isNavigationController() const override { return isNavigation_; }
-    std::vector<std::shared_ptr<ViewController>> viewControllers() const override { return stack_; }
+    Stack viewControllers() const override { return stack_; }
     void presentViewController(std::shared_ptr<AlertController> alert, bool,
                                std::function<void()> completion) override {
         alert->setOnScreen(true);
@@ -52,7 +51,7 @@ public:
 
 private:
     const bool isNavigation_;
-    const std::vector<std::shared_ptr<ViewController>> stack_;
+    const Stack stack_;
     std::shared_ptr<ViewController> presented_;
     std::vector<std::shared_ptr<AlertController>> presentedAlerts_;
 };
