@@ -139,7 +139,6 @@ TEST(HeadlessApplicationTest, AsksTheDesktopAndOpensWithoutAShellLeavingNoProces
         fs::permissions(directory / name, fs::perms::owner_all);
         return (directory / name).string();
     };
-    const std::string missing = (directory / "no-such-program").string();
     // Answers only the query it expects, and exits 0 for any, so only its empty answer says
     // "no handler".
     const std::string mime = script("xdg-mime",
@@ -159,7 +158,7 @@ TEST(HeadlessApplicationTest, AsksTheDesktopAndOpensWithoutAShellLeavingNoProces
         (std::vector<bool>{application.canOpenURL(store),
                            application.canOpenURL(*URL::URLWithString("itms-services://?action=x")),
                            HeadlessApplication(failing, opener).canOpenURL(store),
-                           HeadlessApplication(missing, opener).canOpenURL(store),
+                           HeadlessApplication(directory / "none", opener).canOpenURL(store),
                            HeadlessApplication(hanging, opener, 200ms).canOpenURL(store)}),
         (std::vector<bool>{true, false, false, false, false}));
     // A query past its time limit answers "no" and leaves no process behind; one that waited
@@ -176,7 +175,7 @@ TEST(HeadlessApplicationTest, AsksTheDesktopAndOpensWithoutAShellLeavingNoProces
     ASSERT_TRUE(noChildrenWithin(10s));
     EXPECT_TRUE(fs::exists(directory / "opened"));
     EXPECT_FALSE(fs::exists(directory / "a") || fs::exists(directory / "b"));
-    EXPECT_FALSE(HeadlessApplication(mime, missing).openURL(store));
+    EXPECT_FALSE(HeadlessApplication(mime, directory / "none").openURL(store));
     fs::remove_all(directory);
 }
 
