@@ -89,14 +89,13 @@ TEST(CurlHttpClientTest, SendsFromManyThreadsWithoutWaitingAndADestroyedClientCa
 
 TEST(CurlHttpClientTest, OverTlsVerifiesThePeerFollowsRedirectsAndConnectsWhereTold) {
     // A self-signed certificate for "collector.invalid"; it is also the CA file to trust.
-    const fs::path directory = makeDirectory();
-    const std::string files = directory / "collector";
+    const std::string files = makeDirectory() / "collector";
     const std::string make =
-        "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 "
-        "-nodes -days 1 -subj /CN=collector.invalid -keyout " +
-        files + ".key -out " + files + ".pem 2>/dev/null";
+        "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes "
+        "-subj /CN=collector.invalid -out " +
+        files + ".pem -keyout " + files;
     ASSERT_EQ(std::system(make.c_str()), 0);
-    httplib::SSLServer server((files + ".pem").c_str(), (files + ".key").c_str());
+    httplib::SSLServer server((files + ".pem").c_str(), files.c_str());
     // Clients keep their connections open; the server must not wait long for them at stop().
     server.set_keep_alive_timeout(1);
     server.Post(".*", [](const httplib::Request& request, httplib::Response& answer) {
@@ -115,7 +114,7 @@ TEST(CurlHttpClientTest, OverTlsVerifiesThePeerFollowsRedirectsAndConnectsWhereT
     EXPECT_EQ(post(client, url, "value=1").get(), "200 [secure value=1]");
 
     server.stop();
-    fs::remove_all(directory);
+    fs::remove_all(fs::path(files).parent_path());
 }
 
 // True once this process has no child left, running or unreaped. The opener and its detached
@@ -150,20 +149,18 @@ TEST(HeadlessApplicationTest, AsksTheDesktopAndOpensWithoutAShellLeavingNoProces
                                "\n[ \"$#:$1\" = \"1:$(cat expected)\" ] && touch opened\n");
     const auto store = *URL::URLWithString("lindenStoreQRWPT://");
 
-    EXPECT_EQ(Platform::application()->keyWindow(), nullptr);
     HeadlessApplication application(mime, opener);
-    const std::string failing = script("failing", "echo a.desktop; exit 3\n");
-    const std::string hanging = script("hanging", "echo a.desktop\nexec sleep 60\n");
-    EXPECT_EQ(
-        (std::vector<bool>{application.canOpenURL(store),
-                           application.canOpenURL(*URL::URLWithString("itms-services://?action=x")),
-                           HeadlessApplication(failing, opener).canOpenURL(store),
-                           HeadlessApplication(directory / "none", opener).canOpenURL(store),
-                           HeadlessApplication(hanging, opener, 200ms).canOpenURL(store)}),
-        (std::vector<bool>{true, false, false, false, false}));
-    // A query past its time limit answers "no" and leaves no process behind; one that waited
-    // for the hanging program instead would answer "yes" a minute later.
-    EXPECT_TRUE(noChildrenWithin(0ms));
+    const auto failing = script("failing", "echo a.desktop; exit 3\n");
+    const auto hanging = script("hanging", "echo a.desktop\nexec sleep 60\n");
+    EXPECT_EQ((std::vector<bool>{
+                  Platform::application()->keyWindow() == nullptr, application.canOpenURL(store),
+                  application.canOpenURL(*URL::URLWithString("itms-services://?action=x")),
+                  HeadlessApplication(failing, opener).canOpenURL(store),
+                  HeadlessApplication(directory / "none", opener).canOpenURL(store),
+                  // Past its time limit a query answers "no"; one that waited for the
+                  // hanging program instead would answer "yes" a minute later.
+                  HeadlessApplication(hanging, opener, 200ms).canOpenURL(store)}),
+              (std::vector<bool>{true, true, false, false, false, false}));
 
     // Through a shell this would run touch twice: in $(...) and after the ';'.
     const std::string hostile = "https://dl.example.com/m.plist?a=$(touch$IFS" +
@@ -171,7 +168,8 @@ TEST(HeadlessApplicationTest, AsksTheDesktopAndOpensWithoutAShellLeavingNoProces
                                 "/b;c='$(id)'";
     std::ofstream(directory / "expected") << hostile;
     ASSERT_TRUE(application.openURL(*URL::URLWithString(hostile)));
-    // The opener is this process's child until its reaper is done with it.
+    // The opener is this process's child until its reaper is done with it; a hanging query
+    // killed at its time limit must be gone too.
     ASSERT_TRUE(noChildrenWithin(10s));
     EXPECT_TRUE(fs::exists(directory / "opened"));
     EXPECT_FALSE(fs::exists(directory / "a") || fs::exists(directory / "b"));

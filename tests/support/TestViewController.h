@@ -14,6 +14,7 @@ namespace NorvAnalytic::Testing {
 class TestViewController : public ViewController {
 public:
     using Stack = std::vector<std::shared_ptr<ViewController>>;
+    using Alerts = std::vector<std::shared_ptr<AlertController>>;
     static std::shared_ptr<TestViewController> plain() {
         return std::make_shared<TestViewController>(false, Stack{});
     }
@@ -45,15 +46,13 @@ public:
         presented_ = std::move(controller);
     }
     // Every alert presented from this controller, oldest first.
-    std::vector<std::shared_ptr<AlertController>> presentedAlerts() const {
-        return presentedAlerts_;
-    }
+    Alerts presentedAlerts() const { return presentedAlerts_; }
 
 private:
     const bool isNavigation_;
     const Stack stack_;
     std::shared_ptr<ViewController> presented_;
-    std::vector<std::shared_ptr<AlertController>> presentedAlerts_;
+    Alerts presentedAlerts_;
 };
 
 }  // namespace NorvAnalytic::Testing
