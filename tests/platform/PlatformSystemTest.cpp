@@ -96,8 +96,6 @@ TEST(CurlHttpClientTest, OverTlsVerifiesThePeerFollowsRedirectsAndConnectsWhereT
         files + ".pem -keyout " + files;
     ASSERT_EQ(std::system(make.c_str()), 0);
     httplib::SSLServer server((files + ".pem").c_str(), files.c_str());
-    // Clients keep their connections open; the server must not wait long for them at stop().
-    server.set_keep_alive_timeout(1);
     server.Post(".*", [](const httplib::Request& request, httplib::Response& answer) {
         request.path == "/moved" ? answer.set_redirect("/api/v3/saveEvent", 307)
                                  : answer.set_content("secure " + request.body, "text/plain");
@@ -150,6 +148,7 @@ TEST(HeadlessApplicationTest, AsksTheDesktopAndOpensWithoutAShellLeavingNoProces
     const auto store = *URL::URLWithString("lindenStoreQRWPT://");
 
     HeadlessApplication application(mime, opener);
+    const auto start = std::chrono::steady_clock::now();
     const auto failing = script("failing", "echo a.desktop; exit 3\n");
     const auto hanging = script("hanging", "echo a.desktop\nexec sleep 60\n");
     EXPECT_EQ((std::vector<bool>{
@@ -161,6 +160,8 @@ TEST(HeadlessApplicationTest, AsksTheDesktopAndOpensWithoutAShellLeavingNoProces
                   // hanging program instead would answer "yes" a minute later.
                   HeadlessApplication(hanging, opener, 200ms).canOpenURL(store)}),
               (std::vector<bool>{true, true, false, false, false, false}));
+    // A query past its time limit is killed, not waited for.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
 
     // Through a shell this would run touch twice: in $(...) and after the ';'.
     const std::string hostile = "https://dl.example.com/m.plist?a=$(touch$IFS" +
