@@ -13,7 +13,8 @@ namespace NorvAnalytic::Testing {
 class FixedDevice final : public Device {
 public:
     FixedDevice(std::string machine, std::string systemVersion, float batteryLevel)
-        : machine_(std::move(machine)), systemVersion_(std::move(systemVersion)),
+        : machine_(std::move(machine)),
+          systemVersion_(std::move(systemVersion)),
           batteryLevel_(batteryLevel) {}
 
     std::string systemVersion() override { return systemVersion_; }

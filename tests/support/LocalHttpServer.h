@@ -1,17 +1,14 @@
 #pragma once
 
+#include <httplib.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <functional>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
-
-namespace httplib {
-class Server;
-}
 
 namespace NorvAnalytic::Testing {
 
@@ -28,28 +25,32 @@ public:
 
     LocalHttpServer();
     ~LocalHttpServer();
-    LocalHttpServer(const LocalHttpServer&) = delete;
-    LocalHttpServer& operator=(const LocalHttpServer&) = delete;
 
-    // "http://127.0.0.1:<port>/api/v3/saveEvent"
-    std::string url() const;
-    void setResponder(Responder responder);
-
-    std::vector<std::string> bodies() const;
-    std::vector<std::string> paths() const;
-    std::size_t count() const;
+    std::string url() const {
+        return "http://127.0.0.1:" + std::to_string(port_) + "/api/v3/saveEvent";
+    }
+    void setResponder(Responder responder) {
+        std::lock_guard lock(mutex_);
+        responder_ = std::move(responder);
+    }
+    // Every POST body received, oldest first.
+    std::vector<std::string> bodies() const {
+        std::lock_guard lock(mutex_);
+        return bodies_;
+    }
     bool waitForCount(std::size_t count,
-                      std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
-    void clear();
+                      std::chrono::milliseconds timeout = std::chrono::seconds(10)) const {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, timeout, [&] { return bodies_.size() >= count; });
+    }
 
 private:
-    std::unique_ptr<httplib::Server> server_;
+    httplib::Server server_;
     std::thread thread_;
     int port_ = 0;
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
     std::vector<std::string> bodies_;
-    std::vector<std::string> paths_;
     Responder responder_;
 };
 

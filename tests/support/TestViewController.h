@@ -4,46 +4,38 @@
 #include <NorvAnalytic/ViewController.h>
 
 #include <memory>
-#include <mutex>
 #include <vector>
 
 namespace NorvAnalytic::Testing {
 
 // A screen of a pretend host UI: a plain controller, or a navigation controller with a stack.
-// Presenting an alert records it and marks it on screen; while it stays on screen a stand-in
-// controller fills the presented slot, so the walk to the top controller ends at the alert.
+// Presenting an alert records it and marks it on screen. The SDK uses it on the main queue,
+// and tests look at it after a sync with that queue, so it needs no lock of its own.
 class TestViewController : public ViewController {
 public:
+    using Stack = std::vector<std::shared_ptr<ViewController>>;
+    using Alerts = std::vector<std::shared_ptr<AlertController>>;
     static std::shared_ptr<TestViewController> plain() {
-        return std::make_shared<TestViewController>(false);
+        return std::make_shared<TestViewController>(false, Stack{});
     }
-    static std::shared_ptr<TestViewController> navigation(
-        std::vector<std::shared_ptr<ViewController>> stack) {
-        auto controller = std::make_shared<TestViewController>(true);
-        controller->stack_ = std::move(stack);
-        return controller;
+    static std::shared_ptr<TestViewController> navigation(Stack stack) {
+        return std::make_shared<TestViewController>(true, std::move(stack));
     }
-    explicit TestViewController(bool isNavigation) : isNavigation_(isNavigation) {}
+    TestViewController(bool isNavigation, Stack stack)
+        : isNavigation_(isNavigation), stack_(std::move(stack)) {}
 
+    // While an alert is on screen a stand-in fills the presented slot, so the walk to the top
+    // controller ends beyond this one; a tap takes the alert, and the stand-in, away.
     std::shared_ptr<ViewController> presentedViewController() const override {
-        std::lock_guard lock(mutex_);
-        // A tap takes the alert off screen, and with it its stand-in, as a dismissal does.
-        if (presented_ && presented_ == alertStandIn_ && !presentedAlerts_.back()->isOnScreen()) {
-            return nullptr;
-        }
-        return presented_;
+        const bool alertShown = !presentedAlerts_.empty() && presentedAlerts_.back()->isOnScreen();
+        return alertShown ? plain() : presented_;
     }
     bool isNavigationController() const override { return isNavigation_; }
-    std::vector<std::shared_ptr<ViewController>> viewControllers() const override { return stack_; }
+    Stack viewControllers() const override { return stack_; }
     void presentViewController(std::shared_ptr<AlertController> alert, bool,
                                std::function<void()> completion) override {
         alert->setOnScreen(true);
-        {
-            std::lock_guard lock(mutex_);
-            presentedAlerts_.push_back(std::move(alert));
-            alertStandIn_ = plain();
-            presented_ = alertStandIn_;
-        }
+        presentedAlerts_.push_back(std::move(alert));
         if (completion) {
             completion();
         }
@@ -51,23 +43,16 @@ public:
 
     // Makes this controller present another one modally (nullptr: presents nothing).
     void setPresentedViewController(std::shared_ptr<ViewController> controller) {
-        std::lock_guard lock(mutex_);
         presented_ = std::move(controller);
     }
     // Every alert presented from this controller, oldest first.
-    std::vector<std::shared_ptr<AlertController>> presentedAlerts() const {
-        std::lock_guard lock(mutex_);
-        return presentedAlerts_;
-    }
+    Alerts presentedAlerts() const { return presentedAlerts_; }
 
 private:
     const bool isNavigation_;
-    // The stack is set once, when the controller is made.
-    std::vector<std::shared_ptr<ViewController>> stack_;
-    mutable std::mutex mutex_;
+    const Stack stack_;
     std::shared_ptr<ViewController> presented_;
-    std::shared_ptr<ViewController> alertStandIn_;
-    std::vector<std::shared_ptr<AlertController>> presentedAlerts_;
+    Alerts presentedAlerts_;
 };
 
 }  // namespace NorvAnalytic::Testing

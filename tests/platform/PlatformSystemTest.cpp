@@ -1,0 +1,182 @@
+#include <NorvAnalytic/CurlHttpClient.h>
+#include <NorvAnalytic/Platform.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <httplib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <thread>
+#include <vector>
+
+#include "platform/HeadlessApplication.h"
+#include "support/LocalHttpServer.h"
+
+// The platform's parts that meet real system pieces: sockets and TLS, and the desktop's programs.
+namespace NorvAnalytic {
+namespace {
+
+namespace fs = std::filesystem;
+using Testing::LocalHttpServer;
+using testing::MatchesRegex;
+using namespace std::chrono_literals;
+
+// A fresh directory of this test's own under the system's temporary directory.
+fs::path makeDirectory() {
+    std::string pattern = (fs::temp_directory_path() / "norv-platform-XXXXXX").string();
+    return ::mkdtemp(pattern.data()) != nullptr ? fs::path(pattern) : fs::path();
+}
+
+// Sends one POST; the future holds what its completion got: "<status or -1> <[data] or no data>",
+// then " error: <text>" if an error came.
+std::future<std::string> post(HttpClient& client, const std::string& url, const std::string& body) {
+    auto promise = std::make_shared<std::promise<std::string>>();
+    client.send(HttpRequest{"POST", url, body}, [promise](auto data, auto response, auto error) {
+        promise->set_value(std::to_string(response ? response->statusCode : -1) +
+                           (data ? " [" + *data + "]" : " no data") +
+                           (error ? " error: " + *error : ""));
+    });
+    return promise->get_future();
+}
+
+TEST(CurlHttpClientTest, DeliversTheExactBytesAndHandsOverStatusAndBody) {
+    LocalHttpServer echo;
+    echo.setResponder([](const std::string&, const std::string& body) {
+        return LocalHttpServer::Answer{body == "fail" ? 500 : 200, body, {}};
+    });
+    CurlHttpClient client;
+    // Nothing in a form body is escaped, so every byte must arrive as it was handed over.
+    const std::string raw = std::string("a=c d\r\n{\"x\":1}&\xC3\xA9\xE2\x82\xAC\0tail", 25);
+    // An empty answer still hands over data, empty but present.
+    for (const auto& [body, outcome] : std::vector<std::pair<std::string, std::string>>{
+             {raw, "200 [" + raw + "]"}, {"fail", "500 [fail]"}, {"", "200 []"}}) {
+        EXPECT_EQ(post(client, echo.url(), body).get(), outcome);
+    }
+}
+
+TEST(CurlHttpClientTest, SendsFromManyThreadsWithoutWaitingAndADestroyedClientCancelsAll) {
+    LocalHttpServer held;
+    // Answers wait for the client's end; a send that waited for its answer would get one.
+    std::promise<void> release;
+    held.setResponder(
+        [released = release.get_future().share()](const std::string&, const std::string&) {
+            released.wait_for(5s);
+            return LocalHttpServer::Answer{};
+        });
+    std::vector<std::future<std::string>> outcomes(40);
+    {
+        CurlHttpClient client;
+        // More than the client keeps in flight, so some still wait in its own queue.
+        std::vector<std::jthread> senders;
+        for (std::size_t index = 0; index < outcomes.size(); ++index) {
+            senders.emplace_back([&, index] {
+                outcomes[index] = post(client, held.url(), "value=" + std::to_string(index));
+            });
+        }
+    }
+    release.set_value();
+    for (std::future<std::string>& outcome : outcomes) {
+        ASSERT_EQ(outcome.wait_for(0s), std::future_status::ready);
+        EXPECT_THAT(outcome.get(), MatchesRegex("-1 no data error: .+"));
+    }
+}
+
+TEST(CurlHttpClientTest, OverTlsVerifiesThePeerFollowsRedirectsAndConnectsWhereTold) {
+    // A self-signed certificate for "collector.invalid"; it is also the CA file to trust.
+    const std::string files = makeDirectory() / "collector";
+    const std::string make =
+        "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes "
+        "-subj /CN=collector.invalid -out " +
+        files + ".pem -keyout " + files;
+    ASSERT_EQ(std::system(make.c_str()), 0);
+    httplib::SSLServer server((files + ".pem").c_str(), files.c_str());
+    server.Post(".*", [](const httplib::Request& request, httplib::Response& answer) {
+        request.path == "/moved" ? answer.set_redirect("/api/v3/saveEvent", 307)
+                                 : answer.set_content("secure " + request.body, "text/plain");
+    });
+    const std::string port = std::to_string(server.bind_to_any_port("127.0.0.1"));
+    const std::jthread serving([&] { server.listen_after_bind(); });
+    CurlHttpClient client;
+    client.connectTo("collector.invalid:" + port, "127.0.0.1:" + port);
+    const std::string url = "https://collector.invalid:" + port + "/moved";
+    // The system's authorities do not know this certificate: no answer is accepted.
+    EXPECT_THAT(post(client, url, "value=1").get(),
+                MatchesRegex("-1 no data error: .*certificate.*"));
+    client.setCaInfo(files + ".pem");
+    EXPECT_EQ(post(client, url, "value=1").get(), "200 [secure value=1]");
+
+    server.stop();
+    fs::remove_all(fs::path(files).parent_path());
+}
+
+// True once this process has no child left, running or unreaped. The opener and its detached
+// reaper finish in their own time, so this waits for them up to the given limit.
+bool noChildrenWithin(std::chrono::milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    siginfo_t info{};
+    while (::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) != -1 || errno != ECHILD) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(10ms);
+    }
+    return true;
+}
+
+TEST(HeadlessApplicationTest, AsksTheDesktopAndOpensWithoutAShellLeavingNoProcessBehind) {
+    const fs::path directory = makeDirectory();
+    auto script = [&](const std::string& name, const std::string& body) {
+        std::ofstream(directory / name) << "#!/bin/sh\n" << body;
+        fs::permissions(directory / name, fs::perms::owner_all);
+        return (directory / name).string();
+    };
+    // Answers only the query it expects, and exits 0 for any, so only its empty answer says
+    // "no handler".
+    const std::string mime = script("xdg-mime",
+                                    "[ \"$#:$1:$2:$3\" = 3:query:default:x-scheme-handler/"
+                                    "lindenstoreqrwpt ] && echo a.desktop; exit 0\n");
+    // Leaves a mark only when handed exactly one argument, the URL the test expects.
+    const std::string opener =
+        script("xdg-open", "cd " + directory.string() +
+                               "\n[ \"$#:$1\" = \"1:$(cat expected)\" ] && touch opened\n");
+    const auto store = *URL::URLWithString("lindenStoreQRWPT://");
+
+    HeadlessApplication application(mime, opener);
+    const auto start = std::chrono::steady_clock::now();
+    const auto failing = script("failing", "echo a.desktop; exit 3\n");
+    const auto hanging = script("hanging", "echo a.desktop\nexec sleep 60\n");
+    EXPECT_EQ((std::vector<bool>{
+                  Platform::application()->keyWindow() == nullptr, application.canOpenURL(store),
+                  application.canOpenURL(*URL::URLWithString("itms-services://?action=x")),
+                  HeadlessApplication(failing, opener).canOpenURL(store),
+                  HeadlessApplication(directory / "none", opener).canOpenURL(store),
+                  // Past its time limit a query answers "no"; one that waited for the
+                  // hanging program instead would answer "yes" a minute later.
+                  HeadlessApplication(hanging, opener, 200ms).canOpenURL(store)}),
+              (std::vector<bool>{true, true, false, false, false, false}));
+    // A query past its time limit is killed, not waited for.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
+
+    // Through a shell this would run touch twice: in $(...) and after the ';'.
+    const std::string hostile = "https://dl.example.com/m.plist?a=$(touch$IFS" +
+                                directory.string() + "/a)&b=1;touch$IFS" + directory.string() +
+                                "/b;c='$(id)'";
+    std::ofstream(directory / "expected") << hostile;
+    ASSERT_TRUE(application.openURL(*URL::URLWithString(hostile)));
+    // The opener is this process's child until its reaper is done with it; a hanging query
+    // killed at its time limit must be gone too.
+    ASSERT_TRUE(noChildrenWithin(10s));
+    EXPECT_TRUE(fs::exists(directory / "opened"));
+    EXPECT_FALSE(fs::exists(directory / "a") || fs::exists(directory / "b"));
+    EXPECT_FALSE(HeadlessApplication(mime, directory / "none").openURL(store));
+    fs::remove_all(directory);
+}
+
+}  // namespace
+}  // namespace NorvAnalytic

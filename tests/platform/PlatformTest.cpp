@@ -1,0 +1,144 @@
+#include <NorvAnalytic/AlertController.h>
+#include <NorvAnalytic/MainQueue.h>
+#include <NorvAnalytic/URL.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "platform/LinuxDevice.h"
+#include "platform/MainQueueClock.h"
+#include "platform/ManualClock.h"
+
+namespace NorvAnalytic {
+namespace {
+
+using Lines = std::vector<std::string>;
+using namespace std::chrono_literals;
+
+TEST(MainQueueTest, TimersAndAHostExecutorRunTasksInOrder) {
+    auto clock = std::make_shared<ManualClock>();
+    auto& queue = MainQueue::main();
+    setMainQueueClock(clock);
+    Lines ran;  // touched on the queue only, and read after a sync
+    auto everySecond = queue.scheduledTimer(1s, true, [&] { ran.push_back("second"); });
+    auto once = queue.scheduledTimer(1500ms, false, [&] { ran.push_back("once"); });
+    // The last step is three seconds late: a repeating timer fires once and keeps its rhythm.
+    for (std::chrono::milliseconds step : {999ms, 1ms, 1000ms, 3000ms}) {
+        clock->advance(step);
+    }
+    queue.sync([&] { EXPECT_EQ(ran, (Lines{"second", "once", "second", "second"})); });
+    EXPECT_FALSE(once->isValid());
+    everySecond->invalidate();
+    clock->advance(5s);
+    setMainQueueClock(nullptr);
+
+    // A late firing of the invalidated timer would show up before the executor's tasks.
+    queue.setExecutor([&ran](MainQueue::Task task) {
+        ran.push_back("executor:");
+        task();
+    });
+    queue.async([&] { ran.push_back("first"); });
+    queue.async([&] { ran.push_back("second"); });
+    queue.sync([&] {
+        queue.sync([&] { ran.push_back(queue.isCurrent() ? "nested, inline" : "nested"); });
+    });
+    queue.setExecutor(nullptr);
+    queue.sync([&] {
+        char name[16] = {};
+        pthread_getname_np(pthread_self(), name, sizeof name);
+        ran.push_back(name);
+    });
+    EXPECT_EQ(ran, (Lines{"second", "once", "second", "second", "executor:", "first",
+                          "executor:", "second", "executor:", "nested, inline", "norv-main"}));
+}
+
+TEST(MainQueueTest, AnAlertTapDismissesThenRunsTheHandlerOnTheMainQueueBeforeReturning) {
+    auto alert = AlertController::alertControllerWithTitle("New Update Available!", std::nullopt,
+                                                           AlertControllerStyle::Alert);
+    Lines runs;  // written on the main queue, read after a tap returned
+    alert->addAction(AlertAction::actionWithTitle(
+        "Update", AlertActionStyle::Default, [&runs, shown = alert.get()](const AlertAction& a) {
+            runs.push_back(a.title() + (MainQueue::main().isCurrent() ? " on queue" : "") +
+                           (shown->isOnScreen() ? " on screen" : ""));
+        }));
+    alert->addAction(AlertAction::actionWithTitle("Cancel", AlertActionStyle::Cancel, nullptr));
+    for (int index : {2, 1, 0}) {  // no action at 2
+        alert->setOnScreen(true);
+        alert->tapActionAtIndex(index);
+        runs.push_back(alert->isOnScreen() ? "shown" : "dismissed");
+    }
+    EXPECT_EQ(runs, (Lines{"shown", "dismissed", "Update on queue", "dismissed"}));
+}
+
+TEST(URLTest, AcceptsWhatRfc3986AcceptsAndKeepsTheTextAsGiven) {
+    // Each row: a text, and the scheme read from it ("": refused).
+    const std::vector<std::pair<std::string, std::string>> rows = {
+        // curl would rewrite these ("itms-services:///?", dot segments, lower-case host).
+        {"itms-services://?action=download-manifest&url=https://dl.example.com/m.plist",
+         "itms-services"},
+        {"lindenStoreQRWPT://", "lindenstoreqrwpt"},
+        {"HTTPS://Example.com:8443/a/../b?x=1&y=%2F#top", "https"},
+        {"http://user:secret@[::1]:8080/path;p=1/", "http"},
+        {"custom+scheme.v2-x://host/$(a);b'c'*,=!@:", "custom+scheme.v2-x"},
+        // An embedded NUL must not cut the text short into a valid URL.
+        {std::string("https://dl.example.com/\0evil", 28), ""},
+        // What no URI holds, though curl would take it.
+        {"https://dl.example.com/`id`", ""},
+        {"https://dl.example.com/%4z", ""},
+        {"https://dl.example.com/?x=[1]", ""},
+        {"1abc://host/", ""},
+    };
+    for (const auto& [text, scheme] : rows) {
+        const auto url = URL::URLWithString(text);
+        EXPECT_EQ(url ? url->absoluteString() + " " + url->scheme() : "",
+                  scheme.empty() ? "" : text + " " + scheme);
+    }
+}
+
+TEST(LinuxDeviceTest, ReadsTheDistributionsVersionAndTheFirstBattery) {
+    const auto root =
+        std::filesystem::temp_directory_path() / ("norv-device-" + std::to_string(::getpid()));
+    std::filesystem::create_directories(root / "power/AC");
+    std::filesystem::create_directories(root / "power/BAT0");
+    std::ofstream(root / "os-release")
+        << "NAME=\"Debian GNU/Linux\"\nVERSION_ID=\"12\"\nID=debian\n";
+    std::ofstream(root / "power/AC/type") << "Mains\n";
+    std::ofstream(root / "power/BAT0/type") << "Battery\n";
+    std::ofstream(root / "power/BAT0/capacity") << "75\n";
+    LinuxDevice device((root / "os-release").string(), (root / "power").string());
+    LinuxDevice bare((root / "missing").string(), (root / "none").string());
+    utsname names{};
+    ::uname(&names);
+    // No os-release: the kernel's release stands in.
+    EXPECT_EQ(
+        device.systemVersion() + " " + device.machineIdentifier() + " " + bare.systemVersion(),
+        std::string("12 ") + names.machine + " " + names.release);
+
+    // The level is known only while monitoring is on, counted across callers; no battery, or
+    // an unreadable one: unknown.
+    std::vector<float> levels{device.batteryLevel()};
+    for (bool enabled : {true, true, false}) {
+        device.setBatteryMonitoringEnabled(enabled);
+        bare.setBatteryMonitoringEnabled(enabled);
+    }
+    levels.insert(levels.end(), {device.batteryLevel(), bare.batteryLevel()});
+    std::ofstream(root / "power/BAT0/capacity") << "not a number\n";
+    levels.push_back(device.batteryLevel());
+    std::ofstream(root / "power/BAT0/capacity") << "40\n";
+    // One more stop than starts is ignored, so the next start turns monitoring on.
+    for (bool enabled : {false, false, true}) {
+        device.setBatteryMonitoringEnabled(enabled);
+        levels.push_back(device.batteryLevel());
+    }
+    EXPECT_EQ(levels, (std::vector<float>{-1.0F, 0.75F, -1.0F, -1.0F, -1.0F, -1.0F, 0.4F}));
+    std::filesystem::remove_all(root);
+}
+
+}  // namespace
+}  // namespace NorvAnalytic
