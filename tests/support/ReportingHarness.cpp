@@ -4,6 +4,7 @@
 #include <NorvAnalytic/Keychain.h>
 #include <NorvAnalytic/MainQueue.h>
 #include <NorvAnalytic/Platform.h>
+
 #include "reporting/DeviceIdentity.h"
 
 namespace NorvAnalytic::Testing {
@@ -55,16 +56,11 @@ std::string ReportingHarness::deviceUUID() const {
 }
 
 DeviceFacts ReportingHarness::facts(bool appOpen, const Text& userId) const {
-    DeviceFacts facts{.key = std::string(kKey),
-                      .deviceUUID = deviceUUID(),
-                      .sdkVersion = "1.7.4",
-                      .deviceModel = "iPhone 7",
-                      .systemVersion = "17.1"};
+    // Only app-open events carry the battery (75%) and the store user id.
     if (appOpen) {
-        facts.batteryLevel = 0.75F;
-        facts.userId = userId;
+        return {kKey, deviceUUID(), "1.7.4", "iPhone 7", "17.1", 0.75F, userId};
     }
-    return facts;
+    return {kKey, deviceUUID(), "1.7.4", "iPhone 7", "17.1"};
 }
 
 std::size_t ReportingHarness::savedCount() const {
