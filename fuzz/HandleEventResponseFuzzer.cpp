@@ -1,15 +1,11 @@
-#include <NorvAnalytic/Bundle.h>
 #include <NorvAnalytic/Event.h>
 #include <NorvAnalytic/MainQueue.h>
 #include <NorvAnalytic/NorvAnalytics.h>
 #include <NorvAnalytic/Platform.h>
 
 #include <array>
-#include <chrono>
-#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <memory>
 #include <string>
 
 #include "support/TestApplication.h"
@@ -74,12 +70,12 @@ void handle(const std::uint8_t* situation, std::string body) {
 
 }  // namespace
 
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    Platform::setLogSink([](const std::string&) {});
+    return 0;
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static const bool quiet = [] {
-        Platform::setLogSink([](const std::string&) {});
-        return true;
-    }();
-    static_cast<void>(quiet);
     if (size < 2) {
         return 0;
     }
