@@ -110,7 +110,6 @@ TEST_P(KeychainContractTest, SavesReadsAndDeletesKeepingEveryByte) {
     EXPECT_EQ(Keychain::itemForKey("token", "api", nullptr), std::string(100000, 'x'));
 
     EXPECT_TRUE(Keychain::deleteItemForKey("token", "api", nullptr));
-    EXPECT_FALSE(Keychain::rawDataForKey("token", "api", nullptr).has_value());
     EXPECT_EQ(backend_->update(query("token"), query("token", Data{1})), errSecItemNotFound);
 }
 

@@ -11,10 +11,7 @@
 
 using namespace NorvAnalytic;
 
-int main(int argc, char** argv) {
-    if (argc != 3) {
-        return 2;
-    }
+int main(int, char** argv) {
     Platform::setKeychainBackend(
         KeychainBackend::makeFileBackend(std::string(argv[1]) + "/keychain.sqlite"));
     const int saves = std::atoi(argv[2]);

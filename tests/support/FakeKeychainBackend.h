@@ -28,48 +28,46 @@ public:
         const std::lock_guard lock(mutex_);
         ++copyMatchingCalls_;
         const auto found = items_.find({query.account, query.service});
-        if (failure_ || found == items_.end()) {
-            return failure_.value_or(errSecItemNotFound);
-        }
-        if (result != nullptr) {
+        if (!failure_ && found != items_.end() && result != nullptr) {
             *result = found->second;
         }
-        return errSecSuccess;
+        return status(found != items_.end(), errSecItemNotFound);
     }
 
-    OSStatus add(const KeychainQuery& attributes) override {
+    OSStatus add(const KeychainQuery& item) override {
         const std::lock_guard lock(mutex_);
-        if (failure_ || items_.contains({attributes.account, attributes.service})) {
-            return failure_.value_or(errSecDuplicateItem);
-        }
-        items_[{attributes.account, attributes.service}] = {
-            attributes.account, attributes.service, attributes.accessGroup, attributes.accessible,
-            attributes.valueData.value_or(Data{})};
-        return errSecSuccess;
+        const bool added =
+            !failure_ &&
+            items_
+                .try_emplace({item.account, item.service}, item.account, item.service,
+                             item.accessGroup, item.accessible, item.valueData.value_or(Data{}))
+                .second;
+        return status(added, errSecDuplicateItem);
     }
 
     OSStatus update(const KeychainQuery& query, const KeychainQuery& changes) override {
         const std::lock_guard lock(mutex_);
         const auto found = items_.find({query.account, query.service});
-        if (failure_ || found == items_.end()) {
-            return failure_.value_or(errSecItemNotFound);
+        if (!failure_ && found != items_.end()) {
+            found->second.valueData = changes.valueData.value_or(found->second.valueData);
+            found->second.accessible =
+                changes.accessible ? changes.accessible : found->second.accessible;
         }
-        found->second.valueData = changes.valueData.value_or(found->second.valueData);
-        found->second.accessible =
-            changes.accessible ? changes.accessible : found->second.accessible;
-        return errSecSuccess;
+        return status(found != items_.end(), errSecItemNotFound);
     }
 
     OSStatus remove(const KeychainQuery& query) override {
         const std::lock_guard lock(mutex_);
-        if (failure_) {
-            return *failure_;
-        }
-        return items_.erase({query.account, query.service}) > 0 ? errSecSuccess
-                                                                : errSecItemNotFound;
+        return status(!failure_ && items_.erase({query.account, query.service}) > 0,
+                      errSecItemNotFound);
     }
 
 private:
+    // A scripted failure wins over what the call itself would answer.
+    OSStatus status(bool succeeded, OSStatus otherwise) const {
+        return failure_.value_or(succeeded ? errSecSuccess : otherwise);
+    }
+
     mutable std::mutex mutex_;
     std::optional<OSStatus> failure_;
     std::size_t copyMatchingCalls_ = 0;
