@@ -46,17 +46,15 @@ TEST(NetlinkReachabilityService, InternsOneTargetPerAddressForEveryThread) {
               targetFor(*Platform::reachabilityService(), "0.0.0.0"));
 
     std::vector<ReachabilityRef> seen(4);
-    std::vector<std::thread> readers;
-    for (ReachabilityRef& target : seen) {
-        // Threads that share the service make targets and read flags with no lock of their own.
-        readers.emplace_back([&] {
-            std::uint32_t read = 0;
-            target = targetFor(service, "10.0.0.7");
-            EXPECT_TRUE(service.getFlags(target, &read));
-        });
-    }
-    for (std::thread& reader : readers) {
-        reader.join();
+    {
+        std::vector<std::jthread> readers;
+        for (ReachabilityRef& target : seen) {
+            // Threads that share the service make targets and read flags with no lock of their own.
+            readers.emplace_back([&] {
+                std::uint32_t read = 0;
+                EXPECT_TRUE(service.getFlags(target = targetFor(service, "10.0.0.7"), &read));
+            });
+        }
     }
     EXPECT_EQ(seen, std::vector<ReachabilityRef>(4, targetFor(service, "10.0.0.7")));
 }
