@@ -92,7 +92,7 @@ TEST_F(CollectorTest, StoresAndListsEveryBodyAsItArrived) {
     EXPECT_EQ(store_.events().back().receivedAt, "1970-01-01T00:00:00.005Z");
 }
 
-TEST_F(CollectorTest, SteersAppOpenAnswersOnly) {
+TEST_F(CollectorTest, SteersAndRefusesAppOpenAnswersAndHoldsItsPort) {
     ASSERT_TRUE(control({"steer", "--analytics", "off", "--force", "9.9", "--download-url", "d"}));
     EXPECT_EQ(
         payloadOf("value=1.000000&type=2").dump(),
@@ -109,13 +109,12 @@ TEST_F(CollectorTest, SteersAppOpenAnswersOnly) {
 
     EXPECT_FALSE(control({"steer", "--download-url", "d"}));
     EXPECT_EQ(client_.Post("/control/steer", "{\"analytics_enabled\":", "text/plain")->status, 400);
-}
 
-TEST_F(CollectorTest, RefusesExactlyTheNextEventsAndItsPort) {
+    // A refusal holds for exactly the next events it counts.
     ASSERT_TRUE(control({"refuse", "--status", "503", "--count", "2"}));
     EXPECT_EQ(post("type=2", 503), R"({"message":"Event refused","code":503,"payload":null})");
     EXPECT_EQ(post("type=2", 503), R"({"message":"Event refused","code":503,"payload":null})");
-    EXPECT_EQ(payloadOf("type=2").at("analytics_enabled"), true);
+    EXPECT_EQ(payloadOf("type=2").at("analytics_enabled"), false);
     ASSERT_TRUE(control({"refuse", "--body", "not json"}));
     EXPECT_EQ(post("type=1", 500), "not json");
 

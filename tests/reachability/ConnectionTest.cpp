@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <optional>
+#include <tuple>
 
 #include "support/FakeReachabilityService.h"
 
@@ -20,13 +21,8 @@ protected:
 };
 
 TEST_F(ConnectionTest, FlagsGiveTheStatus) {
-    struct Row {
-        std::optional<std::uint32_t> flags;
-        bool reachableOnWWAN;
-        ConnectionStatus status;
-        bool viaWiFi;
-    };
-    const Row rows[] = {
+    // Flags, reachable on WWAN, then the status and whether it is via Wi-Fi.
+    const std::tuple<std::optional<std::uint32_t>, bool, ConnectionStatus, bool> rows[] = {
         {0x2, true, ConnectionStatusWiFi, true},
         {0x40002, true, ConnectionStatusCellular, false},
         {0x0, true, ConnectionStatusNone, false},
@@ -38,16 +34,16 @@ TEST_F(ConnectionTest, FlagsGiveTheStatus) {
         {0x2, false, ConnectionStatusWiFi, true},
         {std::nullopt, true, ConnectionStatusNone, false},
     };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(::testing::Message() << "row " << &row - rows);
-        service_->setFlags(row.flags);
+    for (const auto& [flags, reachableOnWWAN, status, viaWiFi] : rows) {
+        SCOPED_TRACE(::testing::Message() << flags.value_or(~0U) << " " << reachableOnWWAN);
+        service_->setFlags(flags);
         const auto connection = Connection::reachabilityForInternetConnection();
         ASSERT_NE(connection, nullptr);
         EXPECT_TRUE(connection->reachableOnWWAN());
-        connection->setReachableOnWWAN(row.reachableOnWWAN);
-        EXPECT_EQ(connection->currentReachabilityStatus(), row.status);
-        EXPECT_EQ(connection->isReachable(), row.status != ConnectionStatusNone);
-        EXPECT_EQ(connection->isReachableViaWiFi(), row.viaWiFi);
+        connection->setReachableOnWWAN(reachableOnWWAN);
+        EXPECT_EQ(connection->currentReachabilityStatus(), status);
+        EXPECT_EQ(connection->isReachable(), status != ConnectionStatusNone);
+        EXPECT_EQ(connection->isReachableViaWiFi(), viaWiFi);
     }
 }
 

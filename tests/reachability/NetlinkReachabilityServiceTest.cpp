@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "reachability/NetlinkReachabilityService.h"
@@ -36,26 +37,24 @@ TEST(NetlinkReachabilityService, InternsOneTargetPerAddressForEveryThread) {
     EXPECT_NE(targetFor(service, "10.1.2.3"), targetFor(service, "0.0.0.0"));
     EXPECT_NE(targetFor(service, "::"), targetFor(service, "0.0.0.0"));
     const sockaddr local{AF_UNIX, {}};
-    EXPECT_EQ(service.createWithAddress(&local), nullptr);
-    EXPECT_EQ(service.createWithAddress(nullptr), nullptr);
     std::uint32_t flags = 0;
-    EXPECT_FALSE(service.getFlags(nullptr, &flags));
+    EXPECT_EQ(std::make_tuple(service.createWithAddress(&local), service.createWithAddress(nullptr),
+                              service.getFlags(nullptr, &flags)),
+              std::make_tuple(nullptr, nullptr, false));
     // A host asks about the all-zero IPv4 address.
     EXPECT_EQ(Connection::reachabilityForInternetConnection()->reachabilityRef(),
               targetFor(*Platform::reachabilityService(), "0.0.0.0"));
 
     std::vector<ReachabilityRef> seen(4);
-    std::vector<std::thread> readers;
-    for (ReachabilityRef& target : seen) {
-        // Threads that share the service make targets and read flags with no lock of their own.
-        readers.emplace_back([&] {
-            std::uint32_t read = 0;
-            target = targetFor(service, "10.0.0.7");
-            EXPECT_TRUE(service.getFlags(target, &read));
-        });
-    }
-    for (std::thread& reader : readers) {
-        reader.join();
+    {
+        std::vector<std::jthread> readers;
+        for (ReachabilityRef& target : seen) {
+            // Threads that share the service make targets and read flags with no lock of their own.
+            readers.emplace_back([&] {
+                std::uint32_t read = 0;
+                EXPECT_TRUE(service.getFlags(target = targetFor(service, "10.0.0.7"), &read));
+            });
+        }
     }
     EXPECT_EQ(seen, std::vector<ReachabilityRef>(4, targetFor(service, "10.0.0.7")));
 }
@@ -83,11 +82,8 @@ TEST(NetlinkReachabilityService, FlagsFollowTheRouteOutOfTheNamespace) {
 
     const std::string one = veth("veth1", 1) + "route add default via 10.1.0.2 metric 200;";
     const std::string two = one + veth("veth2", 2) + "link set veth2p down;";
-    const struct {
-        std::string setup;
-        const char* address;
-        std::uint32_t flags;
-    } rows[] = {
+    // The namespace's set-up, the address asked about, and the flags it gets.
+    const std::tuple<std::string, const char*, std::uint32_t> rows[] = {
         // Loopback does not know its carrier's state, and counts as having one.
         {"link set lo up", "127.0.0.1", R},
         // A route to the address is not a route to the internet.
@@ -111,14 +107,14 @@ TEST(NetlinkReachabilityService, FlagsFollowTheRouteOutOfTheNamespace) {
          R | kReachabilityFlagsIsWWAN},
         {one + veth("wwan0", 3), "10.1.0.9", R},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.setup + " -> " + row.address);
+    for (const auto& [setup, address, expected] : rows) {
+        SCOPED_TRACE(setup + " -> " + address);
         std::uint32_t flags = 0xFFFFFFFF;
         EXPECT_TRUE(NetworkNamespace::run([&] {
-            ASSERT_TRUE(NetworkNamespace::ip(row.setup));
-            EXPECT_TRUE(service.getFlags(targetFor(service, row.address), &flags));
+            ASSERT_TRUE(NetworkNamespace::ip(setup));
+            EXPECT_TRUE(service.getFlags(targetFor(service, address), &flags));
         }));
-        EXPECT_EQ(flags, row.flags);
+        EXPECT_EQ(flags, expected);
     }
     std::filesystem::remove_all(sysfs);
 }

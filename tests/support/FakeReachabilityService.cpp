@@ -2,34 +2,24 @@
 
 namespace NorvAnalytic::Testing {
 
-void FakeReachabilityService::setFlags(std::optional<std::uint32_t> flags) {
-    std::lock_guard lock(mutex_);
-    flags_ = flags;
-}
+void FakeReachabilityService::setFlags(std::optional<std::uint32_t> flags) { flags_ = flags; }
 
-void FakeReachabilityService::setCreateFails(bool fails) {
-    std::lock_guard lock(mutex_);
-    createFails_ = fails;
-}
+void FakeReachabilityService::setCreateFails(bool fails) { createFails_ = fails; }
 
+std::size_t FakeReachabilityService::getFlagsCalls() { return getFlagsCalls_; }
+
+// One target stands for every address: the service itself.
 ReachabilityRef FakeReachabilityService::createWithAddress(const sockaddr*) {
-    std::lock_guard lock(mutex_);
-    // One target stands for every address: the service itself.
     return createFails_ ? nullptr : this;
 }
 
-std::size_t FakeReachabilityService::getFlagsCalls() {
-    std::lock_guard lock(mutex_);
-    return getFlagsCalls_;
-}
-
 bool FakeReachabilityService::getFlags(ReachabilityRef target, std::uint32_t* flags) {
-    std::lock_guard lock(mutex_);
     ++getFlagsCalls_;
-    if (target != this || !flags_) {
+    const std::optional<std::uint32_t> answer = flags_;
+    if (target != this || !answer) {
         return false;
     }
-    *flags = *flags_;
+    *flags = *answer;
     return true;
 }
 

@@ -2,9 +2,9 @@
 
 #include <NorvAnalytic/ReachabilityService.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 #include <optional>
 
 namespace NorvAnalytic::Testing {
@@ -24,10 +24,9 @@ public:
     bool getFlags(ReachabilityRef target, std::uint32_t* flags) override;
 
 private:
-    std::mutex mutex_;
-    std::optional<std::uint32_t> flags_ = kReachabilityFlagsReachable;
-    bool createFails_ = false;
-    std::size_t getFlagsCalls_ = 0;
+    std::atomic<std::optional<std::uint32_t>> flags_{kReachabilityFlagsReachable};
+    std::atomic<bool> createFails_ = false;
+    std::atomic<std::size_t> getFlagsCalls_ = 0;
 };
 
 }  // namespace NorvAnalytic::Testing

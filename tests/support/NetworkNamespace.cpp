@@ -2,8 +2,7 @@
 
 #include <sched.h>
 
-#include <algorithm>
-#include <cstdio>
+#include <cstdlib>
 #include <thread>
 
 namespace NorvAnalytic::Testing {
@@ -11,27 +10,16 @@ namespace NorvAnalytic::Testing {
 bool NetworkNamespace::run(const std::function<void()>& task) {
     bool entered = false;
     // Unsharing moves only the calling thread, and this one ends with the task.
-    std::thread worker([&] {
-        entered = ::unshare(CLONE_NEWNET) == 0;
-        if (entered) {
-            task();
-        }
-    });
-    worker.join();
+    std::thread([&] {
+        if ((entered = ::unshare(CLONE_NEWNET) == 0)) task();
+    }).join();
     return entered;
 }
 
 bool NetworkNamespace::ip(const std::string& commands) {
     // The child starts in the calling thread's namespace; in batch mode ip reads one command a
     // line and stops with a failure at the first that fails.
-    std::string lines = commands + "\n";
-    std::replace(lines.begin(), lines.end(), ';', '\n');
-    FILE* batch = ::popen("ip -batch -", "w");
-    if (batch == nullptr) {
-        return false;
-    }
-    std::fwrite(lines.data(), 1, lines.size(), batch);
-    return ::pclose(batch) == 0;
+    return std::system(("echo '" + commands + "' | tr ';' '\\n' | ip -batch -").c_str()) == 0;
 }
 
 }  // namespace NorvAnalytic::Testing
