@@ -45,33 +45,6 @@ std::future<std::string> post(HttpClient& client, const std::string& url, const 
     return promise->get_future();
 }
 
-TEST(CurlHttpClientTest, SendsFromManyThreadsWithoutWaitingAndADestroyedClientCancelsAll) {
-    LocalHttpServer held;
-    // Answers wait for the client's end; a send that waited for its answer would get one.
-    std::promise<void> release;
-    held.setResponder(
-        [released = release.get_future().share()](const std::string&, const std::string&) {
-            released.wait_for(5s);
-            return LocalHttpServer::Answer{};
-        });
-    std::vector<std::future<std::string>> outcomes(40);
-    {
-        CurlHttpClient client;
-        // More than the client keeps in flight, so some still wait in its own queue.
-        std::vector<std::jthread> senders;
-        for (std::size_t index = 0; index < outcomes.size(); ++index) {
-            senders.emplace_back([&, index] {
-                outcomes[index] = post(client, held.url(), "value=" + std::to_string(index));
-            });
-        }
-    }
-    release.set_value();
-    for (std::future<std::string>& outcome : outcomes) {
-        ASSERT_EQ(outcome.wait_for(0s), std::future_status::ready);
-        EXPECT_THAT(outcome.get(), MatchesRegex("-1 no data error: .+"));
-    }
-}
-
 TEST(CurlHttpClientTest, OverTlsVerifiesThePeerFollowsRedirectsAndConnectsWhereTold) {
     // A self-signed certificate for "collector.invalid"; it is also the CA file to trust.
     const std::string files = makeDirectory() / "collector";
@@ -104,6 +77,33 @@ TEST(CurlHttpClientTest, OverTlsVerifiesThePeerFollowsRedirectsAndConnectsWhereT
 
     server.stop();
     fs::remove_all(fs::path(files).parent_path());
+}
+
+TEST(CurlHttpClientTest, SendsFromManyThreadsWithoutWaitingAndADestroyedClientCancelsAll) {
+    LocalHttpServer held;
+    // Answers wait for the client's end; a send that waited for its answer would get one.
+    std::promise<void> release;
+    held.setResponder(
+        [released = release.get_future().share()](const std::string&, const std::string&) {
+            released.wait_for(5s);
+            return LocalHttpServer::Answer{};
+        });
+    std::vector<std::future<std::string>> outcomes(40);
+    {
+        CurlHttpClient client;
+        // More than the client keeps in flight, so some still wait in its own queue.
+        std::vector<std::jthread> senders;
+        for (std::size_t index = 0; index < outcomes.size(); ++index) {
+            senders.emplace_back([&, index] {
+                outcomes[index] = post(client, held.url(), "value=" + std::to_string(index));
+            });
+        }
+    }
+    release.set_value();
+    for (std::future<std::string>& outcome : outcomes) {
+        ASSERT_EQ(outcome.wait_for(0s), std::future_status::ready);
+        EXPECT_THAT(outcome.get(), MatchesRegex("-1 no data error: .+"));
+    }
 }
 
 // True once this process has no child left, running or unreaped. The opener and its detached
