@@ -82,7 +82,6 @@ TEST(URLTest, AcceptsWhatRfc3986AcceptsAndKeepsTheTextAsGiven) {
         // curl would rewrite these ("itms-services:///?", dot segments, lower-case host).
         {"itms-services://?action=download-manifest&url=https://dl.example.com/m.plist",
          "itms-services"},
-        {"lindenStoreQRWPT://", "lindenstoreqrwpt"},
         {"HTTPS://Example.com:8443/a/../b?x=1&y=%2F#top", "https"},
         {"http://user:secret@[::1]:8080/path;p=1/", "http"},
         {"custom+scheme.v2-x://host/$(a);b'c'*,=!@:", "custom+scheme.v2-x"},
