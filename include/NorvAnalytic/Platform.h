@@ -13,11 +13,15 @@
 
 namespace NorvAnalytic {
 
+// How much a diagnostics line matters.
+enum class DiagnosticLevel { Debug, Info, Warning, Error };
+
 // The services the SDK runs on. Each has a Linux default; a host (or a test) may replace any
 // of them, normally before initWithKey. Every accessor is safe from any thread.
 class NORVANALYTIC_EXPORT Platform {
 public:
     using LogSink = std::function<void(const std::string& message)>;
+    using DiagnosticsSink = std::function<void(DiagnosticLevel level, const std::string& message)>;
 
     static std::shared_ptr<HttpClient> httpClient();
     static void setHttpClient(std::shared_ptr<HttpClient> client);
@@ -38,6 +42,12 @@ public:
     static void setLogSink(LogSink sink);
     // Writes one console line.
     static void log(const std::string& message);
+
+    // Receives what the console never shows: transport failures, dropped events, a store that
+    // failed, a bad URL. Off (nullptr) by default. Called on the SDK's own threads, so it must
+    // be quick and thread-safe; what it throws is swallowed. Only Debug lines carry secrets
+    // such as the app key or a request body.
+    static void setDiagnosticsSink(DiagnosticsSink sink);
 };
 
 }  // namespace NorvAnalytic

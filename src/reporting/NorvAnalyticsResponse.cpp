@@ -2,6 +2,7 @@
 #include <NorvAnalytic/NorvAnalytics.h>
 #include <NorvAnalytic/Platform.h>
 
+#include "platform/Diagnostics.h"
 #include "platform/MainQueueCheck.h"
 #include "reporting/EventCatalogue.h"
 #include "reporting/EventFields.h"
@@ -37,13 +38,19 @@ std::string eventLine(std::int64_t logLevel, const std::string& typeName,
 void NorvAnalytics::handleEventResponse(const EventResponseContext& context,
                                         std::optional<std::string> data,
                                         std::optional<HttpResponse> response,
-                                        std::optional<std::string> /*transportError*/) {
+                                        std::optional<std::string> transportError) {
     assertOnMainQueue();
+    NorvAnalytics& controller = sharedController();
     // No answer at all: the request never reached the server, and the event is dropped.
     if (!data) {
+        if (Diagnostics::isOn()) {
+            Diagnostics::report(DiagnosticLevel::Warning,
+                                controller.getTypeName(context.typeId) + " event (type " +
+                                    context.typeId.value_or("(null)") + ") was not delivered: " +
+                                    transportError.value_or("no answer"));
+        }
         return;
     }
-    NorvAnalytics& controller = sharedController();
     const std::optional<ServerAnswer::Json> document = ServerAnswer::parse(*data);
     const ServerAnswer::Json* root = document ? &*document : nullptr;
     const long statusCode = response ? response->statusCode : 0;

@@ -8,6 +8,7 @@
 
 #include "keychain/FileKeychainBackend.h"
 #include "platform/ConsoleLog.h"
+#include "platform/Diagnostics.h"
 #include "platform/HeadlessApplication.h"
 #include "platform/LinuxDevice.h"
 #include "reachability/NetlinkReachabilityService.h"
@@ -96,5 +97,7 @@ void Platform::setApplication(std::shared_ptr<Application> application) {
 void Platform::setLogSink(LogSink sink) { ConsoleLog::setSink(std::move(sink)); }
 
 void Platform::log(const std::string& message) { ConsoleLog::write(message); }
+
+void Platform::setDiagnosticsSink(DiagnosticsSink sink) { Diagnostics::setSink(std::move(sink)); }
 
 }  // namespace NorvAnalytic

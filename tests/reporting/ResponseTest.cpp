@@ -74,8 +74,16 @@ TEST_F(Response, RefusedFirstSendsAreKeptAndEveryLevelLogsItsLine) {
     NorvAnalytics::sendUserLogoutEvent();
     harness.http->answerAll(503, "");
     EXPECT_EQ(harness.savedCount(), 2U);
+    // It is dropped, and only the diagnostics sink hears of it.
+    std::vector<std::string> warnings;
+    Platform::setDiagnosticsSink([&](DiagnosticLevel level, const std::string& message) {
+        EXPECT_EQ(level, DiagnosticLevel::Warning);
+        warnings.push_back(message);
+    });
     NorvAnalytics::sendAppOpenEvent();
     harness.http->failAll();
+    Platform::setDiagnosticsSink(nullptr);
+    EXPECT_EQ(warnings, Lines{"App Open event (type 2) was not delivered: failed"});
     EXPECT_EQ(harness.savedCount(), 2U);
     EXPECT_TRUE(enabled());
 }
