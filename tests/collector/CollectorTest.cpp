@@ -76,11 +76,15 @@ TEST_F(CollectorTest, StoresAndListsEveryBodyAsItArrived) {
     EXPECT_EQ(
         std::regex_replace(table, std::regex(R"(20\d\d-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z)"),
                            "<time>"),
-        "ID    RECEIVED                 STATUS TYPE VALUE       DEVICE    DETAIL                   "
-        "         BYTES\n"
-        "1     <time> 200    5    -           0123456~  username=al                       80\n"
-        "2     <time> 503    -    -           -                                           0\n"
-        "3     <time> 200    -    12345678.0~ -         endpoint=eeeeeeeeeeeeeeeeeeeeeee~ 204831\n"
+        "ID    RECEIVED                 STATUS TYPE                  VALUE       DEVICE    DETAIL  "
+        " "
+        "                         BYTES\n"
+        "1     <time> 200    5 User Login          -           0123456~  username=al              "
+        "         80\n"
+        "2     <time> 503    -                     -           -                                  "
+        "         0\n"
+        "3     <time> 200    -                     12345678.0~ -         endpoint=eeeeeeeeeeeeeee"
+        "eeeeeeee~ 204831\n"
         "3 events\n");
     const std::string raw = cli({"list", "--db", database_, "--raw"}).second;
     EXPECT_NE(raw.find(" status 200 80 bytes\n" + login + "\n#2 "), std::string::npos)
@@ -108,7 +112,8 @@ TEST_F(CollectorTest, SteersAndRefusesAppOpenAnswersAndHoldsItsPort) {
         R"({"analytics_enabled":false,"force_version":null,"offer_version":{"download_url":"","no":"2.0"}})");
 
     EXPECT_FALSE(control({"steer", "--download-url", "d"}));
-    EXPECT_EQ(client_.Post("/control/steer", "{\"analytics_enabled\":", "text/plain")->status, 400);
+    EXPECT_EQ(client_.Post("/control/steer", "{\"analytics_enabled\":", "application/json")->status,
+              400);
 
     // A refusal holds for exactly the next events it counts.
     ASSERT_TRUE(control({"refuse", "--status", "503", "--count", "2"}));
@@ -118,8 +123,80 @@ TEST_F(CollectorTest, SteersAndRefusesAppOpenAnswersAndHoldsItsPort) {
     ASSERT_TRUE(control({"refuse", "--body", "not json"}));
     EXPECT_EQ(post("type=1", 500), "not json");
 
+    // Without options, steer shows the refusals still pending and the answer they give.
+    ASSERT_TRUE(control({"refuse", "--status", "503", "--count", "2"}));
+    const std::string state =
+        cli({"steer", "--url", "http://127.0.0.1:" + std::to_string(port_)}).second;
+    EXPECT_NE(state.find("\"remaining\": 2"), std::string::npos) << state;
+    EXPECT_NE(state.find("\"next_app_open\": {\n    \"status\": 503"), std::string::npos) << state;
+
     CollectorServer second(store_);
     EXPECT_THROW(second.start("127.0.0.1", port_), std::runtime_error);
+}
+
+TEST_F(CollectorTest, ListsWhatItsFiltersMatchAndHelpsOnStandardOutput) {
+    post("type=2&device_uuid=AAAA-1");
+    post("type=7&device_uuid=BBBB-2");
+    store_.save("type=7&device_uuid=AAAA-3",
+                std::chrono::system_clock::time_point(std::chrono::hours(24 * 365 * 30)), 200);
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{"--type", "app OPEN"}, "1 "}, {{"--type", "7"}, "2 3 "},
+        {{"--device", "AAAA"}, "1 3 "}, {{"--type", "Page Open", "--device", "AAAA-3"}, "3 "},
+        {{"--since", "2000"}, "1 2 "},  {{"--since", "1h"}, "1 2 "},
+    };
+    for (const auto& [filter, expected] : cases) {
+        std::vector<std::string> command{"list", "--db", database_};
+        command.insert(command.end(), filter.begin(), filter.end());
+        const std::string table = cli(command).second;
+        std::string ids;
+        const std::regex row(R"((^|\n)(\d+) +\d{4}-)");
+        for (auto match = std::sregex_iterator(table.begin(), table.end(), row);
+             match != std::sregex_iterator(); ++match) {
+            ids += (*match)[2].str() + " ";
+        }
+        EXPECT_EQ(ids, expected) << filter.at(1);
+    }
+    EXPECT_EQ(cli({"list", "--db", database_, "--type", "App Opened"}).first, 2);
+    EXPECT_EQ(cli({"list", "--db", database_, "--since", "yesterday"}).first, 2);
+
+    for (const std::string command : {"serve", "steer", "refuse", "list"}) {
+        std::ostringstream out;
+        std::ostringstream err;
+        EXPECT_EQ(CollectorCli::run({command, "--help"}, out, err), 0) << command;
+        EXPECT_EQ(err.str(), "") << command;
+        EXPECT_NE(out.str().find("Usage: norv-collector " + command), std::string::npos);
+    }
+    EXPECT_NE(cli({"list", "--help"}).second.find(CollectorStore::defaultPath()),
+              std::string::npos);
+}
+
+// A page the developer visits on another site must not steer the collector or read its events.
+TEST_F(CollectorTest, RefusesRequestsFromOtherOrigins) {
+    const std::string own = "127.0.0.1:" + std::to_string(port_);
+    struct Case {
+        httplib::Headers headers;
+        const char* contentType;
+        int status;
+    };
+    const Case cases[] = {
+        {{{"Origin", "http://evil.example"}}, "application/json", 403},
+        {{{"Sec-Fetch-Site", "cross-site"}}, "application/json", 403},
+        {{{"Host", "rebound.example:" + std::to_string(port_)}}, "application/json", 403},
+        {{}, "text/plain", 415},
+        {{{"Origin", "http://" + own}, {"Sec-Fetch-Site", "same-origin"}}, "application/json", 200},
+    };
+    for (const Case& refused : cases) {
+        EXPECT_EQ(payloadOf("type=2").at("analytics_enabled"), true);
+        const auto answer = client_.Post("/control/steer", refused.headers,
+                                         R"({"analytics_enabled":false})", refused.contentType);
+        EXPECT_EQ(answer->status, refused.status) << refused.contentType;
+    }
+    EXPECT_EQ(payloadOf("type=2").at("analytics_enabled"), false);
+    EXPECT_EQ(client_.Get("/api/events", {{"Sec-Fetch-Site", "cross-site"}})->status, 403);
+    // The SDK may reach the collector under any name.
+    EXPECT_EQ(
+        client_.Post("/api/v3/saveEvent", {{"Host", "collector.lan"}}, "", "text/plain")->status,
+        200);
 }
 
 }  // namespace

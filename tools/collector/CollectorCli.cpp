@@ -1,18 +1,20 @@
 #include "CollectorCli.h"
 
 #include <httplib.h>
-#include <nlohmann/json.hpp>
-
 #include <pthread.h>
 #include <signal.h>
 
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <charconv>
 #include <iomanip>
-#include <map>
+#include <nlohmann/json.hpp>
 #include <optional>
-#include <set>
 #include <stdexcept>
+#include <thread>
 
 #include "CollectorServer.h"
+#include "reporting/EventCatalogue.h"
 
 namespace NorvAnalytic::Collector {
 
@@ -22,67 +24,31 @@ using Json = nlohmann::ordered_json;
 
 constexpr const char* kDefaultUrl = "http://127.0.0.1:8787";
 
-constexpr const char* kUsage =
-    "usage:\n"
-    "  norv-collector serve [--host 127.0.0.1] [--port 8787] [--db PATH]\n"
-    "                       [--analytics on|off] [--force VERSION] [--offer VERSION]\n"
-    "                       [--download-url URL] [--null-payload]\n"
-    "                       [--refuse-status STATUS --refuse-count N]\n"
-    "  norv-collector steer [--url http://127.0.0.1:8787] [--analytics on|off]\n"
-    "                       [--force VERSION|none] [--offer VERSION|none]\n"
-    "                       [--download-url URL] [--null-payload]\n"
-    "  norv-collector refuse [--url http://127.0.0.1:8787] [--status 500] [--count 1]\n"
-    "                        [--body TEXT]\n"
-    "  norv-collector list [--db PATH] [--raw]\n"
-    "A steer without --null-payload answers app-open events with a payload again.\n";
+// The steering options "serve" starts with and "steer" changes.
+struct SteerOptions {
+    std::optional<std::string> analytics;
+    std::optional<std::string> force;
+    std::optional<std::string> offer;
+    std::optional<std::string> downloadUrl;
+    bool nullPayload = false;
 
-// "--name value" options and "--name" flags of one command.
-class Options {
-public:
-    Options(const std::vector<std::string>& arguments, const std::set<std::string>& valued,
-            const std::set<std::string>& flags) {
-        for (std::size_t index = 1; index < arguments.size(); ++index) {
-            const std::string& name = arguments[index];
-            if (flags.contains(name)) {
-                values_[name] = "";
-            } else if (valued.contains(name) && index + 1 < arguments.size()) {
-                values_[name] = arguments[++index];
-            } else {
-                throw std::invalid_argument("unexpected argument: " + name);
-            }
+    void addTo(CLI::App& command) {
+        command.add_option("--analytics", analytics, "Collection on or off")
+            ->check(CLI::IsMember({"on", "off"}));
+        command.add_option("--force", force, "Version the app must update to (none: no version)");
+        command.add_option("--offer", offer, "Version the app may update to (none: no version)");
+        command.add_option("--download-url", downloadUrl, "Download URL of --force or --offer");
+        command.add_flag("--null-payload", nullPayload,
+                         "Answer app-open events with a null payload (without it: a payload)");
+    }
+
+    std::optional<VersionOffer> version(const std::optional<std::string>& number) const {
+        if (!number || *number == "none") {
+            return std::nullopt;
         }
+        return VersionOffer{*number, downloadUrl.value_or("")};
     }
-
-    bool has(const std::string& name) const { return values_.contains(name); }
-
-    std::string get(const std::string& name, const std::string& fallback) const {
-        const auto found = values_.find(name);
-        return found == values_.end() ? fallback : found->second;
-    }
-
-    int number(const std::string& name, int fallback) const {
-        return has(name) ? std::stoi(values_.at(name)) : fallback;
-    }
-
-    bool onOff(const std::string& name) const {
-        const std::string value = values_.at(name);
-        if (value != "on" && value != "off") {
-            throw std::invalid_argument(name + " takes on or off");
-        }
-        return value == "on";
-    }
-
-private:
-    std::map<std::string, std::string> values_;
 };
-
-std::optional<VersionOffer> versionOption(const Options& options, const std::string& name) {
-    const std::string version = options.get(name, "none");
-    if (version == "none") {
-        return std::nullopt;
-    }
-    return VersionOffer{version, options.get("--download-url", "")};
-}
 
 Json versionJson(const std::optional<VersionOffer>& offer) {
     if (!offer) {
@@ -92,7 +58,8 @@ Json versionJson(const std::optional<VersionOffer>& offer) {
 }
 
 // Blocks SIGINT and SIGTERM in this thread and every thread it starts, then waits for one.
-int serve(const Options& options, std::ostream& out) {
+int serve(const std::string& host, int port, const std::string& database,
+          const SteerOptions& options, int refuseStatus, int refuseCount, std::ostream& out) {
     sigset_t stopSignals;
     sigemptyset(&stopSignals);
     sigaddset(&stopSignals, SIGINT);
@@ -100,21 +67,19 @@ int serve(const Options& options, std::ostream& out) {
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
     Steering steering;
-    if (options.has("--analytics")) {
-        steering.analyticsEnabled = options.onOff("--analytics");
-    }
-    steering.forceVersion = versionOption(options, "--force");
-    steering.offerVersion = versionOption(options, "--offer");
-    steering.nullPayload = options.has("--null-payload");
+    steering.analyticsEnabled = options.analytics.value_or("on") == "on";
+    steering.forceVersion = options.version(options.force);
+    steering.offerVersion = options.version(options.offer);
+    steering.nullPayload = options.nullPayload;
 
-    CollectorStore store(options.get("--db", CollectorStore::defaultPath()));
+    CollectorStore store(database);
     CollectorServer server(store, steering);
-    if (options.has("--refuse-count")) {
-        server.refuse(options.number("--refuse-status", 500), options.number("--refuse-count", 0));
+    if (refuseCount > 0) {
+        server.refuse(refuseStatus, refuseCount);
     }
-    const std::string host = options.get("--host", "127.0.0.1");
-    const int port = server.start(host, options.number("--port", 8787));
-    out << "norv-collector listening on http://" << host << ":" << port << std::endl;
+    const int bound = server.start(host, port);
+    out << "norv-collector listening on http://" << host << ":" << bound
+        << " (open it in a browser to watch events and steer)" << std::endl;
 
     int received = 0;
     sigwait(&stopSignals, &received);
@@ -122,11 +87,12 @@ int serve(const Options& options, std::ostream& out) {
     return 0;
 }
 
-// Posts a control request to a running collector and prints its answer.
-int control(const std::string& url, const std::string& path, const Json& request,
+// Sends a control request to a running collector (a GET without a body) and prints its answer.
+int control(const std::string& url, const std::string& path, const std::optional<Json>& request,
             std::ostream& out, std::ostream& err) {
     httplib::Client client(url);
-    const httplib::Result result = client.Post(path, request.dump(), "application/json");
+    const httplib::Result result =
+        request ? client.Post(path, request->dump(), "application/json") : client.Get(path);
     if (!result) {
         err << "norv-collector: cannot reach " << url << ": " << httplib::to_string(result.error())
             << "\n";
@@ -141,31 +107,99 @@ int control(const std::string& url, const std::string& path, const Json& request
     return 0;
 }
 
-int steer(const Options& options, std::ostream& out, std::ostream& err) {
-    Json request = Json::object();
-    if (options.has("--analytics")) {
-        request["analytics_enabled"] = options.onOff("--analytics");
+// Without options, shows the steering, the pending refusals and the next app-open answer.
+int steer(const std::string& url, const SteerOptions& options, std::ostream& out,
+          std::ostream& err) {
+    if (!options.analytics && !options.force && !options.offer && !options.downloadUrl &&
+        !options.nullPayload) {
+        return control(url, "/control/state", std::nullopt, out, err);
     }
-    if (options.has("--force")) {
-        request["force_version"] = versionJson(versionOption(options, "--force"));
-    }
-    if (options.has("--offer")) {
-        request["offer_version"] = versionJson(versionOption(options, "--offer"));
-    }
-    if (options.has("--download-url") && !options.has("--force") && !options.has("--offer")) {
+    if (options.downloadUrl && !options.force && !options.offer) {
         throw std::invalid_argument("--download-url belongs to --force or --offer");
     }
-    request["null_payload"] = options.has("--null-payload");
-    return control(options.get("--url", kDefaultUrl), "/control/steer", request, out, err);
+    Json request = Json::object();
+    if (options.analytics) {
+        request["analytics_enabled"] = *options.analytics == "on";
+    }
+    if (options.force) {
+        request["force_version"] = versionJson(options.version(options.force));
+    }
+    if (options.offer) {
+        request["offer_version"] = versionJson(options.version(options.offer));
+    }
+    request["null_payload"] = options.nullPayload;
+    return control(url, "/control/steer", request, out, err);
 }
 
-int refuse(const Options& options, std::ostream& out, std::ostream& err) {
-    Json request{{"status", options.number("--status", 500)},
-                 {"count", options.number("--count", 1)}};
-    if (options.has("--body")) {
-        request["body"] = options.get("--body", "");
+// A type id ("2") or a type name in any letter case ("app open").
+std::string typeIdOf(const std::string& nameOrId) {
+    const auto lower = [](std::string text) {
+        std::transform(text.begin(), text.end(), text.begin(),
+                       [](unsigned char c) { return c >= 'A' && c <= 'Z' ? c + 32 : c; });
+        return text;
+    };
+    for (std::int32_t index = 0; const Text id = EventCatalogue::typeId(index); ++index) {
+        if (*id == nameOrId || lower(EventCatalogue::typeName(id)) == lower(nameOrId)) {
+            return *id;
+        }
     }
-    return control(options.get("--url", kDefaultUrl), "/control/refuse", request, out, err);
+    if (nameOrId.empty() || !std::all_of(nameOrId.begin(), nameOrId.end(),
+                                         [](char c) { return c >= '0' && c <= '9'; })) {
+        throw std::invalid_argument("--type: no event type is called \"" + nameOrId + "\"");
+    }
+    return nameOrId;
+}
+
+// A receive time as stored, or its beginning ("2026-11-22T06"), or an age: "90s", "15m", "2h",
+// "1d" before now.
+std::string sinceTime(const std::string& text, std::chrono::system_clock::time_point now) {
+    long long amount = 0;
+    const char* end = text.data() + text.size();
+    const auto [unit, error] = std::from_chars(text.data(), end, amount);
+    if (error == std::errc() && unit + 1 == end) {
+        const std::string units = "smhd";
+        constexpr long long kSeconds[] = {1, 60, 3600, 86400};
+        if (const auto found = units.find(*unit); found != std::string::npos) {
+            return CollectorStore::isoTime(now - std::chrono::seconds(amount * kSeconds[found]));
+        }
+    }
+    if (text.size() >= 4 &&
+        std::all_of(text.begin(), text.begin() + 4, [](char c) { return c >= '0' && c <= '9'; })) {
+        return text;
+    }
+    throw std::invalid_argument(
+        "--since takes a time such as 2026-11-22T06:30 or an age such "
+        "as 15m");
+}
+
+int list(const CollectorStore& store, EventFilter filter, bool raw, bool follow,
+         std::ostream& out) {
+    std::vector<StoredEvent> events = store.events(filter);
+    if (raw) {
+        CollectorCli::printRaw(events, out);
+    } else {
+        CollectorCli::printHeader(out);
+        CollectorCli::printRows(events, out);
+        if (!follow) {
+            out << events.size() << (events.size() == 1 ? " event\n" : " events\n");
+        }
+    }
+    // Another process writes the file, so nothing here is told of new events: look four times
+    // a second until the command is interrupted.
+    while (follow) {
+        out.flush();
+        if (!events.empty()) {
+            filter.afterId = events.back().id;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(250));
+        events = store.events(filter);
+        if (raw) {
+            CollectorCli::printRaw(events, out);
+        } else {
+            CollectorCli::printRows(events, out);
+        }
+    }
+    return 0;
 }
 
 std::string cut(const std::string& text, std::size_t width) {
@@ -174,7 +208,7 @@ std::string cut(const std::string& text, std::size_t width) {
 
 // The first of the fields that tell events of one device apart, as "key=value".
 std::string detail(const StoredEvent& event) {
-    static const char* const kKeys[] = {"pageName", "username",         "endpoint",
+    static const char* const kKeys[] = {"pageName",  "username",         "endpoint",
                                         "player_id", "deviceCustomName", "device_name",
                                         "error",     "warehouse",        "parameters"};
     for (const char* key : kKeys) {
@@ -189,58 +223,113 @@ std::string detail(const StoredEvent& event) {
 
 int CollectorCli::run(const std::vector<std::string>& arguments, std::ostream& out,
                       std::ostream& err) {
-    const std::string command = arguments.empty() ? "" : arguments[0];
+    const std::string database = CollectorStore::defaultPath();
+    CLI::App app(
+        "norv-collector: a development collection server for NorvAnalytic. It stores "
+        "every event in an SQLite file (default " +
+            database + ") and serves a live page of them at its address.",
+        "norv-collector");
+    app.require_subcommand(1);
+
+    CLI::App& serveCommand = *app.add_subcommand("serve", "Receive events and answer them");
+    std::string host = "127.0.0.1";
+    int port = 8787;
+    std::string db = database;
+    SteerOptions serveSteering;
+    int refuseStatus = 500;
+    int refuseCount = 0;
+    serveCommand.add_option("--host", host, "Address to listen on")->capture_default_str();
+    serveCommand.add_option("--port", port, "Port to listen on, 0 for any free one")
+        ->capture_default_str()
+        ->check(CLI::Range(0, 65535));
+    serveCommand.add_option("--db", db, "SQLite file of the events")->capture_default_str();
+    serveSteering.addTo(serveCommand);
+    serveCommand.add_option("--refuse-status", refuseStatus, "Status of the refusals")
+        ->capture_default_str();
+    serveCommand.add_option("--refuse-count", refuseCount, "Refuse this many events first");
+
+    std::string url = kDefaultUrl;
+    CLI::App& steerCommand = *app.add_subcommand(
+        "steer", "Change what app-open events are answered; without options, show it");
+    steerCommand.add_option("--url", url, "The running collector")->capture_default_str();
+    SteerOptions steering;
+    steering.addTo(steerCommand);
+
+    CLI::App& refuseCommand =
+        *app.add_subcommand("refuse", "Answer the next events with an error status");
+    int status = 500;
+    int count = 1;
+    std::optional<std::string> body;
+    refuseCommand.add_option("--url", url, "The running collector")->capture_default_str();
+    refuseCommand.add_option("--status", status, "Status to answer with")->capture_default_str();
+    refuseCommand.add_option("--count", count, "How many events")->capture_default_str();
+    refuseCommand.add_option("--body", body, "Answer body (default: a JSON refusal)");
+
+    CLI::App& listCommand = *app.add_subcommand("list", "Print the stored events");
+    bool raw = false;
+    bool follow = false;
+    std::optional<std::string> type;
+    std::optional<std::string> device;
+    std::optional<std::string> since;
+    listCommand.add_option("--db", db, "SQLite file of the events")->capture_default_str();
+    listCommand.add_flag("--raw", raw, "Print each body exactly as it arrived");
+    listCommand.add_flag("--follow,-f", follow, "Keep printing events as they arrive");
+    listCommand.add_option("--type", type, "Only this type: a name (\"App Open\") or an id");
+    listCommand.add_option("--device", device, "Only this device UUID, or its beginning");
+    listCommand.add_option("--since", since, "Only from this time (2026-11-22T06:30) or age (15m)");
+
     try {
-        if (command == "serve") {
-            return serve(Options(arguments,
-                                 {"--host", "--port", "--db", "--analytics", "--force",
-                                  "--offer", "--download-url", "--refuse-status",
-                                  "--refuse-count"},
-                                 {"--null-payload"}),
-                         out);
+        if (arguments.empty()) {
+            err << app.help();
+            return 2;
         }
-        if (command == "steer") {
-            return steer(Options(arguments,
-                                 {"--url", "--analytics", "--force", "--offer", "--download-url"},
-                                 {"--null-payload"}),
-                         out, err);
+        std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());
+        app.parse(reversed);
+        if (serveCommand) {
+            return serve(host, port, db, serveSteering, refuseStatus, refuseCount, out);
         }
-        if (command == "refuse") {
-            return refuse(Options(arguments, {"--url", "--status", "--count", "--body"}, {}), out,
-                          err);
+        if (steerCommand) {
+            return steer(url, steering, out, err);
         }
-        if (command == "list") {
-            const Options options(arguments, {"--db"}, {"--raw"});
-            const CollectorStore store(options.get("--db", CollectorStore::defaultPath()));
-            if (options.has("--raw")) {
-                printRaw(store.events(), out);
-            } else {
-                printTable(store.events(), out);
+        if (refuseCommand) {
+            Json request{{"status", status}, {"count", count}};
+            if (body) {
+                request["body"] = *body;
             }
-            return 0;
+            return control(url, "/control/refuse", request, out, err);
         }
+        EventFilter filter;
+        filter.typeId = type ? std::optional(typeIdOf(*type)) : std::nullopt;
+        filter.device = device;
+        filter.since = since ? std::optional(sinceTime(*since, std::chrono::system_clock::now()))
+                             : std::nullopt;
+        return list(CollectorStore(db), filter, raw, follow, out);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error, out, err) == 0 ? 0 : 2;
     } catch (const std::exception& error) {
         err << "norv-collector: " << error.what() << "\n";
         return 2;
     }
-    err << kUsage;
-    return 2;
 }
 
-void CollectorCli::printTable(const std::vector<StoredEvent>& events, std::ostream& out) {
+void CollectorCli::printHeader(std::ostream& out) {
     out << std::left << std::setw(6) << "ID" << std::setw(25) << "RECEIVED" << std::setw(7)
-        << "STATUS" << std::setw(5) << "TYPE" << std::setw(12) << "VALUE" << std::setw(10)
+        << "STATUS" << std::setw(22) << "TYPE" << std::setw(12) << "VALUE" << std::setw(10)
         << "DEVICE" << std::setw(34) << "DETAIL"
         << "BYTES\n";
+}
+
+void CollectorCli::printRows(const std::vector<StoredEvent>& events, std::ostream& out) {
     for (const StoredEvent& event : events) {
+        const std::optional<std::string> type = event.value("type");
+        const std::string name = EventCatalogue::typeName(type);
         out << std::left << std::setw(6) << event.id << std::setw(25) << event.receivedAt
-            << std::setw(7) << event.status << std::setw(5)
-            << cut(event.value("type").value_or("-"), 4) << std::setw(12)
+            << std::setw(7) << event.status << std::setw(22)
+            << cut(type.value_or("-") + (name.empty() ? "" : " " + name), 21) << std::setw(12)
             << cut(event.value("value").value_or("-"), 11) << std::setw(10)
             << cut(event.value("device_uuid").value_or("-"), 8) << std::setw(34)
             << cut(detail(event), 33) << event.body.size() << "\n";
     }
-    out << events.size() << (events.size() == 1 ? " event\n" : " events\n");
 }
 
 void CollectorCli::printRaw(const std::vector<StoredEvent>& events, std::ostream& out) {

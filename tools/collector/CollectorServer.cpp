@@ -1,12 +1,19 @@
 #include "CollectorServer.h"
 
+#include <arpa/inet.h>
 #include <httplib.h>
-#include <nlohmann/json.hpp>
-
 #include <sys/socket.h>
 
+#include <algorithm>
+#include <charconv>
 #include <chrono>
+#include <memory>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
+#include <tuple>
+
+#include "CollectorPage.h"
+#include "reporting/EventCatalogue.h"
 
 namespace NorvAnalytic::Collector {
 
@@ -64,10 +71,95 @@ std::string refusalBody(const Refusal& refusal) {
 bool isAppOpen(const std::string& body) {
     for (const FormPair& pair : CollectorStore::parsePairs(body)) {
         if (pair.key == "type") {
-            return pair.value == "2";
+            return EventCatalogue::isAppOpen(pair.value);
         }
     }
     return false;
+}
+
+// The status and body that the next event is answered with.
+std::pair<int, std::string> answerFor(const Steering& steering, const Refusal& refusal,
+                                      bool appOpen) {
+    if (refusal.remaining > 0) {
+        return {refusal.status, refusalBody(refusal)};
+    }
+    const Json payload = appOpen ? payloadJson(steering) : nullptr;
+    return {200, Json{{"message", "Event saved"}, {"code", 200}, {"payload", payload}}.dump()};
+}
+
+// Bodies are bytes from anywhere: what is not UTF-8 is shown replaced, never refused.
+std::string dumpJson(const Json& json) {
+    return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+Json eventJson(const StoredEvent& event) {
+    Json pairs = Json::array();
+    for (const FormPair& pair : event.pairs) {
+        pairs.push_back(Json::array({pair.key, pair.value ? Json(*pair.value) : Json(nullptr)}));
+    }
+    const std::optional<std::string> type = event.value("type");
+    return Json{{"id", event.id},
+                {"received_at", event.receivedAt},
+                {"status", event.status},
+                {"type", type ? Json(*type) : Json(nullptr)},
+                {"type_name", EventCatalogue::typeName(type)},
+                {"value", event.value("value").value_or("")},
+                {"device", event.value("device_uuid").value_or("")},
+                {"bytes", event.body.size()},
+                {"pairs", std::move(pairs)}};
+}
+
+std::int64_t numberParameter(const httplib::Request& request, const char* name,
+                             std::int64_t fallback) {
+    const std::string text = request.get_param_value(name);
+    std::int64_t number = fallback;
+    std::from_chars(text.data(), text.data() + text.size(), number);
+    return number;
+}
+
+std::optional<std::string> textParameter(const httplib::Request& request, const char* name) {
+    std::string text = request.get_param_value(name);
+    return text.empty() ? std::nullopt : std::optional(std::move(text));
+}
+
+// The page's filters, as its address carries them.
+EventFilter filterFrom(const httplib::Request& request) {
+    constexpr std::int64_t kMaxPage = 1000;
+    EventFilter filter;
+    filter.typeId = textParameter(request, "type");
+    filter.device = textParameter(request, "device");
+    filter.text = textParameter(request, "q");
+    filter.afterId = numberParameter(request, "after", 0);
+    filter.beforeId = numberParameter(request, "before", 0);
+    filter.limit = static_cast<std::size_t>(
+        std::clamp<std::int64_t>(numberParameter(request, "limit", 200), 1, kMaxPage));
+    return filter;
+}
+
+// A page on any web site can make the browser send requests to a loopback address. Those
+// carry a foreign Origin or Sec-Fetch-Site; the SDK and the command line send neither.
+bool isCrossOrigin(const httplib::Request& request) {
+    const std::string site = request.get_header_value("Sec-Fetch-Site");
+    if (!site.empty() && site != "same-origin" && site != "none") {
+        return true;
+    }
+    const std::string origin = request.get_header_value("Origin");
+    return !origin.empty() && origin != "http://" + request.get_header_value("Host");
+}
+
+// A name that another site's DNS turns into our address would make its pages same-origin with
+// ours; an address literal, localhost or the name we were told to listen on cannot.
+bool isOwnHost(const std::string& hostHeader, const std::string& listenHost) {
+    std::string name = hostHeader;
+    if (name.starts_with("[")) {
+        name = name.substr(1, name.find(']') - 1);
+    } else {
+        name = name.substr(0, name.rfind(':'));
+    }
+    unsigned char address[sizeof(in6_addr)];
+    return name == "localhost" || name == listenHost ||
+           inet_pton(AF_INET, name.c_str(), address) == 1 ||
+           inet_pton(AF_INET6, name.c_str(), address) == 1;
 }
 
 void answerJson(httplib::Response& response, int status, const Json& json) {
@@ -82,8 +174,7 @@ void answerBadRequest(httplib::Response& response, const std::string& reason) {
 }  // namespace
 
 CollectorServer::CollectorServer(CollectorStore& store, Steering steering)
-    : store_(store), server_(std::make_unique<httplib::Server>()),
-      steering_(std::move(steering)) {
+    : store_(store), server_(std::make_unique<httplib::Server>()), steering_(std::move(steering)) {
     // Without it every answer waits for the client's delayed acknowledgement.
     server_->set_tcp_nodelay(true);
     // httplib's default also sets SO_REUSEPORT, which would let a second collector share the
@@ -103,6 +194,7 @@ int CollectorServer::start(const std::string& host, int port) {
     if (bound <= 0) {
         throw std::runtime_error("cannot listen on " + host + ":" + std::to_string(port));
     }
+    listenHost_ = host;
     thread_ = std::thread([this] { server_->listen_after_bind(); });
     // stop() only reaches a server that is already running.
     while (!server_->is_running()) {
@@ -113,6 +205,7 @@ int CollectorServer::start(const std::string& host, int port) {
 
 void CollectorServer::stop() {
     if (thread_.joinable()) {
+        feed_.close();
         server_->stop();
         thread_.join();
     }
@@ -124,8 +217,11 @@ Steering CollectorServer::steering() const {
 }
 
 void CollectorServer::setSteering(Steering steering) {
-    std::lock_guard lock(mutex_);
-    steering_ = std::move(steering);
+    {
+        std::lock_guard lock(mutex_);
+        steering_ = std::move(steering);
+    }
+    feed_.publish();
 }
 
 Refusal CollectorServer::refusal() const {
@@ -134,86 +230,194 @@ Refusal CollectorServer::refusal() const {
 }
 
 void CollectorServer::refuse(int status, int count, std::optional<std::string> body) {
-    std::lock_guard lock(mutex_);
-    refusal_ = Refusal{status, count, std::move(body)};
+    {
+        std::lock_guard lock(mutex_);
+        refusal_ = Refusal{status, count, std::move(body)};
+    }
+    feed_.publish();
 }
 
 void CollectorServer::route() {
     // The body is read through a content reader: when httplib parses a form body itself it
     // refuses anything over 8 KiB, and an event may be far larger.
-    server_->Post("/api/v3/saveEvent", [this](const httplib::Request&,
-                                               httplib::Response& response,
-                                               const httplib::ContentReader& reader) {
+    server_->Post("/api/v3/saveEvent", [this](const httplib::Request&, httplib::Response& response,
+                                              const httplib::ContentReader& reader) {
         std::string body;
         reader([&body](const char* data, std::size_t length) {
             body.append(data, length);
             return true;
         });
         const auto receivedAt = std::chrono::system_clock::now();
-        int status = 200;
+        int status = 0;
         std::string answer;
         {
             std::lock_guard lock(mutex_);
-            if (refusal_.remaining > 0) {
-                --refusal_.remaining;
-                status = refusal_.status;
-                answer = refusalBody(refusal_);
-            } else {
-                const Json payload = isAppOpen(body) ? payloadJson(steering_) : nullptr;
-                answer = Json{{"message", "Event saved"}, {"code", 200}, {"payload", payload}}
-                             .dump();
-            }
+            std::tie(status, answer) = answerFor(steering_, refusal_, isAppOpen(body));
+            refusal_.remaining = std::max(0, refusal_.remaining - 1);
         }
         store_.save(body, receivedAt, status);
+        feed_.publish();
         response.status = status;
         response.set_content(answer, "application/json");
     });
 
-    server_->Post("/control/steer", [this](const httplib::Request& request,
-                                            httplib::Response& response) {
-        try {
-            const Json change = Json::parse(request.body);
-            std::lock_guard lock(mutex_);
-            Steering steering = steering_;
-            if (change.contains("analytics_enabled")) {
-                steering.analyticsEnabled = change.at("analytics_enabled").get<bool>();
+    server_->Post(
+        "/control/steer", [this](const httplib::Request& request, httplib::Response& response) {
+            try {
+                const Json change = Json::parse(request.body);
+                std::lock_guard lock(mutex_);
+                Steering steering = steering_;
+                if (change.contains("analytics_enabled")) {
+                    steering.analyticsEnabled = change.at("analytics_enabled").get<bool>();
+                }
+                if (change.contains("force_version")) {
+                    steering.forceVersion = versionFromJson(change.at("force_version"));
+                }
+                if (change.contains("offer_version")) {
+                    steering.offerVersion = versionFromJson(change.at("offer_version"));
+                }
+                if (change.contains("null_payload")) {
+                    steering.nullPayload = change.at("null_payload").get<bool>();
+                }
+                steering_ = steering;
+                answerJson(response, 200, steeringJson(steering_));
+                feed_.publish();
+            } catch (const Json::exception& error) {
+                answerBadRequest(response, error.what());
             }
-            if (change.contains("force_version")) {
-                steering.forceVersion = versionFromJson(change.at("force_version"));
-            }
-            if (change.contains("offer_version")) {
-                steering.offerVersion = versionFromJson(change.at("offer_version"));
-            }
-            if (change.contains("null_payload")) {
-                steering.nullPayload = change.at("null_payload").get<bool>();
-            }
-            steering_ = steering;
-            answerJson(response, 200, steeringJson(steering_));
-        } catch (const Json::exception& error) {
-            answerBadRequest(response, error.what());
-        }
-    });
+        });
 
-    server_->Post("/control/refuse", [this](const httplib::Request& request,
-                                             httplib::Response& response) {
-        try {
-            const Json change = Json::parse(request.body);
-            std::optional<std::string> body;
-            if (change.contains("body") && !change.at("body").is_null()) {
-                body = change.at("body").get<std::string>();
+    server_->Post(
+        "/control/refuse", [this](const httplib::Request& request, httplib::Response& response) {
+            try {
+                const Json change = Json::parse(request.body);
+                std::optional<std::string> body;
+                if (change.contains("body") && !change.at("body").is_null()) {
+                    body = change.at("body").get<std::string>();
+                }
+                refuse(change.value("status", 500), change.value("count", 1), std::move(body));
+                answerJson(response, 200, refusalJson(refusal()));
+            } catch (const Json::exception& error) {
+                answerBadRequest(response, error.what());
             }
-            refuse(change.value("status", 500), change.value("count", 1), std::move(body));
-            answerJson(response, 200, refusalJson(refusal()));
-        } catch (const Json::exception& error) {
-            answerBadRequest(response, error.what());
-        }
-    });
+        });
 
     server_->Get("/control/state", [this](const httplib::Request&, httplib::Response& response) {
-        std::lock_guard lock(mutex_);
-        answerJson(response, 200,
-                   Json{{"steering", steeringJson(steering_)}, {"refusal", refusalJson(refusal_)}});
+        response.set_content(stateJson(), "application/json");
     });
+
+    server_->Get("/api/events",
+                 [this](const httplib::Request& request, httplib::Response& response) {
+                     EventFilter filter = filterFrom(request);
+                     filter.newestFirst = true;
+                     Json events = Json::array();
+                     for (const StoredEvent& event : store_.events(filter)) {
+                         events.push_back(eventJson(event));
+                     }
+                     response.set_content(dumpJson(events), "application/json");
+                 });
+
+    server_->Get("/api/counts", [this](const httplib::Request&, httplib::Response& response) {
+        const EventCounts counts = store_.counts();
+        Json types = Json::array();
+        for (const auto& [type, count] : counts.byType) {
+            types.push_back(
+                Json{{"type", type}, {"name", EventCatalogue::typeName(type)}, {"count", count}});
+        }
+        Json statuses = Json::array();
+        for (const auto& [status, count] : counts.byStatus) {
+            statuses.push_back(Json{{"status", status}, {"count", count}});
+        }
+        response.set_content(
+            dumpJson(Json{{"total", counts.total}, {"types", types}, {"statuses", statuses}}),
+            "application/json");
+    });
+
+    server_->Get("/api/stream", [this](const httplib::Request& request,
+                                       httplib::Response& response) { stream(request, response); });
+
+    for (const CollectorPage::Asset& asset : CollectorPage::assets()) {
+        server_->Get(std::string(asset.path), [&asset](const httplib::Request&,
+                                                       httplib::Response& response) {
+            // Nothing but our own files may run or load; no other site may frame the page.
+            response.set_header("Content-Security-Policy",
+                                "default-src 'self'; frame-ancestors 'none'");
+            response.set_header("Cache-Control", "no-store");
+            response.set_content(std::string(asset.content), std::string(asset.contentType));
+        });
+    }
+
+    server_->set_pre_routing_handler(
+        [this](const httplib::Request& request, httplib::Response& response) {
+            const bool fromSdk = request.path == "/api/v3/saveEvent";
+            if (isCrossOrigin(request) ||
+                (!fromSdk && !isOwnHost(request.get_header_value("Host"), listenHost_))) {
+                answerJson(response, 403, Json{{"error", "cross-origin request refused"}});
+                return httplib::Server::HandlerResponse::Handled;
+            }
+            // A form on another site can post only form or plain-text bodies without asking first.
+            if (request.path.starts_with("/control/") && request.method == "POST" &&
+                !request.get_header_value("Content-Type").starts_with("application/json")) {
+                answerJson(response, 415, Json{{"error", "control requests are JSON"}});
+                return httplib::Server::HandlerResponse::Handled;
+            }
+            return httplib::Server::HandlerResponse::Unhandled;
+        });
+}
+
+std::string CollectorServer::stateJson() const {
+    std::lock_guard lock(mutex_);
+    const auto [status, body] = answerFor(steering_, refusal_, true);
+    return dumpJson(Json{{"steering", steeringJson(steering_)},
+                         {"refusal", refusalJson(refusal_)},
+                         {"next_app_open", Json{{"status", status}, {"body", body}}}});
+}
+
+// Server-Sent Events: the state at once and on every change, and each new event that matches
+// the filters; a comment line now and then finds a page that has gone.
+void CollectorServer::stream(const httplib::Request& request, httplib::Response& response) {
+    if (!feed_.enter()) {
+        answerJson(response, 503, Json{{"error", "too many live pages"}});
+        return;
+    }
+    struct Position {
+        EventFilter filter;
+        std::uint64_t seen = 0;
+    };
+    auto position = std::make_shared<Position>(Position{filterFrom(request)});
+    const std::string lastEventId = request.get_header_value("Last-Event-ID");
+    std::from_chars(lastEventId.data(), lastEventId.data() + lastEventId.size(),
+                    position->filter.afterId);
+    response.set_header("Cache-Control", "no-store");
+    response.set_chunked_content_provider(
+        "text/event-stream",
+        [this, position](std::size_t, httplib::DataSink& sink) {
+            const std::optional<std::uint64_t> changes =
+                feed_.waitPast(position->seen, std::chrono::seconds(2));
+            if (!changes) {
+                return false;
+            }
+            if (*changes == position->seen) {
+                return sink.write(":\n\n", 3);
+            }
+            const std::vector<StoredEvent> events = store_.events(position->filter);
+            std::string message = "event: state\ndata: " + stateJson() + "\n\n";
+            if (!events.empty()) {
+                Json rows = Json::array();
+                for (const StoredEvent& event : events) {
+                    rows.push_back(eventJson(event));
+                }
+                position->filter.afterId = events.back().id;
+                message += "id: " + std::to_string(position->filter.afterId) +
+                           "\nevent: events\ndata: " + dumpJson(rows) + "\n\n";
+            }
+            // A full batch may have left events behind: look again before waiting.
+            if (events.size() < position->filter.limit) {
+                position->seen = *changes;
+            }
+            return sink.write(message.data(), message.size());
+        },
+        [this](bool) { feed_.leave(); });
 }
 
 }  // namespace NorvAnalytic::Collector

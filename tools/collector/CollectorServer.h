@@ -7,10 +7,13 @@
 #include <thread>
 
 #include "CollectorStore.h"
+#include "EventFeed.h"
 
 namespace httplib {
 class Server;
-}
+struct Request;
+struct Response;
+}  // namespace httplib
 
 namespace NorvAnalytic::Collector {
 
@@ -38,7 +41,9 @@ struct Refusal {
 
 // The development collection server: stores every event posted to "/api/v3/saveEvent" and
 // answers it, steering the SDK as configured. "/control/steer", "/control/refuse" and
-// "/control/state" change and show that configuration while it runs.
+// "/control/state" change and show that configuration while it runs; "/" is a page that shows
+// events as they arrive and steers, fed by "/api/events", "/api/counts" and "/api/stream".
+// Only the SDK's endpoint answers requests from other web origins.
 class CollectorServer {
 public:
     explicit CollectorServer(CollectorStore& store, Steering steering = {});
@@ -60,10 +65,15 @@ public:
 
 private:
     void route();
+    void stream(const httplib::Request& request, httplib::Response& response);
+    // The steering, the refusal and the answer the next app-open event gets, as JSON.
+    std::string stateJson() const;
 
     CollectorStore& store_;
     std::unique_ptr<httplib::Server> server_;
     std::thread thread_;
+    std::string listenHost_;
+    EventFeed feed_;
     mutable std::mutex mutex_;
     Steering steering_;
     Refusal refusal_;

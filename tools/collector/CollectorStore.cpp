@@ -29,23 +29,9 @@ void bindText(sqlite3_stmt* statement, int index, const std::string& text) {
 
 std::string columnText(sqlite3_stmt* statement, int column) {
     const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement, column));
-    return text ? std::string(text, static_cast<std::size_t>(sqlite3_column_bytes(statement,
-                                                                                  column)))
+    return text ? std::string(text,
+                              static_cast<std::size_t>(sqlite3_column_bytes(statement, column)))
                 : std::string();
-}
-
-// "2026-11-21T05:40:01.123Z": sorts as it reads, and says which clock it is.
-std::string isoTime(std::chrono::system_clock::time_point time) {
-    const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
-    const auto millis = std::chrono::duration_cast<std::chrono::milliseconds>(
-                            time.time_since_epoch()).count() % 1000;
-    std::tm utc{};
-    gmtime_r(&seconds, &utc);
-    char stamp[32];
-    std::strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%S", &utc);
-    char text[48];
-    std::snprintf(text, sizeof text, "%s.%03lldZ", stamp, static_cast<long long>(millis));
-    return text;
 }
 
 }  // namespace
@@ -73,12 +59,17 @@ CollectorStore::CollectorStore(const std::string& path) {
     sqlite3_busy_timeout(database_, 5000);
     execute("PRAGMA journal_mode=WAL");
     execute("PRAGMA synchronous=NORMAL");
-    execute("CREATE TABLE IF NOT EXISTS events ("
-            "id INTEGER PRIMARY KEY AUTOINCREMENT, received_at TEXT NOT NULL, "
-            "status INTEGER NOT NULL, body BLOB NOT NULL)");
-    execute("CREATE TABLE IF NOT EXISTS pairs ("
-            "event_id INTEGER NOT NULL REFERENCES events(id), position INTEGER NOT NULL, "
-            "key TEXT NOT NULL, value TEXT, PRIMARY KEY (event_id, position))");
+    execute(
+        "CREATE TABLE IF NOT EXISTS events ("
+        "id INTEGER PRIMARY KEY AUTOINCREMENT, received_at TEXT NOT NULL, "
+        "status INTEGER NOT NULL, body BLOB NOT NULL)");
+    execute(
+        "CREATE TABLE IF NOT EXISTS pairs ("
+        "event_id INTEGER NOT NULL REFERENCES events(id), position INTEGER NOT NULL, "
+        "key TEXT NOT NULL, value TEXT, PRIMARY KEY (event_id, position))");
+    // The page filters and counts by type and device, and counts by status, over many events.
+    execute("CREATE INDEX IF NOT EXISTS pairs_by_key ON pairs (key, value, event_id)");
+    execute("CREATE INDEX IF NOT EXISTS events_by_status ON events (status)");
 }
 
 CollectorStore::~CollectorStore() { sqlite3_close(database_); }
@@ -111,8 +102,8 @@ std::int64_t CollectorStore::save(const std::string& body,
     std::lock_guard lock(mutex_);
     execute("BEGIN IMMEDIATE");
     try {
-        Statement insertEvent = prepare(
-            database_, "INSERT INTO events (received_at, status, body) VALUES (?, ?, ?)");
+        Statement insertEvent =
+            prepare(database_, "INSERT INTO events (received_at, status, body) VALUES (?, ?, ?)");
         bindText(insertEvent.get(), 1, isoTime(receivedAt));
         sqlite3_bind_int(insertEvent.get(), 2, status);
         sqlite3_bind_blob(insertEvent.get(), 3, body.data(), static_cast<int>(body.size()),
@@ -145,11 +136,40 @@ std::int64_t CollectorStore::save(const std::string& body,
     }
 }
 
-std::vector<StoredEvent> CollectorStore::events() const {
+std::vector<StoredEvent> CollectorStore::events(const EventFilter& filter) const {
+    std::string sql = "SELECT id, received_at, status, body FROM events WHERE id > ?1";
+    if (filter.beforeId > 0) {
+        sql += " AND id < ?2";
+    }
+    if (filter.since) {
+        sql += " AND received_at >= ?3";
+    }
+    if (filter.typeId) {
+        sql += " AND id IN (SELECT event_id FROM pairs WHERE key = 'type' AND value = ?4)";
+    }
+    if (filter.device) {
+        sql +=
+            " AND id IN (SELECT event_id FROM pairs WHERE key = 'device_uuid'"
+            " AND value >= ?5 AND value < ?5 || char(1114111))";
+    }
+    if (filter.text) {
+        sql += " AND instr(lower(CAST(body AS TEXT)), lower(?6)) > 0";
+    }
+    sql += filter.newestFirst ? " ORDER BY id DESC" : " ORDER BY id";
+    if (filter.limit > 0) {
+        sql += " LIMIT ?7";
+    }
+
     std::lock_guard lock(mutex_);
+    Statement selectEvents = prepare(database_, sql.c_str());
+    sqlite3_bind_int64(selectEvents.get(), 1, filter.afterId);
+    sqlite3_bind_int64(selectEvents.get(), 2, filter.beforeId);
+    bindText(selectEvents.get(), 3, filter.since.value_or(""));
+    bindText(selectEvents.get(), 4, filter.typeId.value_or(""));
+    bindText(selectEvents.get(), 5, filter.device.value_or(""));
+    bindText(selectEvents.get(), 6, filter.text.value_or(""));
+    sqlite3_bind_int64(selectEvents.get(), 7, static_cast<sqlite3_int64>(filter.limit));
     std::vector<StoredEvent> events;
-    Statement selectEvents =
-        prepare(database_, "SELECT id, received_at, status, body FROM events ORDER BY id");
     while (sqlite3_step(selectEvents.get()) == SQLITE_ROW) {
         StoredEvent event;
         event.id = sqlite3_column_int64(selectEvents.get(), 0);
@@ -160,24 +180,52 @@ std::vector<StoredEvent> CollectorStore::events() const {
                           static_cast<std::size_t>(sqlite3_column_bytes(selectEvents.get(), 3)));
         events.push_back(std::move(event));
     }
-    Statement selectPairs = prepare(
-        database_, "SELECT event_id, key, value FROM pairs ORDER BY event_id, position");
-    std::size_t next = 0;
-    while (sqlite3_step(selectPairs.get()) == SQLITE_ROW) {
-        const std::int64_t eventId = sqlite3_column_int64(selectPairs.get(), 0);
-        while (next < events.size() && events[next].id < eventId) {
-            ++next;
+    Statement selectPairs =
+        prepare(database_, "SELECT key, value FROM pairs WHERE event_id = ? ORDER BY position");
+    for (StoredEvent& event : events) {
+        sqlite3_reset(selectPairs.get());
+        sqlite3_bind_int64(selectPairs.get(), 1, event.id);
+        while (sqlite3_step(selectPairs.get()) == SQLITE_ROW) {
+            FormPair pair{columnText(selectPairs.get(), 0), std::nullopt};
+            if (sqlite3_column_type(selectPairs.get(), 1) != SQLITE_NULL) {
+                pair.value = columnText(selectPairs.get(), 1);
+            }
+            event.pairs.push_back(std::move(pair));
         }
-        if (next == events.size()) {
-            break;
-        }
-        FormPair pair{columnText(selectPairs.get(), 1), std::nullopt};
-        if (sqlite3_column_type(selectPairs.get(), 2) != SQLITE_NULL) {
-            pair.value = columnText(selectPairs.get(), 2);
-        }
-        events[next].pairs.push_back(std::move(pair));
     }
     return events;
+}
+
+EventCounts CollectorStore::counts() const {
+    std::lock_guard lock(mutex_);
+    EventCounts counts;
+    Statement byType =
+        prepare(database_, "SELECT value, COUNT(*) FROM pairs WHERE key = 'type' GROUP BY value");
+    while (sqlite3_step(byType.get()) == SQLITE_ROW) {
+        counts.byType.emplace_back(columnText(byType.get(), 0),
+                                   sqlite3_column_int64(byType.get(), 1));
+    }
+    Statement byStatus = prepare(database_, "SELECT status, COUNT(*) FROM events GROUP BY status");
+    while (sqlite3_step(byStatus.get()) == SQLITE_ROW) {
+        counts.byStatus.emplace_back(sqlite3_column_int(byStatus.get(), 0),
+                                     sqlite3_column_int64(byStatus.get(), 1));
+        counts.total += counts.byStatus.back().second;
+    }
+    return counts;
+}
+
+std::string CollectorStore::isoTime(std::chrono::system_clock::time_point time) {
+    const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
+    const auto millis =
+        std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count() %
+        1000;
+    std::tm utc{};
+    gmtime_r(&seconds, &utc);
+    char stamp[32];
+    std::strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%S", &utc);
+    char text[48];
+    std::snprintf(text, sizeof text, "%s.%03lldZ", stamp, static_cast<long long>(millis));
+    return text;
 }
 
 std::string CollectorStore::defaultPath() {

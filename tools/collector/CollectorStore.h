@@ -30,6 +30,30 @@ struct StoredEvent {
     std::optional<std::string> value(const std::string& key) const;
 };
 
+// Which stored events to read; every field left empty matches every event.
+struct EventFilter {
+    std::optional<std::string> typeId;
+    // The device UUID, or its beginning.
+    std::optional<std::string> device;
+    // A receive time as stored ("2026-11-22T06:00"), or its beginning: events from then on.
+    std::optional<std::string> since;
+    // Text the body holds, ignoring ASCII case.
+    std::optional<std::string> text;
+    std::int64_t afterId = 0;
+    // 0 for no upper bound.
+    std::int64_t beforeId = 0;
+    // 0 for no limit.
+    std::size_t limit = 0;
+    bool newestFirst = false;
+};
+
+// How many events are stored, per type id and per answered status.
+struct EventCounts {
+    std::vector<std::pair<std::string, std::int64_t>> byType;
+    std::vector<std::pair<int, std::int64_t>> byStatus;
+    std::int64_t total = 0;
+};
+
 // The collector's SQLite file: every event with its raw body, its pairs, when it arrived and
 // the status it was answered with. Safe to use from several server threads.
 class CollectorStore {
@@ -46,8 +70,12 @@ public:
     // Stores one event and returns its id.
     std::int64_t save(const std::string& body, std::chrono::system_clock::time_point receivedAt,
                       int status);
-    // Every stored event, oldest first.
-    std::vector<StoredEvent> events() const;
+    // The stored events the filter matches, oldest first unless it says otherwise.
+    std::vector<StoredEvent> events(const EventFilter& filter = {}) const;
+    EventCounts counts() const;
+
+    // "2026-11-21T05:40:01.123Z": sorts as it reads, and says which clock it is.
+    static std::string isoTime(std::chrono::system_clock::time_point time);
 
     // $XDG_DATA_HOME/NorvAnalytic/collector.sqlite, or under ~/.local/share without it.
     static std::string defaultPath();
