@@ -137,12 +137,16 @@ TEST_F(CollectorTest, SteersAndRefusesAppOpenAnswersAndHoldsItsPort) {
 TEST_F(CollectorTest, ListsWhatItsFiltersMatchAndHelpsOnStandardOutput) {
     post("type=2&device_uuid=AAAA-1");
     post("type=7&device_uuid=BBBB-2");
-    store_.save("type=7&device_uuid=AAAA-3",
-                std::chrono::system_clock::time_point(std::chrono::hours(24 * 365 * 30)), 200);
+    const auto now = std::chrono::system_clock::now();
+    store_.save("type=7&device_uuid=AAAA-3", now - std::chrono::hours(48), 200);
     const std::pair<std::vector<std::string>, std::string> cases[] = {
-        {{"--type", "app OPEN"}, "1 "}, {{"--type", "7"}, "2 3 "},
-        {{"--device", "AAAA"}, "1 3 "}, {{"--type", "Page Open", "--device", "AAAA-3"}, "3 "},
-        {{"--since", "2000"}, "1 2 "},  {{"--since", "1h"}, "1 2 "},
+        {{"--type", "app OPEN"}, "1 "},
+        {{"--type", "7"}, "2 3 "},
+        {{"--device", "AAAA"}, "1 3 "},
+        {{"--type", "Page Open", "--device", "AAAA-3"}, "3 "},
+        {{"--since", CollectorStore::isoTime(now - std::chrono::hours(24)).substr(0, 13)}, "1 2 "},
+        {{"--since", "1d"}, "1 2 "},
+        {{"--since", "3d"}, "1 2 3 "},
     };
     for (const auto& [filter, expected] : cases) {
         std::vector<std::string> command{"list", "--db", database_};
