@@ -108,7 +108,7 @@ async function load() {
   source.addEventListener("state", (message) => showState(JSON.parse(message.data)));
   source.onopen = () => ($("live").textContent = "live");
   source.onerror = () => ($("live").textContent = "reconnecting");
-  countsSoon();
+  showCounts();
 }
 
 function countsSoon() {
