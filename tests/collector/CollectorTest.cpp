@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <regex>
 #include <sstream>
+#include <thread>
 
 #include "CollectorCli.h"
 #include "CollectorServer.h"
@@ -172,6 +173,25 @@ TEST_F(CollectorTest, ListsWhatItsFiltersMatchAndHelpsOnStandardOutput) {
     }
     EXPECT_NE(cli({"list", "--help"}).second.find(CollectorStore::defaultPath()),
               std::string::npos);
+}
+
+TEST_F(CollectorTest, StreamsTheNewEventsItsFiltersMatch) {
+    post("type=2&device_uuid=A");
+    std::thread sender([this] {
+        post("type=7&device_uuid=B");
+        post("type=2&device_uuid=C");
+    });
+    std::string received;
+    httplib::Client stream("127.0.0.1", port_);
+    stream.Get("/api/stream?type=2", {{"Last-Event-ID", "1"}},
+               [&received](const char* data, std::size_t length) {
+                   received.append(data, length);
+                   return received.find(R"("device":"C")") == std::string::npos;
+               });
+    sender.join();
+    EXPECT_EQ(received.find(R"("device":"A")"), std::string::npos) << received;
+    EXPECT_EQ(received.find(R"("device":"B")"), std::string::npos) << received;
+    EXPECT_NE(received.find("id: 3\nevent: events\n"), std::string::npos) << received;
 }
 
 // A page the developer visits on another site must not steer the collector or read its events.
