@@ -197,23 +197,20 @@ TEST_F(CollectorTest, StreamsTheNewEventsItsFiltersMatch) {
 // A page the developer visits on another site must not steer the collector or read its events.
 TEST_F(CollectorTest, RefusesRequestsFromOtherOrigins) {
     const std::string own = "127.0.0.1:" + std::to_string(port_);
-    struct Case {
-        httplib::Headers headers;
-        const char* contentType;
-        int status;
-    };
-    const Case cases[] = {
+    const std::tuple<httplib::Headers, const char*, int> cases[] = {
         {{{"Origin", "http://evil.example"}}, "application/json", 403},
         {{{"Sec-Fetch-Site", "cross-site"}}, "application/json", 403},
         {{{"Host", "rebound.example:" + std::to_string(port_)}}, "application/json", 403},
         {{}, "text/plain", 415},
         {{{"Origin", "http://" + own}, {"Sec-Fetch-Site", "same-origin"}}, "application/json", 200},
     };
-    for (const Case& refused : cases) {
+    for (const auto& [headers, contentType, status] : cases) {
         EXPECT_EQ(payloadOf("type=2").at("analytics_enabled"), true);
-        const auto answer = client_.Post("/control/steer", refused.headers,
-                                         R"({"analytics_enabled":false})", refused.contentType);
-        EXPECT_EQ(answer->status, refused.status) << refused.contentType;
+        EXPECT_EQ(
+            client_.Post("/control/steer", headers, R"({"analytics_enabled":false})", contentType)
+                ->status,
+            status)
+            << contentType;
     }
     EXPECT_EQ(payloadOf("type=2").at("analytics_enabled"), false);
     EXPECT_EQ(client_.Get("/api/events", {{"Sec-Fetch-Site", "cross-site"}})->status, 403);
