@@ -273,4 +273,11 @@ OSStatus SecretServiceKeychainBackend::remove(const KeychainQuery& query) {
     return errSecSuccess;
 }
 
+// A read is a D-Bus round trip of milliseconds, so the identity is re-read once a second at
+// most, and just often enough that another process's change shows up within one.
+std::optional<std::chrono::milliseconds> SecretServiceKeychainBackend::identityRefreshInterval()
+    const {
+    return std::chrono::milliseconds(900);
+}
+
 }  // namespace NorvAnalytic
