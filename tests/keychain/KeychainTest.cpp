@@ -382,6 +382,9 @@ TEST(SystemFileKeychainTest, AnotherProcesssSaveReplacesTheCachedUserIdWithinASe
     const ScratchDirectory scratch;
     scratch.keychain();
     auto& cache = KeychainItemCache::shared();
+    NorvAnalytics::saveStoreUserID(std::string("gone"));
+    NorvAnalytics::saveStoreUserID(std::nullopt);
+    EXPECT_EQ(cache.item("user_id", "NorvAnalyticDeviceUUID").value, std::nullopt);
     NorvAnalytics::saveStoreUserID(std::string("here"));
     EXPECT_EQ(cache.item("user_id", "NorvAnalyticDeviceUUID").value, "here");
     ASSERT_EQ(
