@@ -285,9 +285,13 @@ bool FileKeychainBackend::moveAside() {
     const auto end = std::to_chars(seconds.data(), seconds.data() + seconds.size(), now).ptr;
     const std::string aside = path_.string() + ".corrupt-" + std::string(seconds.data(), end);
     if (::rename(path_.c_str(), aside.c_str()) != 0) {
-        Diagnostics::report(DiagnosticLevel::Error,
-                            "The keychain file " + path_.string() +
-                                " is not a sound database and could not be moved aside.");
+        // Every later call tries again; once is enough for the host to hear of it.
+        if (!reportedStuckDamage_) {
+            reportedStuckDamage_ = true;
+            Diagnostics::report(DiagnosticLevel::Error,
+                                "The keychain file " + path_.string() +
+                                    " is not a sound database and could not be moved aside.");
+        }
         return false;
     }
     // A journal left beside the old file must not be replayed into the new one.

@@ -59,6 +59,7 @@ private:
     Statement insert_;
     Statement update_;
     Statement delete_;
+    bool reportedStuckDamage_ = false;
 };
 
 }  // namespace NorvAnalytic
