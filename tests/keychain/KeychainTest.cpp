@@ -177,6 +177,23 @@ TEST_P(KeychainContractTest, ForeignBytesReadRawButNotAsAnItem) {
     EXPECT_EQ(Keychain::itemForKey("foreign0", "api", nullptr), "fresh");
 }
 
+// A save's lookup and write are one step: a save never meets another thread's add or delete.
+TEST_P(KeychainContractTest, ThreadsSavingAndDeletingOneItemLoseNoSave) {
+    std::atomic<int> lost = 0;
+    {
+        std::vector<std::jthread> writers;
+        for (int writer = 0; writer < 4; ++writer) {
+            writers.emplace_back([&] {
+                for (int round = 0; round < 25; ++round) {
+                    lost += Keychain::saveItem("v", "token", "api", nullptr) ? 0 : 1;
+                    Keychain::deleteItemForKey("token", "api", nullptr);
+                }
+            });
+        }
+    }
+    EXPECT_EQ(lost, 0);
+}
+
 INSTANTIATE_TEST_SUITE_P(Local, KeychainContractTest, ::testing::Values("File"));
 INSTANTIATE_TEST_SUITE_P(System, KeychainContractTest, ::testing::Values("SecretService"));
 
