@@ -188,6 +188,22 @@ void BM_CurlHttpClientSend(benchmark::State& state) {
     });
 }
 
+// The app-open event, which reads the device UUID and the user id, with the keychain the SDK
+// started on (arg 0: the file one unless NORV_BENCH_KEYCHAIN says otherwise) and with the
+// Secret Service (arg 1, the daemon's in-memory collection), delivery running in both.
+void BM_sendAppOpenEventOnKeychain(benchmark::State& state) {
+    sdk();
+    const auto started = NorvAnalytic::Platform::keychainBackend();
+    if (state.range(0) == 1) {
+        NorvAnalytic::Platform::setKeychainBackend(
+            std::make_shared<NorvAnalytic::SecretServiceKeychainBackend>(
+                NorvAnalytic::SecretServiceKeychainBackend::kDefaultSchemaName, "session"));
+    }
+    NorvAnalytics::saveStoreUserID(std::string("bench-user"));
+    measureCalls(state, [] { NorvAnalytics::sendAppOpenEvent(); });
+    NorvAnalytic::Platform::setKeychainBackend(started);
+}
+
 // Iterations are fixed so that every thread count sends a bounded number of events.
 BENCHMARK(BM_sendEventWithPageName)->Iterations(20'000)->UseRealTime();
 BENCHMARK(BM_sendEventWithPageName)->Iterations(5'000)->Threads(kMaxThreads)->UseRealTime();
@@ -197,6 +213,12 @@ BENCHMARK(BM_sendUserLoginEventWithParameters)->Iterations(20'000)->UseRealTime(
 BENCHMARK(BM_sendUserLoginEventWithParameters)
     ->Iterations(5'000)
     ->Threads(kMaxThreads)
+    ->UseRealTime();
+BENCHMARK(BM_sendAppOpenEventOnKeychain)
+    ->ArgName("secret_service")
+    ->Arg(0)
+    ->Arg(1)
+    ->Iterations(20'000)
     ->UseRealTime();
 BENCHMARK(BM_sendEventWithPageNameWithoutDelivery)->Iterations(20'000)->UseRealTime();
 BENCHMARK(BM_CurlHttpClientSend)->Iterations(20'000)->UseRealTime();

@@ -3,6 +3,8 @@
 #include <NorvAnalytic/Export.h>
 #include <NorvAnalytic/Types.h>
 
+#include <chrono>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -57,6 +59,17 @@ public:
     virtual OSStatus update(const KeychainQuery& query, const KeychainQuery& changes) = 0;
     // Deletes every matching item.
     virtual OSStatus remove(const KeychainQuery& query) = 0;
+
+    // Runs body, whose calls on this store make up one save, so that no writer in another
+    // process comes between them; a status other than errSecSuccess from body undoes them.
+    // The default just runs body: Keychain's own lock already keeps this process's threads
+    // apart, so override it only when other processes share the store.
+    virtual OSStatus writeTransaction(const std::function<OSStatus()>& body);
+    // How often the SDK may re-read the device identity (UUID and user id) from this store on
+    // a thread of its own and hand it to event calls from memory in between. The default,
+    // nullopt, reads the store on every event: a host's store may be changed by the host's own
+    // code without Keychain knowing, so only the host can say how late a change may be seen.
+    virtual std::optional<std::chrono::milliseconds> identityRefreshInterval() const;
 };
 
 }  // namespace NorvAnalytic

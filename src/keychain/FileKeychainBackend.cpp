@@ -6,16 +6,27 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
+#include <charconv>
+#include <cstdio>
 #include <cstdlib>
+#include <string_view>
+#include <thread>
 #include <vector>
+
+#include "platform/Diagnostics.h"
 
 namespace NorvAnalytic {
 
 namespace {
 
-// Another process holding the write lock waits this long before a call gives up.
-constexpr int kBusyTimeoutMilliseconds = 5000;
+// Another process holding the write lock is waited for this long before a call gives up.
+constexpr std::chrono::seconds kBusyTimeout{5};
+
+// Re-reading a local file costs microseconds, so other processes' changes show up quickly.
+constexpr std::chrono::milliseconds kIdentityRefreshInterval{500};
 
 constexpr mode_t kDirectoryMode = 0700;
 constexpr mode_t kFileMode = 0600;
@@ -99,6 +110,21 @@ bool tightenPath(const std::filesystem::path& path, int flags, mode_t wanted) {
     const bool tightened = tighten(descriptor, wanted);
     ::close(descriptor);
     return tightened;
+}
+
+// Another process's writes last microseconds, so its lock is polled in short naps; SQLite's
+// own busy timeout backs off to naps of 100 ms and left saves waiting far longer than needed.
+int waitForOtherWriter(void*, int attempt) {
+    thread_local std::chrono::steady_clock::time_point waitingSince;
+    const auto now = std::chrono::steady_clock::now();
+    if (attempt == 0) {
+        waitingSince = now;
+    }
+    if (now - waitingSince > kBusyTimeout) {
+        return 0;
+    }
+    std::this_thread::sleep_for(std::chrono::microseconds(20 << std::min(attempt, 6)));
+    return 1;
 }
 
 int accessibleCode(KeychainItemAccessible accessible) {
@@ -191,24 +217,36 @@ bool FileKeychainBackend::openIfNeeded() {
     if (!prepareFile()) {
         return false;
     }
+    const int opened = open();
+    if (opened == SQLITE_NOTADB || opened == SQLITE_CORRUPT) {
+        // Another UUID is better than none on every event, and the bytes stay for a look.
+        return moveAside() && prepareFile() && open() == SQLITE_OK;
+    }
+    return opened == SQLITE_OK;
+}
+
+int FileKeychainBackend::open() {
     if (sqlite3_open_v2(path_.c_str(), &database_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX,
                         nullptr) != SQLITE_OK) {
         close();
-        return false;
+        return SQLITE_CANTOPEN;
     }
-    sqlite3_busy_timeout(database_, kBusyTimeoutMilliseconds);
+    sqlite3_busy_handler(database_, waitForOtherWriter, nullptr);
+    const auto run = [this](const char* sql) {
+        return sqlite3_exec(database_, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
+    };
     // WAL lets readers in other processes go on while one writes; a killed writer leaves an
     // uncommitted tail that the next opener discards. NORMAL sync keeps the file consistent
     // through crashes and only risks the last commits on power loss.
-    const bool configured =
-        sqlite3_exec(database_, "PRAGMA journal_mode = WAL", nullptr, nullptr, nullptr) ==
-            SQLITE_OK &&
-        sqlite3_exec(database_, "PRAGMA synchronous = NORMAL", nullptr, nullptr, nullptr) ==
-            SQLITE_OK &&
-        sqlite3_exec(database_, kSchema, nullptr, nullptr, nullptr) == SQLITE_OK;
-    if (!configured) {
+    const int checked = quickCheck();
+    if (checked != SQLITE_OK) {
         close();
-        return false;
+        return checked;
+    }
+    if (!run("PRAGMA journal_mode = WAL") || !run("PRAGMA synchronous = NORMAL") || !run(kSchema)) {
+        const int failure = sqlite3_errcode(database_);
+        close();
+        return failure;
     }
     const auto prepare = [this](const char* sql, Statement& statement) {
         sqlite3_stmt* prepared = nullptr;
@@ -220,8 +258,49 @@ bool FileKeychainBackend::openIfNeeded() {
     if (!prepare(kSelectSql, select_) || !prepare(kInsertSql, insert_) ||
         !prepare(kUpdateSql, update_) || !prepare(kDeleteSql, delete_)) {
         close();
+        return SQLITE_ERROR;
+    }
+    return SQLITE_OK;
+}
+
+// A damaged page shows here, once per opening, rather than as a failure of some later read.
+int FileKeychainBackend::quickCheck() {
+    sqlite3_stmt* prepared = nullptr;
+    if (sqlite3_prepare_v2(database_, "PRAGMA quick_check", -1, &prepared, nullptr) != SQLITE_OK) {
+        return sqlite3_errcode(database_);
+    }
+    const Statement check(prepared);
+    if (sqlite3_step(check.get()) != SQLITE_ROW) {
+        return sqlite3_errcode(database_);
+    }
+    const auto* verdict = reinterpret_cast<const char*>(sqlite3_column_text(check.get(), 0));
+    return verdict != nullptr && std::string_view(verdict) == "ok" ? SQLITE_OK : SQLITE_CORRUPT;
+}
+
+bool FileKeychainBackend::moveAside() {
+    std::array<char, 24> seconds{};
+    const auto now = std::chrono::duration_cast<std::chrono::seconds>(
+                         std::chrono::system_clock::now().time_since_epoch())
+                         .count();
+    const auto end = std::to_chars(seconds.data(), seconds.data() + seconds.size(), now).ptr;
+    const std::string aside = path_.string() + ".corrupt-" + std::string(seconds.data(), end);
+    if (::rename(path_.c_str(), aside.c_str()) != 0) {
+        // Every later call tries again; once is enough for the host to hear of it.
+        if (!reportedStuckDamage_) {
+            reportedStuckDamage_ = true;
+            Diagnostics::report(DiagnosticLevel::Error,
+                                "The keychain file " + path_.string() +
+                                    " is not a sound database and could not be moved aside.");
+        }
         return false;
     }
+    // A journal left beside the old file must not be replayed into the new one.
+    for (const char* suffix : {"-wal", "-shm"}) {
+        ::rename((path_.string() + suffix).c_str(), (aside + suffix).c_str());
+    }
+    Diagnostics::report(DiagnosticLevel::Error, "The keychain file " + path_.string() +
+                                                    " was not a sound database: moved aside to " +
+                                                    aside + " and a new one started.");
     return true;
 }
 
@@ -238,7 +317,7 @@ void FileKeychainBackend::close() {
 
 OSStatus FileKeychainBackend::copyMatching(const KeychainQuery& query,
                                            KeychainItemAttributes* result) {
-    std::lock_guard lock(mutex_);
+    const std::lock_guard lock(mutex_);
     if (!openIfNeeded()) {
         return errSecInteractionNotAllowed;
     }
@@ -274,7 +353,7 @@ OSStatus FileKeychainBackend::copyMatching(const KeychainQuery& query,
 }
 
 OSStatus FileKeychainBackend::add(const KeychainQuery& attributes) {
-    std::lock_guard lock(mutex_);
+    const std::lock_guard lock(mutex_);
     if (!openIfNeeded()) {
         return errSecInteractionNotAllowed;
     }
@@ -296,7 +375,7 @@ OSStatus FileKeychainBackend::add(const KeychainQuery& attributes) {
 }
 
 OSStatus FileKeychainBackend::update(const KeychainQuery& query, const KeychainQuery& changes) {
-    std::lock_guard lock(mutex_);
+    const std::lock_guard lock(mutex_);
     if (!openIfNeeded()) {
         return errSecInteractionNotAllowed;
     }
@@ -316,7 +395,7 @@ OSStatus FileKeychainBackend::update(const KeychainQuery& query, const KeychainQ
 }
 
 OSStatus FileKeychainBackend::remove(const KeychainQuery& query) {
-    std::lock_guard lock(mutex_);
+    const std::lock_guard lock(mutex_);
     if (!openIfNeeded()) {
         return errSecInteractionNotAllowed;
     }
@@ -327,6 +406,31 @@ OSStatus FileKeychainBackend::remove(const KeychainQuery& query) {
         return errSecInteractionNotAllowed;
     }
     return sqlite3_changes(database_) > 0 ? errSecSuccess : errSecItemNotFound;
+}
+
+OSStatus FileKeychainBackend::writeTransaction(const std::function<OSStatus()>& body) {
+    const std::lock_guard lock(mutex_);
+    if (!openIfNeeded() ||
+        sqlite3_exec(database_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK) {
+        return errSecInteractionNotAllowed;
+    }
+    OSStatus status = errSecInteractionNotAllowed;
+    try {
+        status = body();
+    } catch (...) {
+        sqlite3_exec(database_, "ROLLBACK", nullptr, nullptr, nullptr);
+        throw;
+    }
+    if (status == errSecSuccess &&
+        sqlite3_exec(database_, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK) {
+        return errSecSuccess;
+    }
+    sqlite3_exec(database_, "ROLLBACK", nullptr, nullptr, nullptr);
+    return status == errSecSuccess ? errSecInteractionNotAllowed : status;
+}
+
+std::optional<std::chrono::milliseconds> FileKeychainBackend::identityRefreshInterval() const {
+    return kIdentityRefreshInterval;
 }
 
 }  // namespace NorvAnalytic

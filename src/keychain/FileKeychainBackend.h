@@ -30,6 +30,10 @@ public:
     OSStatus add(const KeychainQuery& attributes) override;
     OSStatus update(const KeychainQuery& query, const KeychainQuery& changes) override;
     OSStatus remove(const KeychainQuery& query) override;
+    // BEGIN IMMEDIATE: the file's write lock is taken before the first read, so another
+    // process's save cannot come between body's lookup and its write.
+    OSStatus writeTransaction(const std::function<OSStatus()>& body) override;
+    std::optional<std::chrono::milliseconds> identityRefreshInterval() const override;
 
 private:
     struct StatementFinalizer {
@@ -38,16 +42,24 @@ private:
     using Statement = std::unique_ptr<sqlite3_stmt, StatementFinalizer>;
 
     bool openIfNeeded();
+    // SQLITE_OK, or the SQLite code of the failure (SQLITE_NOTADB, SQLITE_CORRUPT: damaged).
+    int open();
+    // SQLITE_OK for a sound file; SQLITE_CORRUPT when the check finds damage.
+    int quickCheck();
+    // Renames a damaged file to <name>.corrupt-<seconds since 1970>, so a new one can start.
+    bool moveAside();
     bool prepareFile() const;
     void close();
 
     std::filesystem::path path_;
-    std::mutex mutex_;
+    // Recursive, so that the calls of a write transaction's body run under the lock it holds.
+    std::recursive_mutex mutex_;
     sqlite3* database_ = nullptr;
     Statement select_;
     Statement insert_;
     Statement update_;
     Statement delete_;
+    bool reportedStuckDamage_ = false;
 };
 
 }  // namespace NorvAnalytic

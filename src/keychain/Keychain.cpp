@@ -1,10 +1,12 @@
 #include <NorvAnalytic/Keychain.h>
 #include <NorvAnalytic/Platform.h>
 
+#include <mutex>
 #include <stdexcept>
 
 #include "BuildConfig.h"
 #include "keychain/KeychainArchive.h"
+#include "keychain/KeychainItemCache.h"
 
 extern "C" {
 const char* const BrixKeychainErrorDomain = NorvAnalytic::BuildConfig::kKeychainErrorDomain;
@@ -100,31 +102,42 @@ bool Keychain::saveItem(const Text& item, const Text& key, const Text& service,
         return deleteItemForKey(key, service, error);
     }
 
-    std::optional<Error> lookupError;
-    const auto existing = _itemAttributesAndDataForKey(key, service, accessGroup, &lookupError);
-    if (!existing && (!lookupError || lookupError->code != errSecItemNotFound)) {
-        report(error, std::move(lookupError));
-        return false;
-    }
-
-    const Data archive = KeychainArchive::archivedData(*item);
+    auto& cache = KeychainItemCache::shared();
+    const std::lock_guard write(cache.writeLock());
     const auto backend = Platform::keychainBackend();
-    OSStatus status = errSecSuccess;
-    if (existing) {
-        const KeychainQuery query = _baseQueryDictionaryForKey(key, service, accessGroup);
-        KeychainQuery changes;
-        changes.valueData = archive;
-        changes.accessible = accessibleFor(accessibility);
-        status = backend->update(query, changes);
-    } else {
-        KeychainQuery attributes = _baseQueryDictionaryForKey(key, service, accessGroup);
+    const KeychainQuery query = _baseQueryDictionaryForKey(key, service, accessGroup);
+    std::optional<std::optional<Error>> lookupFailure;
+    const OSStatus status = backend->writeTransaction([&] {
+        std::optional<Error> lookupError;
+        const auto existing = _itemAttributesAndDataForKey(key, service, accessGroup, &lookupError);
+        if (!existing && (!lookupError || lookupError->code != errSecItemNotFound)) {
+            lookupFailure = std::move(lookupError);
+            return errSecInteractionNotAllowed;
+        }
+        const Data archive = KeychainArchive::archivedData(*item);
+        if (existing) {
+            KeychainQuery changes;
+            changes.valueData = archive;
+            changes.accessible = accessibleFor(accessibility);
+            return backend->update(query, changes);
+        }
+        KeychainQuery attributes = query;
         attributes.valueData = archive;
         attributes.accessible = accessibleFor(accessibility);
-        status = backend->add(attributes);
-    }
+        return backend->add(attributes);
+    });
     if (status != errSecSuccess) {
-        report(error, _errorForResultCode(status, key, service));
+        cache.forget(*backend, *key, *service);
+        // A failed lookup is handed on as it is, even when it left no error.
+        report(error, lookupFailure ? std::move(*lookupFailure)
+                                    : _errorForResultCode(status, key, service));
         return false;
+    }
+    // A group-less read may find another group's item first, so a grouped save only forgets.
+    if (query.accessGroup) {
+        cache.forget(*backend, *key, *service);
+    } else {
+        cache.wrote(*backend, *key, *service, item);
     }
     return true;
 }
@@ -136,8 +149,16 @@ bool Keychain::saveItem(const Text& item, const Text& key, const Text& service, 
 bool Keychain::deleteItemForKey(const Text& key, const Text& service, const Text& accessGroup,
                                 ErrorSlot error) {
     checkArguments(kDeleteSelector, key, service);
-    const OSStatus status =
-        Platform::keychainBackend()->remove(_baseQueryDictionaryForKey(key, service, accessGroup));
+    auto& cache = KeychainItemCache::shared();
+    const std::lock_guard write(cache.writeLock());
+    const auto backend = Platform::keychainBackend();
+    const KeychainQuery query = _baseQueryDictionaryForKey(key, service, accessGroup);
+    const OSStatus status = backend->remove(query);
+    if ((status == errSecSuccess || status == errSecItemNotFound) && !query.accessGroup) {
+        cache.wrote(*backend, *key, *service, std::nullopt);
+    } else {
+        cache.forget(*backend, *key, *service);
+    }
     if (status == errSecSuccess) {
         return true;
     }

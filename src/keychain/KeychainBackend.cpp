@@ -14,4 +14,10 @@ std::shared_ptr<KeychainBackend> KeychainBackend::makeSecretServiceBackend() {
     return std::make_shared<SecretServiceKeychainBackend>();
 }
 
+OSStatus KeychainBackend::writeTransaction(const std::function<OSStatus()>& body) { return body(); }
+
+std::optional<std::chrono::milliseconds> KeychainBackend::identityRefreshInterval() const {
+    return std::nullopt;
+}
+
 }  // namespace NorvAnalytic

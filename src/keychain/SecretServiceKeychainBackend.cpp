@@ -3,6 +3,7 @@
 #include <libsecret/secret.h>
 
 #include <mutex>
+#include <string_view>
 
 namespace NorvAnalytic {
 
@@ -81,6 +82,20 @@ bool anyLocked(GList* items) {
     return false;
 }
 
+// Two processes adding one item at one instant may both succeed; reading the same one of the
+// two everywhere keeps them from holding different device UUIDs.
+SecretItem* firstByPath(GList* items) {
+    auto* first = SECRET_ITEM(items->data);
+    for (GList* entry = items->next; entry != nullptr; entry = entry->next) {
+        auto* item = SECRET_ITEM(entry->data);
+        if (std::string_view(g_dbus_proxy_get_object_path(G_DBUS_PROXY(item))) <
+            g_dbus_proxy_get_object_path(G_DBUS_PROXY(first))) {
+            first = item;
+        }
+    }
+    return first;
+}
+
 }  // namespace
 
 struct SecretServiceKeychainBackend::Session {
@@ -153,7 +168,7 @@ OSStatus SecretServiceKeychainBackend::copyMatching(const KeychainQuery& query,
     if (status != errSecSuccess || result == nullptr) {
         return status;
     }
-    auto* item = SECRET_ITEM(items->data);
+    auto* item = firstByPath(items.get());
     const Value value(secret_item_get_secret(item));
     if (!value) {
         return errSecInteractionNotAllowed;
@@ -271,6 +286,13 @@ OSStatus SecretServiceKeychainBackend::remove(const KeychainQuery& query) {
         }
     }
     return errSecSuccess;
+}
+
+// A read is a D-Bus round trip of milliseconds, so the identity is re-read once a second at
+// most, and just often enough that another process's change shows up within one.
+std::optional<std::chrono::milliseconds> SecretServiceKeychainBackend::identityRefreshInterval()
+    const {
+    return std::chrono::milliseconds(900);
 }
 
 }  // namespace NorvAnalytic

@@ -30,6 +30,7 @@ public:
     OSStatus add(const KeychainQuery& attributes) override;
     OSStatus update(const KeychainQuery& query, const KeychainQuery& changes) override;
     OSStatus remove(const KeychainQuery& query) override;
+    std::optional<std::chrono::milliseconds> identityRefreshInterval() const override;
 
 private:
     // The libsecret objects, kept out of this header so a host never sees glib types.

@@ -5,6 +5,7 @@
 #include <NorvAnalytic/Platform.h>
 
 #include "BuildConfig.h"
+#include "keychain/KeychainItemCache.h"
 #include "reporting/ControllerState.h"
 #include "reporting/DeviceIdentity.h"
 #include "reporting/EventCatalogue.h"
@@ -42,8 +43,9 @@ DeviceFacts gatherFacts(const Text& key, const Text& typeId) {
         device->setBatteryMonitoringEnabled(true);
         facts.batteryLevel = device->batteryLevel();
         device->setBatteryMonitoringEnabled(false);
-        facts.userId =
-            Keychain::itemForKey(DeviceIdentity::userIdKey(), DeviceIdentity::service(), nullptr);
+        facts.userId = KeychainItemCache::shared()
+                           .item(*DeviceIdentity::userIdKey(), *DeviceIdentity::service())
+                           .value;
     }
     return facts;
 }

@@ -1,4 +1,5 @@
 #include <NorvAnalytic/Keychain.h>
+#include <NorvAnalytic/NorvAnalytics.h>
 #include <NorvAnalytic/Platform.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -14,6 +15,7 @@
 
 #include "BuildConfig.h"
 #include "keychain/FileKeychainBackend.h"
+#include "keychain/KeychainItemCache.h"
 #include "keychain/SecretServiceKeychainBackend.h"
 #include "support/ChildProcess.h"
 #include "support/FakeKeychainBackend.h"
@@ -175,6 +177,23 @@ TEST_P(KeychainContractTest, ForeignBytesReadRawButNotAsAnItem) {
     EXPECT_EQ(Keychain::itemForKey("foreign0", "api", nullptr), "fresh");
 }
 
+// A save's lookup and write are one step: a save never meets another thread's add or delete.
+TEST_P(KeychainContractTest, ThreadsSavingAndDeletingOneItemLoseNoSave) {
+    std::atomic<int> lost = 0;
+    {
+        std::vector<std::jthread> writers;
+        for (int writer = 0; writer < 4; ++writer) {
+            writers.emplace_back([&] {
+                for (int round = 0; round < 25; ++round) {
+                    lost += Keychain::saveItem("v", "token", "api", nullptr) ? 0 : 1;
+                    Keychain::deleteItemForKey("token", "api", nullptr);
+                }
+            });
+        }
+    }
+    EXPECT_EQ(lost, 0);
+}
+
 INSTANTIATE_TEST_SUITE_P(Local, KeychainContractTest, ::testing::Values("File"));
 INSTANTIATE_TEST_SUITE_P(System, KeychainContractTest, ::testing::Values("SecretService"));
 
@@ -214,10 +233,9 @@ TEST(KeychainTest, EmptyKeyOrServiceRaisesWithTheCheckingOperationsName) {
     EXPECT_EQ(fake->copyMatchingCalls(), 0U);
 }
 
-TEST(KeychainTest, AStoreThatCannotBeOpenedFailsEveryCallAsLocked) {
+TEST(KeychainTest, AStoreThatCannotBeOpenedFailsEveryCallAsLockedAndADamagedOneStartsAnew) {
     const ScratchDirectory scratch;
     std::ofstream(scratch.path + "/plain-file") << "in the way";
-    std::ofstream(scratch.path + "/foreign.sqlite") << std::string(8192, 'z');
     using Call = bool (*)(std::optional<Error>*);
     const Call calls[] = {
         [](auto error) { return Keychain::itemForKey("token", "api", error).has_value(); },
@@ -225,17 +243,29 @@ TEST(KeychainTest, AStoreThatCannotBeOpenedFailsEveryCallAsLocked) {
         [](auto error) { return Keychain::saveItem("value", "token", "api", error); },
         // Only a missing item's delete is wrapped.
         [](auto error) { return Keychain::deleteItemForKey("token", "api", error); }};
-    for (const auto& file : {"plain-file/keychain.sqlite", "foreign.sqlite"}) {
-        const auto backend = scratch.keychain(file);
-        for (const auto& call : calls) {
-            std::optional<Error> error;
-            EXPECT_FALSE(call(&error));
-            expectError(error, errSecInteractionNotAllowed, kNotAllowed);
-            EXPECT_FALSE(call(nullptr));
-        }
-        EXPECT_EQ(backend->add(query("token")), errSecInteractionNotAllowed);
+    const auto backend = scratch.keychain("plain-file/keychain.sqlite");
+    for (const auto& call : calls) {
+        std::optional<Error> error;
+        EXPECT_FALSE(call(&error));
+        expectError(error, errSecInteractionNotAllowed, kNotAllowed);
+        EXPECT_FALSE(call(nullptr));
     }
-    EXPECT_EQ(std::filesystem::file_size(scratch.path + "/foreign.sqlite"), 8192U);
+    EXPECT_EQ(backend->add(query("token")), errSecInteractionNotAllowed);
+
+    std::vector<DiagnosticLevel> reports;
+    Platform::setDiagnosticsSink([&](DiagnosticLevel level, auto&) { reports.push_back(level); });
+    std::ofstream(scratch.path + "/keychain.sqlite") << std::string(8192, 'z');
+    scratch.keychain();
+    EXPECT_TRUE(Keychain::saveItem("value", "token", "api", nullptr));
+    Platform::setDiagnosticsSink(nullptr);
+    EXPECT_EQ(reports, std::vector<DiagnosticLevel>{DiagnosticLevel::Error});
+    std::vector<std::uintmax_t> asideSizes;
+    for (const auto& entry : std::filesystem::directory_iterator(scratch.path)) {
+        if (entry.path().filename().string().starts_with("keychain.sqlite.corrupt-")) {
+            asideSizes.push_back(entry.file_size());
+        }
+    }
+    EXPECT_EQ(asideSizes, std::vector<std::uintmax_t>{8192});
 }
 
 TEST(SystemKeychainTest, AFailedAddFailsTheSave) {
@@ -293,13 +323,11 @@ bool isWhole(const Text& value, std::size_t size) {
     return value && value->size() == size && *value == std::string(size, value->front());
 }
 
-// A second process saves a large item over and over and is killed in the middle of a save,
-// again and again, while two threads here save items of their own and one they share.
+// A second process saves a large item, and saves and deletes a shared one, over and over, and
+// is killed in the middle of a save, again and again, while two threads here do the same.
 TEST(SystemFileKeychainTest, WritersInTwoProcessesLoseNoWriteAndAKilledOneTearsNoItem) {
     const ScratchDirectory scratch;
     scratch.keychain();
-    // Two first saves of one key may both take the add path; the writers only ever update it.
-    ASSERT_TRUE(Keychain::saveItem(std::string(4096, 's'), "shared", "exchange", nullptr));
     for (int saves = 1; saves <= 16; saves += 3) {
         std::atomic<bool> childRunning = true;
         std::vector<std::jthread> writers;
@@ -308,24 +336,85 @@ TEST(SystemFileKeychainTest, WritersInTwoProcessesLoseNoWriteAndAKilledOneTearsN
                 bool kept = true;
                 for (int iteration = 0; kept && (childRunning || iteration < 20); ++iteration) {
                     const std::string value(4096, static_cast<char>('a' + iteration % 26));
-                    kept =
-                        Keychain::saveItem(value, own, "exchange", nullptr) &&
-                        Keychain::saveItem(value, "shared", "exchange", nullptr) &&
-                        Keychain::itemForKey(own, "exchange", nullptr) == value &&
-                        isWhole(Keychain::itemForKey("shared", "exchange", nullptr), value.size());
+                    kept = Keychain::saveItem(value, own, "exchange", nullptr) &&
+                           Keychain::saveItem(value, "shared", "exchange", nullptr) &&
+                           Keychain::itemForKey(own, "exchange", nullptr) == value;
+                    Keychain::deleteItemForKey("shared", "exchange", nullptr);
                 }
                 EXPECT_TRUE(kept) << "writer " << own << " lost a save beside " << saves;
             });
         }
-        const int status = Testing::runChildProcess(
-            {Testing::siblingExecutable("keychain_writer"), scratch.path, std::to_string(saves)},
-            {});
+        const int status = Testing::runChildProcess({Testing::siblingExecutable("keychain_writer"),
+                                                     scratch.path, "churn", std::to_string(saves)},
+                                                    {});
         childRunning = false;
         writers.clear();
         ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
         EXPECT_TRUE(isWhole(Keychain::itemForKey("victim", "churn", nullptr), 256 * 1024))
             << "torn after " << saves << " saves";
     }
+}
+
+// Two processes of four threads and four threads here ask for the device UUID of a fresh
+// store at one instant; each caller gets the one stored.
+TEST(SystemFileKeychainTest, ConcurrentFirstStartsInThreadsAndProcessesShareOneUUID) {
+    for (int trial = 0; trial < 3; ++trial) {
+        const ScratchDirectory scratch;
+        scratch.keychain();
+        const auto start = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
+        const std::string startText =
+            std::to_string(std::chrono::nanoseconds(start.time_since_epoch()).count());
+        std::vector<std::string> uuids(4);
+        {
+            std::vector<std::jthread> callers;
+            for (std::string& uuid : uuids) {
+                callers.emplace_back([&] {
+                    std::this_thread::sleep_until(start);
+                    uuid = NorvAnalytics::getNorvAnalyticUUID();
+                });
+            }
+            for (int child = 0; child < 2; ++child) {
+                callers.emplace_back([&] {
+                    EXPECT_EQ(
+                        Testing::runChildProcess({Testing::siblingExecutable("keychain_writer"),
+                                                  scratch.path, "uuid", startText},
+                                                 {}),
+                        0);
+                });
+            }
+        }
+        for (const auto& entry : std::filesystem::directory_iterator(scratch.path)) {
+            if (entry.path().filename().string().starts_with("uuid-")) {
+                std::ifstream(entry.path()) >> uuids.emplace_back();
+            }
+        }
+        ASSERT_EQ(uuids.size(), 12U);
+        EXPECT_THAT(uuids, ::testing::Each(*Keychain::itemForKey(
+                               "device_uuid", "NorvAnalyticDeviceUUID", nullptr)));
+    }
+}
+
+// What another process saves reaches this one's cached identity without a word to it.
+TEST(SystemFileKeychainTest, AnotherProcesssSaveReplacesTheCachedUserIdWithinASecond) {
+    const ScratchDirectory scratch;
+    scratch.keychain();
+    auto& cache = KeychainItemCache::shared();
+    NorvAnalytics::saveStoreUserID(std::string("gone"));
+    NorvAnalytics::saveStoreUserID(std::nullopt);
+    EXPECT_EQ(cache.item("user_id", "NorvAnalyticDeviceUUID").value, std::nullopt);
+    NorvAnalytics::saveStoreUserID(std::string("here"));
+    EXPECT_EQ(cache.item("user_id", "NorvAnalyticDeviceUUID").value, "here");
+    ASSERT_EQ(
+        Testing::runChildProcess(
+            {Testing::siblingExecutable("keychain_writer"), scratch.path, "save", "there"}, {}),
+        0);
+    const auto saved = std::chrono::steady_clock::now();
+    while (cache.item("user_id", "NorvAnalyticDeviceUUID").value == "here" &&
+           std::chrono::steady_clock::now() - saved < std::chrono::seconds(5)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - saved, std::chrono::seconds(1));
+    EXPECT_EQ(cache.item("user_id", "NorvAnalyticDeviceUUID").value, "there");
 }
 
 }  // namespace

@@ -1,20 +1,47 @@
-// A second process on the keychain file in <directory>, for the file keychain's system test:
-// saves a large item over and over and is killed in the middle of its save number <saves>.
-//   keychain_writer <directory> <saves>
+// A second process on the keychain file in <directory>, for the file keychain's system tests:
+//   keychain_writer <directory> churn <saves>: saves a large item and saves and deletes a
+//     shared one over and over; killed in the middle of its save number <saves>.
+//   keychain_writer <directory> save <value>: saves <value> as the store user id.
+//   keychain_writer <directory> uuid <start>: at steady-clock nanoseconds <start>, four threads
+//     ask for the device UUID at once; each writes its answer to <directory>/uuid-<pid>-<n>.
 #include <NorvAnalytic/Keychain.h>
+#include <NorvAnalytic/NorvAnalytics.h>
 #include <NorvAnalytic/Platform.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
+#include <fstream>
+#include <string>
 #include <thread>
+#include <vector>
 
 using namespace NorvAnalytic;
 
 int main(int, char** argv) {
-    Platform::setKeychainBackend(
-        KeychainBackend::makeFileBackend(std::string(argv[1]) + "/keychain.sqlite"));
-    const int saves = std::atoi(argv[2]);
+    const std::string directory = argv[1];
+    const std::string mode = argv[2];
+    Platform::setKeychainBackend(KeychainBackend::makeFileBackend(directory + "/keychain.sqlite"));
+    if (mode == "save") {
+        NorvAnalytics::saveStoreUserID(std::string(argv[3]));
+        return 0;
+    }
+    if (mode == "uuid") {
+        const std::chrono::steady_clock::time_point start{
+            std::chrono::nanoseconds(std::atoll(argv[3]))};
+        std::vector<std::jthread> callers;
+        for (int caller = 0; caller < 4; ++caller) {
+            callers.emplace_back([&, caller] {
+                std::this_thread::sleep_until(start);
+                std::ofstream(directory + "/uuid-" + std::to_string(::getpid()) + "-" +
+                              std::to_string(caller))
+                    << NorvAnalytics::getNorvAnalyticUUID();
+            });
+        }
+        return 0;
+    }
+    const int saves = std::atoi(argv[3]);
     for (int iteration = 0;; ++iteration) {
         if (iteration == saves) {
             // From another thread, so that the kill lands while this one is in the save below.
@@ -22,6 +49,12 @@ int main(int, char** argv) {
         }
         // One letter, chosen by the iteration, repeated: a value torn between two saves shows.
         const std::string value(256 * 1024, static_cast<char>('a' + iteration % 26));
+        for (int shared = 0; shared < 20; ++shared) {
+            if (!Keychain::saveItem(value.substr(0, 4096), "shared", "exchange", nullptr)) {
+                return 1;
+            }
+            Keychain::deleteItemForKey("shared", "exchange", nullptr);
+        }
         if (!Keychain::saveItem(value, "victim", "churn", nullptr)) {
             return 1;
         }
