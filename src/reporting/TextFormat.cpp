@@ -1,8 +1,6 @@
 #include "reporting/TextFormat.h"
 
-#include <cctype>
 #include <charconv>
-#include <cstdio>
 
 namespace NorvAnalytic {
 
@@ -58,9 +56,11 @@ std::string TextFormat::version(const std::shared_ptr<const Bundle>& bundle) {
 }
 
 std::string TextFormat::decimal(double value) {
+    // A decimal point whatever locale the host has set: the server parses these numbers.
     char buffer[512];
-    const int written = std::snprintf(buffer, sizeof buffer, "%f", value);
-    return std::string(buffer, static_cast<std::size_t>(written > 0 ? written : 0));
+    const auto result = std::to_chars(buffer, buffer + sizeof buffer, value,
+                                      std::chars_format::fixed, 6);
+    return std::string(buffer, result.ptr);
 }
 
 std::string TextFormat::validUtf8(std::string_view text) {
@@ -114,7 +114,9 @@ float TextFormat::leadingFloat(const Text& text) {
     }
     const char* begin = text->data();
     const char* end = begin + text->size();
-    while (begin != end && std::isspace(static_cast<unsigned char>(*begin))) {
+    // The blanks of the "C" locale only: the host's locale may count other bytes as blanks.
+    constexpr std::string_view blanks = " \t\n\v\f\r";
+    while (begin != end && blanks.find(*begin) != std::string_view::npos) {
         ++begin;
     }
     if (begin != end && *begin == '+') {
