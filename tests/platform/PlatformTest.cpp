@@ -6,9 +6,16 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <deque>
 #include <filesystem>
 #include <fstream>
+#include <future>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/LinuxDevice.h"
@@ -74,6 +81,68 @@ TEST(MainQueueTest, AnAlertTapDismissesThenRunsTheHandlerOnTheMainQueueBeforeRet
         runs.push_back(alert->isOnScreen() ? "shown" : "dismissed");
     }
     EXPECT_EQ(runs, (Lines{"shown", "dismissed", "Update on queue", "dismissed"}));
+}
+
+// A host's UI loop on a thread of its own, as Qt's would drive the main queue.
+class HostLoop {
+public:
+    HostLoop() : thread_([this] { run(); }) {}
+    ~HostLoop() {
+        post(nullptr);
+        thread_.join();
+    }
+    void post(MainQueue::Task job) {
+        std::lock_guard lock(mutex_);
+        jobs_.push_back(std::move(job));
+        ready_.notify_one();
+    }
+    std::thread::id id() const { return thread_.get_id(); }
+
+private:
+    void run() {
+        for (;;) {
+            std::unique_lock lock(mutex_);
+            ready_.wait(lock, [this] { return !jobs_.empty(); });
+            auto job = std::move(jobs_.front());
+            jobs_.pop_front();
+            lock.unlock();
+            if (!job) {
+                return;
+            }
+            job();
+        }
+    }
+    std::mutex mutex_;
+    std::condition_variable ready_;
+    std::deque<MainQueue::Task> jobs_;
+    std::thread thread_;
+};
+
+TEST(MainQueueTest, TheHostLoopsThreadIsTheMainQueueAndNeverWaitsForItself) {
+    HostLoop loop;
+    auto& queue = MainQueue::main();
+    queue.setExecutor([&loop](MainQueue::Task task) { loop.post(std::move(task)); });
+    queue.sync([] {});  // the loop runs its first task of the queue
+    auto alert = AlertController::alertControllerWithTitle("t", std::nullopt,
+                                                           AlertControllerStyle::Alert);
+    Lines ran;  // written on the loop's thread, read after it signalled
+    alert->addAction(AlertAction::actionWithTitle(
+        "Update", AlertActionStyle::Default, [&](const AlertAction&) {
+            ran.push_back(std::this_thread::get_id() == loop.id() ? "on the loop" : "elsewhere");
+        }));
+    std::promise<void> clicked;
+    loop.post([&] {  // a button's click: the loop's own work, not a task of the queue
+        ran.push_back(queue.isCurrent() ? "current" : "not current");
+        alert->tapActionAtIndex(0);
+        queue.sync([&] { ran.push_back("sync inline"); });
+        clicked.set_value();
+    });
+    if (clicked.get_future().wait_for(30s) != std::future_status::ready) {
+        std::fprintf(stderr, "the host loop's thread waits for itself\n");
+        std::_Exit(1);  // the loop can never be joined
+    }
+    queue.setExecutor(nullptr);
+    EXPECT_EQ(ran, (Lines{"current", "on the loop", "sync inline"}));
 }
 
 TEST(URLTest, AcceptsWhatRfc3986AcceptsAndKeepsTheTextAsGiven) {
