@@ -62,14 +62,17 @@ bool QtAdapter::install() {
         }
         loop.application = application;
     }
-    QObject::connect(application, &QObject::destroyed, loop.receiver, [] {
-        {
-            std::lock_guard lock(eventLoop().mutex);
-            eventLoop().application = nullptr;
-        }
-        MainQueue::main().setExecutor(nullptr);
-        Platform::setApplication(nullptr);
-    }, Qt::DirectConnection);
+    QObject::connect(
+        application, &QObject::destroyed, loop.receiver,
+        [] {
+            {
+                std::lock_guard lock(eventLoop().mutex);
+                eventLoop().application = nullptr;
+            }
+            MainQueue::main().setExecutor(nullptr);
+            Platform::setApplication(nullptr);
+        },
+        Qt::DirectConnection);
     Platform::setApplication(std::make_shared<QtApplication>(Platform::application()));
     MainQueue::main().setExecutor(post, std::this_thread::get_id());
     return true;

@@ -38,7 +38,8 @@ void photographTheAlert(QWidget& window, const QString& file) {
             // Without a window manager (Xvfb) the box has no frame: outline where it lies.
             QPainter painter(&shot);
             painter.setPen(window.palette().color(QPalette::Dark));
-            painter.drawRect(box->frameGeometry().translated(-area.topLeft()).adjusted(0, 0, -1, -1));
+            painter.drawRect(
+                box->frameGeometry().translated(-area.topLeft()).adjusted(0, 0, -1, -1));
             painter.end();
             QCoreApplication::exit(shot.save(file) ? 0 : 1);
         });
@@ -81,7 +82,8 @@ int main(int argc, char** argv) {
     layout->addWidget(new QLabel("Each button sends one event to the collector."));
     const std::vector<std::pair<QString, std::function<void()>>> buttons = {
         {"Open the app", [] { NorvAnalytics::sendAppOpenEvent(); }},
-        {"Show the Orders page", [] { NorvAnalytics::sendEventWithPageName(std::string("Orders")); }},
+        {"Show the Orders page",
+         [] { NorvAnalytics::sendEventWithPageName(std::string("Orders")); }},
         {"Log in as ann",
          [] {
              NorvAnalytics::sendUserLoginEventWithParameters(
