@@ -108,15 +108,17 @@ std::string TextFormat::prefixUtf16(std::string_view text, std::size_t limit) {
     return std::string(text.substr(0, std::min(offset, text.size())));
 }
 
+bool TextFormat::isBlank(char c) {
+    return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
 float TextFormat::leadingFloat(const Text& text) {
     if (!text) {
         return 0.0F;
     }
     const char* begin = text->data();
     const char* end = begin + text->size();
-    // The blanks of the "C" locale only: the host's locale may count other bytes as blanks.
-    constexpr std::string_view blanks = " \t\n\v\f\r";
-    while (begin != end && blanks.find(*begin) != std::string_view::npos) {
+    while (begin != end && isBlank(*begin)) {
         ++begin;
     }
     if (begin != end && *begin == '+') {
