@@ -6,6 +6,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <thread>
 
 namespace NorvAnalytic {
 
@@ -14,8 +15,9 @@ namespace NorvAnalytic {
 //   shared state: each request's answer (handleEventResponse), the one-second resend timer
 //   (checkEvents) with the saved-event list it drains, the update prompt and the alert's button
 //   handlers. An SDK thread named "norv-main", started on first use, runs it; with a host
-//   executor that thread only hands ready tasks over and the host's thread runs them.
-//   isCurrent() is true while a task runs, on whichever thread.
+//   executor that thread only hands ready tasks over and the host's thread runs them. That
+//   host thread is then the main queue's thread: isCurrent() is true on it, in a task or not,
+//   and true on any other thread only while a task runs there.
 // - Each CurlHttpClient has one network thread, "norv-http", started by its first send. Only it
 //   drives libcurl. Completions run there (on the caller's thread once the client has stopped)
 //   and must not block: the SDK's own completion only posts the answer to the main queue.
@@ -31,9 +33,9 @@ namespace NorvAnalytic {
 // registry, each keychain backend's store and the reachability targets have a lock each.
 // Platform's services and the log sink are swapped atomically. The saved-event list has no lock:
 // only the main queue touches it, and main-queue-only code asserts so in debug builds.
-// sync() from a task runs inline; from any other thread it waits for the queue, so it must not
-// come from a thread that a queued task waits for (with an executor: the executor's own thread
-// outside a task).
+// sync() from the main queue's thread runs inline, so a host's UI thread may call anything,
+// tapActionAtIndex included, without waiting for itself; from any other thread sync() waits for
+// the queue, so it must not come from a thread that a queued task waits for.
 
 // The serial queue on which the SDK keeps its shared state: answers, the resend timer and the
 // update alert all run here, one after the other. By default an SDK-owned thread runs it; a
@@ -41,7 +43,8 @@ namespace NorvAnalytic {
 class NORVANALYTIC_EXPORT MainQueue {
 public:
     using Task = std::function<void()>;
-    // Receives each ready task; must run them in the order received, one at a time.
+    // Receives each ready task; must run them in the order received, one at a time, all on one
+    // thread (the host's UI thread).
     using Executor = std::function<void(Task)>;
 
     static MainQueue& main();
@@ -51,11 +54,15 @@ public:
     void sync(Task task);
     std::shared_ptr<Timer> scheduledTimer(std::chrono::duration<double> interval, bool repeats,
                                           std::function<void()> action);
-    // True while a task of this queue runs on the calling thread.
+    // True on the thread that runs a host executor's tasks, and wherever a task runs now.
     bool isCurrent() const;
 
-    // Installs a host executor (nullptr returns to the SDK's own thread).
+    // Installs a host executor (nullptr returns to the SDK's own thread). The thread that runs
+    // its first task becomes the main queue's thread.
     void setExecutor(Executor executor);
+    // The same, naming that thread at once: a host that installs from its UI thread passes
+    // std::this_thread::get_id(), and calls from that thread never wait for its loop to turn.
+    void setExecutor(Executor executor, std::thread::id executorThread);
 
     MainQueue(const MainQueue&) = delete;
     MainQueue& operator=(const MainQueue&) = delete;

@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 #include <pthread.h>
+#include <signal.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -182,6 +183,12 @@ private:
 
     void run() {
         pthread_setname_np(pthread_self(), "norv-http");
+        // A peer that closes mid-write must give EPIPE here, not kill a host that left SIGPIPE
+        // at its default: blocked, the signal stays with this thread and is never delivered.
+        sigset_t pipe;
+        sigemptyset(&pipe);
+        sigaddset(&pipe, SIGPIPE);
+        pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
         transfers_.reserve(kMaxActiveTransfers);
         idle_.reserve(kMaxActiveTransfers);
         batch_.reserve(kMaxActiveTransfers);

@@ -1,5 +1,6 @@
 #include "platform/LinuxDevice.h"
 
+#include <charconv>
 #include <filesystem>
 #include <fstream>
 #include <sys/utsname.h>
@@ -77,13 +78,10 @@ float LinuxDevice::batteryLevel() {
         return -1.0F;
     }
     const std::string capacity = readFirstLine(*capacityFile);
-    try {
-        std::size_t used = 0;
-        const int percent = std::stoi(capacity, &used);
-        if (used > 0 && percent >= 0 && percent <= 100) {
-            return static_cast<float>(percent) / 100.0F;
-        }
-    } catch (const std::exception&) {
+    int percent = -1;
+    const auto result = std::from_chars(capacity.data(), capacity.data() + capacity.size(), percent);
+    if (result.ec == std::errc() && percent >= 0 && percent <= 100) {
+        return static_cast<float>(percent) / 100.0F;
     }
     return -1.0F;
 }

@@ -1,7 +1,9 @@
 #include <NorvAnalytic/MainQueue.h>
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
+#include <cstdint>
 #include <cstdlib>
 #include <deque>
 #include <future>
@@ -19,6 +21,12 @@ namespace NorvAnalytic {
 namespace {
 
 thread_local bool runningOnMainQueue = false;
+
+void runAsMainQueueTask(const MainQueue::Task& task) {
+    runningOnMainQueue = true;
+    task();
+    runningOnMainQueue = false;
+}
 
 }  // namespace
 
@@ -45,9 +53,17 @@ public:
     std::shared_ptr<Timer> schedule(std::chrono::duration<double> interval, bool repeats,
                                     std::function<void()> action);
 
-    void setExecutor(Executor executor) {
+    void setExecutor(Executor executor, std::thread::id executorThread) {
         std::lock_guard lock(mutex_);
+        executorThread_.store(executor ? executorThread : std::thread::id());
         executor_ = std::move(executor);
+        ++executorGeneration_;
+    }
+
+    // The host thread that runs the executor's tasks; no thread without an executor.
+    bool isExecutorThread() const {
+        const std::thread::id thread = executorThread_.load();
+        return thread != std::thread::id() && thread == std::this_thread::get_id();
     }
 
     void setClock(std::shared_ptr<Clock> clock) {
@@ -93,6 +109,18 @@ private:
 
     void collectDueTimersLocked();
 
+    // The thread that runs an executor's task is the main queue's thread from then on, unless
+    // another executor has been installed since the task was handed over.
+    void noteExecutorThread(std::uint64_t generation) {
+        if (executorThread_.load() == std::this_thread::get_id()) {
+            return;
+        }
+        std::lock_guard lock(mutex_);
+        if (generation == executorGeneration_) {
+            executorThread_.store(std::this_thread::get_id());
+        }
+    }
+
     void run() {
         pthread_setname_np(pthread_self(), "norv-main");
         std::unique_lock lock(mutex_);
@@ -102,17 +130,15 @@ private:
                 Task task = std::move(tasks_.front());
                 tasks_.pop_front();
                 Executor executor = executor_;
+                const std::uint64_t generation = executorGeneration_;
                 lock.unlock();
                 if (executor) {
-                    executor([task = std::move(task)] {
-                        runningOnMainQueue = true;
-                        task();
-                        runningOnMainQueue = false;
+                    executor([this, generation, task = std::move(task)] {
+                        noteExecutorThread(generation);
+                        runAsMainQueueTask(task);
                     });
                 } else {
-                    runningOnMainQueue = true;
-                    task();
-                    runningOnMainQueue = false;
+                    runAsMainQueueTask(task);
                 }
                 lock.lock();
                 continue;
@@ -136,6 +162,8 @@ private:
     std::deque<Task> tasks_;
     std::vector<Entry> entries_;
     Executor executor_;
+    std::atomic<std::thread::id> executorThread_;
+    std::uint64_t executorGeneration_ = 0;
     std::shared_ptr<Clock> clock_;
     std::thread thread_;
     bool stopping_ = false;
@@ -274,9 +302,15 @@ std::shared_ptr<Timer> MainQueue::scheduledTimer(std::chrono::duration<double> i
     return engine().schedule(interval, repeats, std::move(action));
 }
 
-bool MainQueue::isCurrent() const { return runningOnMainQueue; }
+bool MainQueue::isCurrent() const { return runningOnMainQueue || engine().isExecutorThread(); }
 
-void MainQueue::setExecutor(Executor executor) { engine().setExecutor(std::move(executor)); }
+void MainQueue::setExecutor(Executor executor) {
+    engine().setExecutor(std::move(executor), std::thread::id());
+}
+
+void MainQueue::setExecutor(Executor executor, std::thread::id executorThread) {
+    engine().setExecutor(std::move(executor), executorThread);
+}
 
 void setMainQueueClock(std::shared_ptr<Clock> clock) { engine().setClock(std::move(clock)); }
 

@@ -1,6 +1,6 @@
 #include "reporting/ServerAnswer.h"
 
-#include <cctype>
+#include "reporting/TextFormat.h"
 
 namespace NorvAnalytic {
 
@@ -82,7 +82,7 @@ bool ServerAnswer::truth(const Json* value) {
     }
     const auto& text = value->get_ref<const std::string&>();
     std::size_t i = 0;
-    while (i < text.size() && std::isspace(static_cast<unsigned char>(text[i]))) {
+    while (i < text.size() && TextFormat::isBlank(text[i])) {
         ++i;
     }
     if (i < text.size() && (text[i] == '+' || text[i] == '-')) {

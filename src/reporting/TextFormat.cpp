@@ -1,8 +1,6 @@
 #include "reporting/TextFormat.h"
 
-#include <cctype>
 #include <charconv>
-#include <cstdio>
 
 namespace NorvAnalytic {
 
@@ -58,9 +56,11 @@ std::string TextFormat::version(const std::shared_ptr<const Bundle>& bundle) {
 }
 
 std::string TextFormat::decimal(double value) {
+    // A decimal point whatever locale the host has set: the server parses these numbers.
     char buffer[512];
-    const int written = std::snprintf(buffer, sizeof buffer, "%f", value);
-    return std::string(buffer, static_cast<std::size_t>(written > 0 ? written : 0));
+    const auto result = std::to_chars(buffer, buffer + sizeof buffer, value,
+                                      std::chars_format::fixed, 6);
+    return std::string(buffer, result.ptr);
 }
 
 std::string TextFormat::validUtf8(std::string_view text) {
@@ -108,13 +108,17 @@ std::string TextFormat::prefixUtf16(std::string_view text, std::size_t limit) {
     return std::string(text.substr(0, std::min(offset, text.size())));
 }
 
+bool TextFormat::isBlank(char c) {
+    return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
 float TextFormat::leadingFloat(const Text& text) {
     if (!text) {
         return 0.0F;
     }
     const char* begin = text->data();
     const char* end = begin + text->size();
-    while (begin != end && std::isspace(static_cast<unsigned char>(*begin))) {
+    while (begin != end && isBlank(*begin)) {
         ++begin;
     }
     if (begin != end && *begin == '+') {

@@ -25,6 +25,8 @@ public:
     static void appendValidUtf8(std::string& out, std::string_view text);
     // The first `limit` UTF-16 units of valid UTF-8 text; a surrogate pair is never split.
     static std::string prefixUtf16(std::string_view text, std::size_t limit);
+    // A blank of the "C" locale (space, \t \n \v \f \r), whatever locale the host has set.
+    static bool isBlank(char c);
     // The leading number of a text, as a float: blanks skipped, 0 when there is none.
     static float leadingFloat(const Text& text);
 };

@@ -8,7 +8,7 @@ namespace {
 TEST(ServerAnswer, TruthOfAnalyticsEnabledAsTheServerMayWriteIt) {
     const std::vector<std::pair<std::string, bool>> rows = {
         {"true", true},       {"2", true},           {"0.5", true},       {R"("yes")", true},
-        {R"(" +007")", true}, {R"("T")", true},      {"false", false},    {"0", false},
+        {R"("\t +007")", true}, {R"("T")", true},      {"false", false},    {"0", false},
         {R"("no")", false},   {R"("0")", false},     {R"("")", false},    {"null", false},
         {"[1]", false},       {R"({"a":1})", false}, {R"(" -0")", false},
     };

@@ -1,6 +1,7 @@
 #include <NorvAnalytic/CurlHttpClient.h>
 #include <NorvAnalytic/NorvAnalytics.h>
 #include <NorvAnalytic/Platform.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -25,6 +26,10 @@ TEST(Wire, AnEventTravelsOverRealHttpAndItsAnswerIsHandledOnTheMainQueue) {
     ASSERT_TRUE(server.waitForCount(1));
     EXPECT_EQ(server.bodies().at(0),
               RequestBody::build({.typeId = "2", .value = 1.0F}, harness.facts(true)));
+    // Byte for byte, whatever the host's locale: the server parses a decimal point.
+    EXPECT_THAT(server.bodies().at(0),
+                testing::AllOf(testing::HasSubstr("&value=1.000000&"),
+                               testing::HasSubstr("batteryLevel=75.000000")));
     // The answer reaches the main queue after the server has it: wait for its one line.
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     while (harness.log.lines().empty() && std::chrono::steady_clock::now() < deadline) {

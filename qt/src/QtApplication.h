@@ -1,0 +1,25 @@
+#pragma once
+
+#include <NorvAnalytic/Application.h>
+
+#include <memory>
+
+namespace NorvAnalytic {
+
+// The host's QApplication as the SDK's application: the active window is the key window and
+// URLs go through QDesktopServices.
+class QtApplication final : public Application {
+public:
+    // Asks `desktop` (the SDK's default application) which schemes have a handler.
+    explicit QtApplication(std::shared_ptr<Application> desktop) : desktop_(std::move(desktop)) {}
+
+    std::shared_ptr<Window> keyWindow() const override;
+    bool canOpenURL(const URL& url) override;
+    // Opens the manifest's address behind an "itms-services" link, any other URL as it is.
+    bool openURL(const URL& url) override;
+
+private:
+    std::shared_ptr<Application> desktop_;
+};
+
+}  // namespace NorvAnalytic

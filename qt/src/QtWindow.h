@@ -1,0 +1,31 @@
+#pragma once
+
+#include <NorvAnalytic/ViewController.h>
+#include <NorvAnalytic/Window.h>
+
+#include <QPointer>
+#include <QWidget>
+
+namespace NorvAnalytic {
+
+// A top-level widget of the host as the SDK's window and its one screen. The active window is
+// already the top-most one (a modal dialog is active itself), so it presents nothing further.
+class QtWindow final : public Window,
+                       public ViewController,
+                       public std::enable_shared_from_this<QtWindow> {
+public:
+    explicit QtWindow(QWidget* widget) : widget_(widget) {}
+
+    std::shared_ptr<ViewController> rootViewController() const override;
+    std::shared_ptr<ViewController> presentedViewController() const override { return nullptr; }
+    bool isNavigationController() const override { return false; }
+    std::vector<std::shared_ptr<ViewController>> viewControllers() const override { return {}; }
+    // Shows the alert as a modal box over this window and returns without waiting for it.
+    void presentViewController(std::shared_ptr<AlertController> alert, bool animated,
+                               std::function<void()> completion) override;
+
+private:
+    QPointer<QWidget> widget_;
+};
+
+}  // namespace NorvAnalytic
