@@ -1,6 +1,7 @@
 #include <NorvAnalytic/MainQueue.h>
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <cstdlib>
 #include <deque>
@@ -19,6 +20,8 @@ namespace NorvAnalytic {
 namespace {
 
 thread_local bool runningOnMainQueue = false;
+// The host's thread that runs the tasks handed to its executor; none without an executor.
+std::atomic<std::thread::id> executorThread{};
 
 }  // namespace
 
@@ -105,6 +108,7 @@ private:
                 lock.unlock();
                 if (executor) {
                     executor([task = std::move(task)] {
+                        executorThread.store(std::this_thread::get_id());
                         runningOnMainQueue = true;
                         task();
                         runningOnMainQueue = false;
@@ -276,7 +280,16 @@ std::shared_ptr<Timer> MainQueue::scheduledTimer(std::chrono::duration<double> i
 
 bool MainQueue::isCurrent() const { return runningOnMainQueue; }
 
-void MainQueue::setExecutor(Executor executor) { engine().setExecutor(std::move(executor)); }
+void MainQueue::setExecutor(Executor executor) {
+    // A host installs its executor from the thread that will run it, normally its UI thread;
+    // the first task it runs confirms or corrects that.
+    executorThread.store(executor ? std::this_thread::get_id() : std::thread::id());
+    engine().setExecutor(std::move(executor));
+}
+
+bool runsMainQueueTasks() {
+    return runningOnMainQueue || executorThread.load() == std::this_thread::get_id();
+}
 
 void setMainQueueClock(std::shared_ptr<Clock> clock) { engine().setClock(std::move(clock)); }
 
