@@ -19,16 +19,16 @@ std::optional<std::string> CollectionUrl::hostRefusal(const std::string& host) {
         return "it holds a space or a control character";
     }
     if (host.find("://") != std::string::npos) {
-        return "it holds a scheme; give the host alone, the SDK adds https:// or http://";
+        return "it holds a scheme; the SDK adds one";
     }
     if (host.find_first_of("/?#") != std::string::npos) {
-        return "it holds a path; the SDK always posts to /api/v3/saveEvent";
+        return "it holds a path; the SDK adds one";
     }
     if (host.find('@') != std::string::npos) {
         return "it holds user information";
     }
     if (!URL::URLWithString(build(host, false))) {
-        return "it is not a host name or address with an optional port of 1 to 65535";
+        return "it is not a host with an optional port up to 65535";
     }
     return std::nullopt;
 }
