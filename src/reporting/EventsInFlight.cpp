@@ -2,19 +2,20 @@
 
 #include <algorithm>
 #include <condition_variable>
+#include <deque>
 #include <mutex>
-#include <set>
 
 namespace NorvAnalytic {
 
 namespace {
 
-// As many entries as requests alive, which the HTTP client bounds.
+// Events are numbered in order; one flag each, from the oldest still open to the newest, so
+// its length is bounded by how long the HTTP client may hold a request.
 struct Registry {
     std::mutex mutex;
     std::condition_variable ended;
-    std::set<std::uint64_t> open;
-    std::uint64_t next = 0;
+    std::deque<bool> endedFromOldestOpen;
+    std::uint64_t oldestOpen = 0;
 };
 
 Registry& registry() {
@@ -32,24 +33,35 @@ EventsInFlight::Ticket::~Ticket() {
     Registry& state = registry();
     {
         std::lock_guard lock(state.mutex);
-        state.open.erase(number_);
+        auto& flags = state.endedFromOldestOpen;
+        flags[number_ - state.oldestOpen] = true;
+        if (!flags.front()) {
+            return;
+        }
+        while (!flags.empty() && flags.front()) {
+            flags.pop_front();
+            ++state.oldestOpen;
+        }
     }
     state.ended.notify_all();
 }
 
 std::shared_ptr<EventsInFlight::Ticket> EventsInFlight::begin() {
     Registry& state = registry();
-    std::lock_guard lock(state.mutex);
-    const std::uint64_t number = state.next++;
-    state.open.insert(number);
+    std::uint64_t number = 0;
+    {
+        std::lock_guard lock(state.mutex);
+        number = state.oldestOpen + state.endedFromOldestOpen.size();
+        state.endedFromOldestOpen.push_back(false);
+    }
     return std::make_shared<Ticket>(number);
 }
 
 bool EventsInFlight::waitForEarlier(std::chrono::milliseconds timeout) {
     Registry& state = registry();
     std::unique_lock lock(state.mutex);
-    const std::uint64_t limit = state.next;
-    const auto earlierEnded = [&] { return state.open.empty() || *state.open.begin() >= limit; };
+    const std::uint64_t limit = state.oldestOpen + state.endedFromOldestOpen.size();
+    const auto earlierEnded = [&] { return state.oldestOpen >= limit; };
     if (timeout <= std::chrono::milliseconds::zero()) {
         return earlierEnded();
     }
