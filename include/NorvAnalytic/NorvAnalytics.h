@@ -7,6 +7,7 @@
 #include <NorvAnalytic/Types.h>
 #include <NorvAnalytic/ViewController.h>
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -30,6 +31,15 @@ public:
     static void setLogLevel(std::int32_t logLevel);
     // Whether the server may raise an update alert.
     static void checkUpdates(bool checkUpdates);
+    // Points this process at another collection server, "host" or "host:port" (no scheme, no
+    // path); initWithKey and setSecureUrl then build their URLs on it. Returns false, keeps the
+    // previous host and says why on the diagnostics sink when the text is not such a host.
+    static bool setCollectionServerHost(const std::string& host);
+    // Waits until every event sent before the call has had its answer handled, or failed: true
+    // then, false when the timeout passes first. A timeout of zero or less only looks. Never
+    // waits on the main queue's own thread (with an executor, the host's thread that runs it):
+    // there it returns false at once. Call it before returning from main.
+    static bool flush(std::chrono::milliseconds timeout);
 
     // Event calls. None blocks, none reports an error; before initWithKey they do nothing.
     static void sendUsername(const Text& username);

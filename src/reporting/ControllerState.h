@@ -7,6 +7,9 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <string>
+
+#include "BuildConfig.h"
 
 namespace NorvAnalytic {
 
@@ -30,6 +33,8 @@ struct ControllerState {
     std::int64_t logLevel = 0;
     std::shared_ptr<Timer> timer;
     std::shared_ptr<AlertController> alertController;
+    // Not a property: the process's collection server, which the two URL forms are built on.
+    std::string collectionServerHost = BuildConfig::kCollectionServerHost;
 };
 
 }  // namespace NorvAnalytic

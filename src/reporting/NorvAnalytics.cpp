@@ -2,12 +2,16 @@
 #include <NorvAnalytic/NorvAnalytic.h>
 #include <NorvAnalytic/NorvAnalytics.h>
 #include <NorvAnalytic/Platform.h>
+#include <NorvAnalytic/URL.h>
 
 #include <utility>
 
-#include "BuildConfig.h"
+#include "platform/Diagnostics.h"
+#include "platform/MainQueueCheck.h"
+#include "reporting/CollectionUrl.h"
 #include "reporting/ControllerState.h"
 #include "reporting/EventCatalogue.h"
+#include "reporting/EventsInFlight.h"
 
 extern "C" {
 const double NorvAnalyticVersionNumber = 1.0;
@@ -16,6 +20,17 @@ const unsigned char NorvAnalyticVersionString[] =
 }
 
 namespace NorvAnalytic {
+
+namespace {
+
+std::string collectionUrl(bool secure) {
+    return CollectionUrl::build(ControllerState::locked([](const ControllerState& state) {
+                                    return state.collectionServerHost;
+                                }),
+                                secure);
+}
+
+}  // namespace
 
 NorvAnalytics& NorvAnalytics::sharedController() {
     // Made once, never destroyed: answers and timers may still reach it while the host exits.
@@ -26,7 +41,7 @@ NorvAnalytics& NorvAnalytics::sharedController() {
 NorvAnalytics& NorvAnalytics::initWithKey(const Text& key) {
     NorvAnalytics& controller = sharedController();
     controller.setKey(key);
-    controller.setUrlString(std::string(BuildConfig::kSecureCollectionUrl));
+    controller.setUrlString(collectionUrl(true));
     setUUID();
     controller.setIsEnabled(true);
     checkUpdates(false);
@@ -39,8 +54,30 @@ NorvAnalytics& NorvAnalytics::initWithKey(const Text& key) {
 }
 
 void NorvAnalytics::setSecureUrl(bool secure) {
-    sharedController().setUrlString(
-        std::string(secure ? BuildConfig::kSecureCollectionUrl : BuildConfig::kPlainCollectionUrl));
+    sharedController().setUrlString(collectionUrl(secure));
+}
+
+bool NorvAnalytics::setCollectionServerHost(const std::string& host) {
+    if (const auto refusal = CollectionUrl::hostRefusal(host)) {
+        if (Diagnostics::isOn()) {
+            const std::string kept = ControllerState::locked(
+                [](const ControllerState& state) { return state.collectionServerHost; });
+            Diagnostics::report(DiagnosticLevel::Warning, "Collection server host \"" + host +
+                                                              "\" refused: " + *refusal +
+                                                              ". It stays \"" + kept + "\".");
+        }
+        return false;
+    }
+    ControllerState::locked([&](ControllerState& state) { state.collectionServerHost = host; });
+    return true;
+}
+
+bool NorvAnalytics::flush(std::chrono::milliseconds timeout) {
+    // Answers are handled on the main queue: waiting on its thread could only time out.
+    if (MainQueue::main().isCurrent()) {
+        return false;
+    }
+    return EventsInFlight::waitForEarlier(timeout);
 }
 
 void NorvAnalytics::setLogLevel(std::int32_t logLevel) {
@@ -81,6 +118,15 @@ Text NorvAnalytics::urlString() const {
 
 void NorvAnalytics::setUrlString(const Text& urlString) {
     ControllerState::locked([&](ControllerState& state) { state.urlString = urlString; });
+    if (urlString && Diagnostics::isOn()) {
+        const std::optional<URL> url = URL::URLWithString(*urlString);
+        if (!url || (url->scheme() != "https" && url->scheme() != "http")) {
+            Diagnostics::report(DiagnosticLevel::Error,
+                                "Collection URL \"" + *urlString +
+                                    "\" is not an http:// or https:// URL: no event will be "
+                                    "delivered to it.");
+        }
+    }
 }
 
 bool NorvAnalytics::isEnabled() const {

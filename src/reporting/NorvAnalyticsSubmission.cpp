@@ -6,10 +6,12 @@
 
 #include "BuildConfig.h"
 #include "keychain/KeychainItemCache.h"
+#include "platform/Diagnostics.h"
 #include "reporting/ControllerState.h"
 #include "reporting/DeviceIdentity.h"
 #include "reporting/EventCatalogue.h"
 #include "reporting/EventSubmission.h"
+#include "reporting/EventsInFlight.h"
 #include "reporting/RequestBody.h"
 #include "reporting/TextFormat.h"
 
@@ -74,6 +76,14 @@ void NorvAnalytics::sendEventWithTypeId(const Text& typeId, float value, const T
 void submitEvent(const EventFields& event, bool isSavedEvent) {
     const std::optional<Destination> destination = destinationIfEnabled();
     if (!destination || !destination->url) {
+        if (Diagnostics::isOn()) {
+            Diagnostics::report(DiagnosticLevel::Info,
+                                EventCatalogue::typeName(event.typeId) + " event (type " +
+                                    event.typeId.value_or("(null)") + ") dropped: " +
+                                    (destination ? "there is no collection URL"
+                                                 : "collection is off (before initWithKey, or "
+                                                   "switched off by the server)"));
+        }
         return;
     }
     const DeviceFacts facts = gatherFacts(destination->key, event.typeId);
@@ -85,13 +95,16 @@ void submitEvent(const EventFields& event, bool isSavedEvent) {
     std::string body = context.requestBody;
     Platform::httpClient()->send(
         HttpRequest{"POST", *destination->url, std::move(body)},
-        [context = std::move(context)](std::optional<std::string> data,
-                                       std::optional<HttpResponse> httpResponse,
-                                       std::optional<std::string> transportError) mutable {
+        [context = std::move(context), ticket = EventsInFlight::begin()](
+            std::optional<std::string> data, std::optional<HttpResponse> httpResponse,
+            std::optional<std::string> transportError) mutable {
             // Answers change shared state, so they are handled one by one on the main queue.
             MainQueue::main().async([context = std::move(context), data = std::move(data),
-                                     httpResponse, transportError = std::move(transportError)] {
+                                     httpResponse, transportError = std::move(transportError),
+                                     ticket = std::move(ticket)]() mutable {
                 NorvAnalytics::handleEventResponse(context, data, httpResponse, transportError);
+                // Ends the event here, not wherever the queue lets go of the task.
+                ticket.reset();
             });
         });
 }

@@ -1,3 +1,4 @@
+#include <NorvAnalytic/MainQueue.h>
 #include <NorvAnalytic/NorvAnalytics.h>
 #include <gtest/gtest.h>
 
@@ -131,6 +132,27 @@ TEST(EventCalls, ManyThreadsLoseNoEvent) {
     std::copy_if(bodies.begin(), bodies.end(), std::inserter(pages, pages.end()),
                  [](const std::string& body) { return body.find("&type=7&") != std::string::npos; });
     EXPECT_EQ(pages.size(), kThreads * kPerThread);
+}
+
+TEST(EventCalls, FlushWaitsForHeldAnswersButNeverWhereAnswersAreHandled) {
+    ReportingHarness harness;
+    const std::chrono::minutes minute(1);
+    NorvAnalytics::sendAppCloseEvent();
+    // The answer is held: zero or less only looks.
+    EXPECT_FALSE(NorvAnalytics::flush(std::chrono::milliseconds(0)));
+    EXPECT_FALSE(NorvAnalytics::flush(std::chrono::milliseconds(-5)));
+    bool flushed = false;
+    std::thread host([&] { flushed = NorvAnalytics::flush(minute); });
+    harness.http->failAll();
+    host.join();
+    EXPECT_TRUE(flushed);
+    // Nothing is in flight; on the queue's thread, and a host executor's, false at once.
+    MainQueue::main().sync([&] { flushed = NorvAnalytics::flush(minute); });
+    EXPECT_FALSE(flushed);
+    MainQueue::main().setExecutor([](const MainQueue::Task&) {}, std::this_thread::get_id());
+    EXPECT_FALSE(NorvAnalytics::flush(minute));
+    MainQueue::main().setExecutor(nullptr);
+    EXPECT_TRUE(NorvAnalytics::flush(minute));
 }
 
 }  // namespace

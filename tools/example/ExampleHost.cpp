@@ -97,6 +97,11 @@ void sendEveryKind() {
 
 int main(int argc, char** argv) {
     const Options options = parse(argc, argv);
+    Platform::setDiagnosticsSink([](DiagnosticLevel level, const std::string& line) {
+        static constexpr const char* kLevels[] = {"debug", "info", "warning", "error"};
+        std::cerr << "example-host: diagnostics (" << kLevels[static_cast<int>(level)]
+                  << "): " << line << std::endl;
+    });
 
     Bundle::setMainBundle(std::make_shared<Bundle>(
         "com.example.NorvHost",
@@ -123,6 +128,10 @@ int main(int argc, char** argv) {
         sendEveryKind();
     }
     std::this_thread::sleep_for(std::chrono::duration<double>(options.waitSeconds));
+    // The answers to the last events, resends included, before the summary and the exit.
+    if (!NorvAnalytics::flush(std::chrono::seconds(10))) {
+        std::cout << "example-host: some answers did not come within 10 s" << std::endl;
+    }
 
     MainQueue::main().sync([] {
         auto& controller = NorvAnalytics::sharedController();
