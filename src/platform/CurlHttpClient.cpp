@@ -1,13 +1,17 @@
 #include <NorvAnalytic/CurlHttpClient.h>
 
+#include "platform/Diagnostics.h"
+
 #include <curl/curl.h>
 #include <pthread.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <set>
 #include <string>
 #include <thread>
@@ -26,10 +30,14 @@ constexpr std::size_t kMaxActiveTransfers = kMaxConnectionsPerHost;
 constexpr long kIdleTimeoutSeconds = 60;
 constexpr long kMaxRedirects = 16;
 constexpr int kPollTimeoutMilliseconds = 1000;
+// The collection protocol's answers are a few hundred bytes; a longer one is cut off here and
+// handed over as an empty (so not JSON) answer with its status.
+constexpr std::size_t kMaxAnswerBytes = 1 << 20;
 
 constexpr const char* kDestroyedMessage =
     "The request was cancelled: its HTTP client was destroyed";
 constexpr const char* kStoppedMessage = "The request was not sent: the process is exiting";
+constexpr const char* kOutOfMemoryMessage = "The request was dropped: out of memory";
 
 }  // namespace
 
@@ -60,17 +68,49 @@ public:
     Impl& operator=(const Impl&) = delete;
 
     void send(HttpRequest request, Completion completion) {
-        std::unique_lock lock(mutex_);
-        if (state_ == State::Stopped) {
-            lock.unlock();
-            completion(std::nullopt, std::nullopt, std::string(kStoppedMessage));
-            return;
+        std::vector<Pending> dropped;
+        std::string burst;
+        {
+            std::unique_lock lock(mutex_);
+            if (state_ == State::Stopped) {
+                lock.unlock();
+                completion(std::nullopt, std::nullopt, std::string(kStoppedMessage));
+                return;
+            }
+            waitingBytes_ += request.body.size();
+            queue_.push_back({std::move(request), std::move(completion)});
+            while (!queue_.empty() && (queue_.size() > limits_.maxRequests ||
+                                       waitingBytes_ > limits_.maxBytes)) {
+                waitingBytes_ -= queue_.front().request.body.size();
+                dropped.push_back(std::move(queue_.front()));
+                queue_.pop_front();
+                ++droppedCount_;
+            }
+            if (!dropped.empty() && !dropping_) {
+                dropping_ = true;
+                burst = burstMessageLocked();
+            }
+            if (state_ == State::Idle) {
+                startLocked();
+            }
+            wakeLocked();
         }
-        queue_.push_back({std::move(request), std::move(completion)});
-        if (state_ == State::Idle) {
-            startLocked();
+        for (Pending& pending : dropped) {
+            pending.completion(std::nullopt, std::nullopt, std::string(kDroppedMessage));
         }
-        wakeLocked();
+        if (!burst.empty() && Diagnostics::isOn()) {
+            Diagnostics::report(DiagnosticLevel::Warning, burst);
+        }
+    }
+
+    void setQueueLimits(std::size_t maxRequests, std::size_t maxBytes) {
+        std::lock_guard lock(mutex_);
+        limits_ = {std::max<std::size_t>(maxRequests, 1), maxBytes};
+    }
+
+    std::uint64_t droppedRequests() {
+        std::lock_guard lock(mutex_);
+        return droppedCount_;
     }
 
     void connectTo(const std::string& hostAndPort, const std::string& addressAndPort) {
@@ -122,6 +162,11 @@ private:
         Completion completion;
     };
 
+    struct Limits {
+        std::size_t maxRequests = CurlHttpClient::kDefaultMaxWaitingRequests;
+        std::size_t maxBytes = CurlHttpClient::kDefaultMaxWaitingBytes;
+    };
+
     struct Config {
         std::vector<std::string> connectTo;
         std::string caInfo;
@@ -133,6 +178,8 @@ private:
         Pending pending;
         bool inMulti = false;
         std::string received;
+        bool answerTooLong = false;
+        bool outOfMemory = false;
         char errorBuffer[CURL_ERROR_SIZE] = {};
     };
 
@@ -165,6 +212,15 @@ private:
         for (Impl* impl : registry.clients) {
             impl->stop(StopMode::DropPending);
         }
+    }
+
+    // Said once per burst: drops go on silently until the network thread takes a request again.
+    std::string burstMessageLocked() const {
+        return "Requests waiting for a connection reached the limit (" +
+               std::to_string(limits_.maxRequests) + " requests, " +
+               std::to_string(limits_.maxBytes) +
+               " bytes of bodies): the oldest waiting events are being dropped (" +
+               std::to_string(droppedCount_) + " dropped so far)";
     }
 
     void startLocked() {
@@ -213,16 +269,22 @@ private:
                 applyConfigLocked();
             }
             while (!queue_.empty() && active_ + batch_.size() < kMaxActiveTransfers) {
+                waitingBytes_ -= queue_.front().request.body.size();
                 batch_.push_back(std::move(queue_.front()));
                 queue_.pop_front();
+                dropping_ = false;
             }
         }
         for (Pending& pending : batch_) {
-            Transfer& transfer = freeTransfer();
-            transfer.pending = std::move(pending);
-            configure(transfer);
-            curl_multi_add_handle(multi_, transfer.easy);
-            transfer.inMulti = true;
+            Transfer* transfer = freeTransfer();
+            if (transfer == nullptr) {
+                dropForLackOfMemory(pending);
+                continue;
+            }
+            transfer->pending = std::move(pending);
+            configure(*transfer);
+            curl_multi_add_handle(multi_, transfer->easy);
+            transfer->inMulti = true;
             ++active_;
         }
         batch_.clear();
@@ -246,16 +308,20 @@ private:
         appliedConfigVersion_ = configVersion_;
     }
 
-    Transfer& freeTransfer() {
+    // Null when no handle can be made: that one request is then dropped.
+    Transfer* freeTransfer() noexcept {
         if (idle_.empty()) {
-            auto transfer = std::make_unique<Transfer>();
-            transfer->easy = curl_easy_init();
+            std::unique_ptr<Transfer> transfer(new (std::nothrow) Transfer);
+            if (transfer == nullptr || (transfer->easy = curl_easy_init()) == nullptr) {
+                return nullptr;
+            }
+            // Both vectors hold capacity for every transfer there can be.
             idle_.push_back(transfer.get());
             transfers_.push_back(std::move(transfer));
         }
         Transfer* transfer = idle_.back();
         idle_.pop_back();
-        return *transfer;
+        return transfer;
     }
 
     void configure(Transfer& transfer) {
@@ -263,6 +329,8 @@ private:
         // A reset handle keeps its place in the multi handle's connection and DNS caches.
         curl_easy_reset(easy);
         transfer.received.clear();
+        transfer.answerTooLong = false;
+        transfer.outOfMemory = false;
         transfer.errorBuffer[0] = '\0';
         const HttpRequest& request = transfer.pending.request;
         curl_easy_setopt(easy, CURLOPT_PRIVATE, &transfer);
@@ -293,12 +361,24 @@ private:
         }
         curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer.errorBuffer);
         curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &Impl::receive);
-        curl_easy_setopt(easy, CURLOPT_WRITEDATA, &transfer.received);
+        curl_easy_setopt(easy, CURLOPT_WRITEDATA, &transfer);
     }
 
-    static size_t receive(char* bytes, size_t size, size_t count, void* received) {
-        static_cast<std::string*>(received)->append(bytes, size * count);
-        return size * count;
+    // Any count other than the one offered makes curl end the transfer with a write error.
+    static size_t receive(char* bytes, size_t size, size_t count, void* data) noexcept {
+        auto& transfer = *static_cast<Transfer*>(data);
+        const std::size_t length = size * count;
+        if (transfer.received.size() + length > kMaxAnswerBytes) {
+            transfer.answerTooLong = true;
+            return 0;
+        }
+        try {
+            transfer.received.append(bytes, length);
+        } catch (...) {
+            transfer.outOfMemory = true;
+            return 0;
+        }
+        return length;
     }
 
     void collectFinishedTransfers() {
@@ -309,24 +389,46 @@ private:
             }
             Transfer* transfer = nullptr;
             curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &transfer);
-            const CURLcode result = message->data.result;
             curl_multi_remove_handle(multi_, transfer->easy);
             transfer->inMulti = false;
             --active_;
-            Pending pending = std::move(transfer->pending);
-            if (result == CURLE_OK) {
-                long status = 0;
-                curl_easy_getinfo(transfer->easy, CURLINFO_RESPONSE_CODE, &status);
-                std::string data = std::move(transfer->received);
-                idle_.push_back(transfer);
+            finish(*transfer, message->data.result);
+            idle_.push_back(transfer);
+        }
+    }
+
+    // Hands the transfer's outcome to its completion. Nothing thrown here reaches curl or ends
+    // the thread: an allocation failure drops this one request.
+    void finish(Transfer& transfer, CURLcode result) noexcept {
+        Pending pending = std::move(transfer.pending);
+        std::string data = std::move(transfer.received);
+        transfer.received = std::string();
+        try {
+            if (transfer.outOfMemory) {
+                throw std::bad_alloc();
+            }
+            long status = 0;
+            curl_easy_getinfo(transfer.easy, CURLINFO_RESPONSE_CODE, &status);
+            if (result == CURLE_OK || transfer.answerTooLong) {
+                if (transfer.answerTooLong) {
+                    data = std::string();
+                }
                 pending.completion(std::move(data), HttpResponse{status}, std::nullopt);
             } else {
-                std::string error = transfer->errorBuffer[0] != '\0'
-                                        ? std::string(transfer->errorBuffer)
+                std::string error = transfer.errorBuffer[0] != '\0'
+                                        ? std::string(transfer.errorBuffer)
                                         : std::string(curl_easy_strerror(result));
-                idle_.push_back(transfer);
                 pending.completion(std::nullopt, std::nullopt, std::move(error));
             }
+        } catch (...) {
+            dropForLackOfMemory(pending);
+        }
+    }
+
+    static void dropForLackOfMemory(Pending& pending) noexcept {
+        try {
+            pending.completion(std::nullopt, std::nullopt, std::string(kOutOfMemoryMessage));
+        } catch (...) {
         }
     }
 
@@ -368,6 +470,10 @@ private:
 
     std::mutex mutex_;
     std::deque<Pending> queue_;
+    std::size_t waitingBytes_ = 0;
+    Limits limits_;
+    std::uint64_t droppedCount_ = 0;
+    bool dropping_ = false;
     State state_ = State::Idle;
     bool stopRequested_ = false;
     StopMode stopMode_ = StopMode::CompletePending;
@@ -401,5 +507,11 @@ void CurlHttpClient::connectTo(const std::string& hostAndPort,
 }
 
 void CurlHttpClient::setCaInfo(const std::string& path) { impl_->setCaInfo(path); }
+
+void CurlHttpClient::setQueueLimits(std::size_t maxRequests, std::size_t maxBytes) {
+    impl_->setQueueLimits(maxRequests, maxBytes);
+}
+
+std::uint64_t CurlHttpClient::droppedRequests() const { return impl_->droppedRequests(); }
 
 }  // namespace NorvAnalytic

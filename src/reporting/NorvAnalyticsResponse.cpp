@@ -1,3 +1,4 @@
+#include <NorvAnalytic/CurlHttpClient.h>
 #include <NorvAnalytic/Event.h>
 #include <NorvAnalytic/NorvAnalytics.h>
 #include <NorvAnalytic/Platform.h>
@@ -43,7 +44,8 @@ void NorvAnalytics::handleEventResponse(const EventResponseContext& context,
     NorvAnalytics& controller = sharedController();
     // No answer at all: the request never reached the server, and the event is dropped.
     if (!data) {
-        if (Diagnostics::isOn()) {
+        // The HTTP client reports a burst of drops from a full queue once, not per event.
+        if (Diagnostics::isOn() && transportError != CurlHttpClient::kDroppedMessage) {
             Diagnostics::report(DiagnosticLevel::Warning,
                                 controller.getTypeName(context.typeId) + " event (type " +
                                     context.typeId.value_or("(null)") + ") was not delivered: " +

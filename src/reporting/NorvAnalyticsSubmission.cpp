@@ -69,7 +69,9 @@ void NorvAnalytics::sendEventWithTypeId(const Text& typeId, float value, const T
                 isSavedEvent);
 }
 
-void submitEvent(const EventFields& event, bool isSavedEvent) {
+namespace {
+
+void sendEvent(const EventFields& event, bool isSavedEvent) {
     const std::optional<Destination> destination = destinationIfEnabled();
     if (!destination || !destination->url) {
         return;
@@ -89,9 +91,24 @@ void submitEvent(const EventFields& event, bool isSavedEvent) {
             // Answers change shared state, so they are handled one by one on the main queue.
             MainQueue::main().async([context = std::move(context), data = std::move(data),
                                      httpResponse, transportError = std::move(transportError)] {
-                NorvAnalytics::handleEventResponse(context, data, httpResponse, transportError);
+                try {
+                    NorvAnalytics::handleEventResponse(context, data, httpResponse,
+                                                       transportError);
+                } catch (...) {
+                    // Out of memory: this one answer is dropped, the main queue goes on.
+                }
             });
         });
+}
+
+}  // namespace
+
+void submitEvent(const EventFields& event, bool isSavedEvent) {
+    try {
+        sendEvent(event, isSavedEvent);
+    } catch (...) {
+        // Out of memory: this one event is dropped, and the host's call returns as usual.
+    }
 }
 
 }  // namespace NorvAnalytic

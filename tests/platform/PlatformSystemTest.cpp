@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,6 +14,7 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -103,6 +106,128 @@ TEST(CurlHttpClientTest, SendsFromManyThreadsWithoutWaitingAndADestroyedClientCa
     for (std::future<std::string>& outcome : outcomes) {
         ASSERT_EQ(outcome.wait_for(0s), std::future_status::ready);
         EXPECT_THAT(outcome.get(), MatchesRegex("-1 no data error: .+"));
+    }
+}
+
+// A server on raw sockets for what no well-behaved server library sends: each connection's
+// request is read, held until release(), then answered with `head` and `filler` repeated until
+// the client hangs up, then closed.
+class HostileServer {
+public:
+    HostileServer(std::string head, std::string filler)
+        : head_(std::move(head)), filler_(std::move(filler)) {
+        sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+        socklen_t length = sizeof address;
+        ::bind(listener_, reinterpret_cast<sockaddr*>(&address), length);
+        ::listen(listener_, 16);
+        ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
+        url_ = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/hostile";
+        accepting_ = std::jthread([this] {
+            for (int fd; (fd = ::accept(listener_, nullptr, nullptr)) >= 0;) {
+                std::lock_guard lock(mutex_);
+                connections_.emplace_back([this, fd] { serve(fd); });
+            }
+        });
+    }
+    ~HostileServer() {
+        release();
+        ::shutdown(listener_, SHUT_RDWR);
+        ::close(listener_);
+        accepting_.join();
+        std::vector<std::jthread> connections;
+        std::unique_lock lock(mutex_);
+        connections.swap(connections_);
+        lock.unlock();
+    }
+    const std::string& url() const { return url_; }
+    bool waitForRequests(std::size_t count) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, 10s, [&] { return requests_ >= count; });
+    }
+    void release() {
+        std::lock_guard lock(mutex_);
+        released_ = true;
+        changed_.notify_all();
+    }
+    // The most bytes one connection took before its client hung up.
+    std::size_t mostWritten() {
+        std::lock_guard lock(mutex_);
+        return mostWritten_;
+    }
+
+private:
+    void serve(int fd) {
+        std::string request(4096, '\0');
+        while (request.find("\r\n\r\n") == std::string::npos &&
+               ::recv(fd, request.data(), request.size(), 0) > 0) {
+        }
+        std::unique_lock lock(mutex_);
+        ++requests_;
+        changed_.notify_all();
+        changed_.wait(lock, [&] { return released_; });
+        lock.unlock();
+        std::size_t written = 0;
+        bool open = ::send(fd, head_.data(), head_.size(), MSG_NOSIGNAL) > 0;
+        while (open && !filler_.empty()) {
+            open = ::send(fd, filler_.data(), filler_.size(), MSG_NOSIGNAL) > 0;
+            written += filler_.size();
+        }
+        ::close(fd);
+        lock.lock();
+        mostWritten_ = std::max(mostWritten_, written);
+    }
+
+    std::string head_;
+    std::string filler_;
+    std::string url_;
+    int listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::size_t requests_ = 0;
+    std::size_t mostWritten_ = 0;
+    bool released_ = false;
+    std::vector<std::jthread> connections_;
+    std::jthread accepting_;
+};
+
+TEST(CurlHttpClientTest, AHostileServerNeverGrowsMemoryOrTheQueueAndLaterEventsStillArrive) {
+    const std::string dropped = std::string("-1 no data error: ") + CurlHttpClient::kDroppedMessage;
+    const struct {
+        std::string head;
+        std::string filler;
+        std::string outcome;
+    } cases[] = {
+        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n",
+         "10000\r\n" + std::string(0x10000, '{') + "\r\n", "200 \\[\\]"},
+        {"HTTP/1.1 500 Oops\r\nContent-Length: 4294967296\r\n\r\n", std::string(0x10000, ' '),
+         "500 \\[\\]"},
+        {"HTTP/1.1 200 OK\r\n", "X-Again: " + std::string(1000, 'h') + "\r\n", "-1 no data .+"},
+        // Accepts and never answers until it goes away.
+        {"", "", "-1 no data .+"},
+    };
+    LocalHttpServer good;
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.head);
+        CurlHttpClient client;
+        std::vector<std::future<std::string>> outcomes;
+        HostileServer hostile(row.head, row.filler);
+        // Six hold every connection; of the three that then wait, the two oldest are dropped.
+        for (int index = 0; index < 9; ++index) {
+            outcomes.push_back(post(client, hostile.url(), "value=1"));
+            if (index == 5) {
+                ASSERT_TRUE(hostile.waitForRequests(6));
+                client.setQueueLimits(1, 1 << 20);
+            }
+        }
+        EXPECT_EQ(outcomes[6].get() + outcomes[7].get(), dropped + dropped);
+        EXPECT_EQ(client.droppedRequests(), 2U);
+        hostile.release();
+        for (std::size_t index : {0, 1, 2, 3, 4, 5, 8}) {
+            ASSERT_EQ(outcomes[index].wait_for(10s), std::future_status::ready);
+            EXPECT_THAT(outcomes[index].get(), MatchesRegex(row.outcome));
+        }
+        EXPECT_LT(hostile.mostWritten(), std::size_t{16} << 20);
+        EXPECT_EQ(post(client, good.url(), "later").get(), "200 [" + LocalHttpServer::Answer{}.body + "]");
     }
 }
 
