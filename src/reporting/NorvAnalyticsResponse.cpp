@@ -15,6 +15,8 @@ namespace {
 
 constexpr long kDelivered = 200;
 
+bool logsEvents(std::int64_t logLevel) { return logLevel >= 1 && logLevel <= 3; }
+
 std::string eventLine(std::int64_t logLevel, const std::string& typeName,
                       const std::string& message, const EventResponseContext& context,
                       const std::string& code) {
@@ -53,20 +55,25 @@ void NorvAnalytics::handleEventResponse(const EventResponseContext& context,
         }
         return;
     }
-    const std::optional<ServerAnswer::Json> document = ServerAnswer::parse(*data);
-    const ServerAnswer::Json* root = document ? &*document : nullptr;
     const long statusCode = response ? response->statusCode : 0;
-
     if (statusCode != kDelivered && !context.isSavedEvent) {
         keepEvent(EventFields::fromContext(context), statusCode);
     }
+    // Only an app-open answer steers, and only a line that will be printed reads the answer:
+    // most answers need no JSON document at all.
+    const bool appOpen = EventCatalogue::isAppOpen(context.typeId);
+    if (!appOpen && !(logsEvents(controller.logLevel()) && controller.isEnabled())) {
+        return;
+    }
+    const std::optional<ServerAnswer::Json> document = ServerAnswer::parse(*data);
+    const ServerAnswer::Json* root = document ? &*document : nullptr;
 
     const std::string message = ServerAnswer::describe(ServerAnswer::member(root, "message"));
     std::string line =
         eventLine(controller.logLevel(), controller.getTypeName(context.typeId), message, context,
                   ServerAnswer::describe(ServerAnswer::member(root, "code")));
 
-    if (EventCatalogue::isAppOpen(context.typeId)) {
+    if (appOpen) {
         const ServerAnswer::Json* payload = ServerAnswer::member(root, "payload");
         // A null payload leaves collection as it is; an absent one (or an answer that is not
         // JSON) switches it off. The server relies on that difference.

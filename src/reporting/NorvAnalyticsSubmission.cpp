@@ -1,10 +1,10 @@
 #include <NorvAnalytic/Bundle.h>
 #include <NorvAnalytic/Keychain.h>
-#include <NorvAnalytic/MainQueue.h>
 #include <NorvAnalytic/NorvAnalytics.h>
 #include <NorvAnalytic/Platform.h>
 
 #include "BuildConfig.h"
+#include "reporting/AnswerBatch.h"
 #include "reporting/ControllerState.h"
 #include "reporting/DeviceIdentity.h"
 #include "reporting/EventCatalogue.h"
@@ -89,15 +89,8 @@ void sendEvent(const EventFields& event, bool isSavedEvent) {
                                        std::optional<HttpResponse> httpResponse,
                                        std::optional<std::string> transportError) mutable {
             // Answers change shared state, so they are handled one by one on the main queue.
-            MainQueue::main().async([context = std::move(context), data = std::move(data),
-                                     httpResponse, transportError = std::move(transportError)] {
-                try {
-                    NorvAnalytics::handleEventResponse(context, data, httpResponse,
-                                                       transportError);
-                } catch (...) {
-                    // Out of memory: this one answer is dropped, the main queue goes on.
-                }
-            });
+            AnswerBatch::add({std::move(context), std::move(data), httpResponse,
+                              std::move(transportError)});
         });
 }
 

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <NorvAnalytic/HttpClient.h>
+#include <NorvAnalytic/Types.h>
+
+#include <optional>
+#include <string>
+
+namespace NorvAnalytic {
+
+// Carries answers to the main queue. Answers that arrive before the main queue has taken the
+// earlier ones join them, so a burst of answers costs one main-queue task, not one wake each.
+// It holds at most the answers of the requests in flight.
+class AnswerBatch {
+public:
+    struct Answer {
+        EventResponseContext context;
+        std::optional<std::string> data;
+        std::optional<HttpResponse> response;
+        std::optional<std::string> transportError;
+    };
+
+    // Any thread; handleEventResponse runs later on the main queue, in arrival order.
+    static void add(Answer answer);
+
+private:
+    static void handleAll();
+};
+
+}  // namespace NorvAnalytic
