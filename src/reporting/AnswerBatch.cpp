@@ -1,7 +1,6 @@
 #include "reporting/AnswerBatch.h"
 
 #include <NorvAnalytic/MainQueue.h>
-#include <NorvAnalytic/NorvAnalytics.h>
 
 #include <mutex>
 #include <utility>
@@ -45,16 +44,17 @@ void AnswerBatch::add(Answer answer) {
 }
 
 void AnswerBatch::handleAll() {
-    // Swapped with the waiting list each time, so a steady stream reuses two buffers.
-    static std::vector<Answer> taken;
+    // Swapped with the waiting list each time, so a steady stream reuses two buffers. Never
+    // destroyed: the main queue may still run while the process exits.
+    static auto& taken = *new std::vector<Answer>;
     {
         std::lock_guard lock(waiting().mutex);
         taken.swap(waiting().answers);
     }
     for (Answer& answer : taken) {
         try {
-            NorvAnalytics::handleEventResponse(answer.context, std::move(answer.data),
-                                               answer.response, std::move(answer.transportError));
+            handleAnswer(*answer.event, std::move(answer.data), answer.response,
+                         std::move(answer.transportError));
         } catch (...) {
             // Out of memory: this one answer is dropped, the main queue goes on.
         }

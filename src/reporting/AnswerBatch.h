@@ -1,10 +1,12 @@
 #pragma once
 
 #include <NorvAnalytic/HttpClient.h>
-#include <NorvAnalytic/Types.h>
 
+#include <memory>
 #include <optional>
 #include <string>
+
+#include "reporting/SentEvent.h"
 
 namespace NorvAnalytic {
 
@@ -14,13 +16,13 @@ namespace NorvAnalytic {
 class AnswerBatch {
 public:
     struct Answer {
-        EventResponseContext context;
+        std::shared_ptr<const SentEvent> event;
         std::optional<std::string> data;
         std::optional<HttpResponse> response;
         std::optional<std::string> transportError;
     };
 
-    // Any thread; handleEventResponse runs later on the main queue, in arrival order.
+    // Any thread; the answers are handled later on the main queue, in arrival order.
     static void add(Answer answer);
 
 private:

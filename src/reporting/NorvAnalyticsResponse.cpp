@@ -7,6 +7,7 @@
 #include "platform/MainQueueCheck.h"
 #include "reporting/EventCatalogue.h"
 #include "reporting/EventFields.h"
+#include "reporting/SentEvent.h"
 #include "reporting/ServerAnswer.h"
 
 namespace NorvAnalytic {
@@ -16,6 +17,18 @@ namespace {
 constexpr long kDelivered = 200;
 
 bool logsEvents(std::int64_t logLevel) { return logLevel >= 1 && logLevel <= 3; }
+
+// Only an app-open answer steers, and only a line that will be printed reads the answer: for
+// any other answer the keep rule is all there is to do, and no JSON document is needed.
+bool changesOnlyTheStore(const Text& typeId) {
+    const NorvAnalytics& controller = NorvAnalytics::sharedController();
+    return !EventCatalogue::isAppOpen(typeId) &&
+           !(logsEvents(controller.logLevel()) && controller.isEnabled());
+}
+
+bool isKept(long statusCode, bool isSavedEvent) {
+    return statusCode != kDelivered && !isSavedEvent;
+}
 
 std::string eventLine(std::int64_t logLevel, const std::string& typeName,
                       const std::string& message, const EventResponseContext& context,
@@ -56,13 +69,10 @@ void NorvAnalytics::handleEventResponse(const EventResponseContext& context,
         return;
     }
     const long statusCode = response ? response->statusCode : 0;
-    if (statusCode != kDelivered && !context.isSavedEvent) {
+    if (isKept(statusCode, context.isSavedEvent)) {
         keepEvent(EventFields::fromContext(context), statusCode);
     }
-    // Only an app-open answer steers, and only a line that will be printed reads the answer:
-    // most answers need no JSON document at all.
-    const bool appOpen = EventCatalogue::isAppOpen(context.typeId);
-    if (!appOpen && !(logsEvents(controller.logLevel()) && controller.isEnabled())) {
+    if (changesOnlyTheStore(context.typeId)) {
         return;
     }
     const std::optional<ServerAnswer::Json> document = ServerAnswer::parse(*data);
@@ -73,7 +83,7 @@ void NorvAnalytics::handleEventResponse(const EventResponseContext& context,
         eventLine(controller.logLevel(), controller.getTypeName(context.typeId), message, context,
                   ServerAnswer::describe(ServerAnswer::member(root, "code")));
 
-    if (appOpen) {
+    if (EventCatalogue::isAppOpen(context.typeId)) {
         const ServerAnswer::Json* payload = ServerAnswer::member(root, "payload");
         // A null payload leaves collection as it is; an absent one (or an answer that is not
         // JSON) switches it off. The server relies on that difference.
@@ -123,6 +133,19 @@ void NorvAnalytics::handleEventResponse(const EventResponseContext& context,
     if (!line.empty() && controller.isEnabled()) {
         controller.print(line);
     }
+}
+
+void handleAnswer(const SentEvent& event, std::optional<std::string> data,
+                  std::optional<HttpResponse> response, std::optional<std::string> transportError) {
+    if (data && changesOnlyTheStore(event.typeId())) {
+        const long statusCode = response ? response->statusCode : 0;
+        if (isKept(statusCode, event.isSavedEvent())) {
+            keepEvent(event.fields(), statusCode);
+        }
+        return;
+    }
+    NorvAnalytics::handleEventResponse(event.context(), std::move(data), response,
+                                       std::move(transportError));
 }
 
 }  // namespace NorvAnalytic

@@ -10,6 +10,7 @@
 #include "reporting/EventCatalogue.h"
 #include "reporting/EventSubmission.h"
 #include "reporting/RequestBody.h"
+#include "reporting/SentEvent.h"
 #include "reporting/TextFormat.h"
 
 namespace NorvAnalytic {
@@ -76,20 +77,16 @@ void sendEvent(const EventFields& event, bool isSavedEvent) {
     if (!destination || !destination->url) {
         return;
     }
-    const DeviceFacts facts = gatherFacts(destination->key, event.typeId);
-    EventResponseContext context;
-    event.copyTo(context);
-    context.deviceUUID = facts.deviceUUID;
-    context.requestBody = RequestBody::build(event, facts);
-    context.isSavedEvent = isSavedEvent;
-    std::string body = context.requestBody;
+    auto sent = std::make_shared<const SentEvent>(
+        event, SentEvent::share(gatherFacts(destination->key, event.typeId)), isSavedEvent);
+    std::string body = RequestBody::build(event, sent->facts());
     Platform::httpClient()->send(
         HttpRequest{"POST", *destination->url, std::move(body)},
-        [context = std::move(context)](std::optional<std::string> data,
-                                       std::optional<HttpResponse> httpResponse,
-                                       std::optional<std::string> transportError) mutable {
+        [sent = std::move(sent)](std::optional<std::string> data,
+                                 std::optional<HttpResponse> httpResponse,
+                                 std::optional<std::string> transportError) mutable {
             // Answers change shared state, so they are handled one by one on the main queue.
-            AnswerBatch::add({std::move(context), std::move(data), httpResponse,
+            AnswerBatch::add({std::move(sent), std::move(data), httpResponse,
                               std::move(transportError)});
         });
 }
