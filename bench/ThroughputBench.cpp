@@ -80,6 +80,7 @@ void BM_DeliverEvents(benchmark::State& state) {
     state.counters["VmRSS_after_kB"] = residentKilobytes();
     state.counters["VmHWM_kB"] = peakResidentKilobytes();
     state.counters["dropped"] = static_cast<double>(curlClient()->droppedRequests());
+    state.counters["answers_not_200"] = static_cast<double>(client.notDelivered());
 }
 // Three runs in one process: after the first, memory must stay where it is.
 BENCHMARK(BM_DeliverEvents)->Iterations(1)->Repetitions(3)->UseRealTime()->Unit(
