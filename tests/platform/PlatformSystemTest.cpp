@@ -99,8 +99,7 @@ private:
         ::close(fd);
     }
 
-    const std::string head_;
-    const std::string filler_;
+    const std::string head_, filler_;
     int listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
     std::atomic_flag released_;
     std::jthread accepting_;
