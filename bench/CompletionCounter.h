@@ -21,6 +21,9 @@ public:
                          std::optional<std::string> data,
                          std::optional<NorvAnalytic::HttpResponse> response,
                          std::optional<std::string> error) {
+                         if (!response || response->statusCode != 200) {
+                             notDelivered_.fetch_add(1, std::memory_order_relaxed);
+                         }
                          completion(std::move(data), response, std::move(error));
                          completed_.fetch_add(1, std::memory_order_release);
                      });
@@ -39,8 +42,12 @@ public:
         return true;
     }
 
+    // Requests answered with a status other than 200, or not answered at all, so far.
+    std::size_t notDelivered() const { return notDelivered_.load(std::memory_order_relaxed); }
+
 private:
     std::shared_ptr<NorvAnalytic::HttpClient> inner_;
     std::atomic<std::size_t> sent_{0};
     std::atomic<std::size_t> completed_{0};
+    std::atomic<std::size_t> notDelivered_{0};
 };

@@ -95,7 +95,7 @@ public:
     StartedSdk& operator=(const StartedSdk&) = delete;
 
     void drain() { client_->waitForAll(std::chrono::minutes(5)); }
-    NorvAnalytic::HttpClient& client() { return *client_; }
+    CompletionCounter& client() { return *client_; }
     std::string url() const { return server_.url(); }
 
 private:
@@ -104,9 +104,19 @@ private:
     std::shared_ptr<CompletionCounter> client_;
 };
 
-StartedSdk& sdk() {
-    static StartedSdk started;
+// Started on first use and stopped by main: the local server's threads use cpp-httplib's own
+// function-local statics, which exit destroys before it would destroy a static StartedSdk,
+// so a request still arriving then crashed the server's thread.
+std::unique_ptr<StartedSdk>& startedSdk() {
+    static std::unique_ptr<StartedSdk> started;
     return started;
+}
+
+StartedSdk& sdk() {
+    if (!startedSdk()) {
+        startedSdk() = std::make_unique<StartedSdk>();
+    }
+    return *startedSdk();
 }
 
 // Per-call times of every thread of the current run; each thread writes only its own row.
@@ -144,6 +154,7 @@ void measureCalls(benchmark::State& state, const std::function<void()>& call) {
         state.counters["median_ns"] = static_cast<double>(percentile(all, 0.50));
         state.counters["p99_ns"] = static_cast<double>(percentile(all, 0.99));
         state.counters["calls"] = static_cast<double>(all.size());
+        state.counters["answers_not_200"] = static_cast<double>(sdk().client().notDelivered());
     }
 }
 
@@ -226,4 +237,10 @@ BENCHMARK(BM_CurlHttpClientSend)->Iterations(5'000)->Threads(kMaxThreads)->UseRe
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    startedSdk().reset();
+    return 0;
+}

@@ -1,6 +1,7 @@
 #!/bin/bash
-# Measures events per second delivered end to end: starts Debian's nginx on a free loopback
-# port with a fixed collection answer, runs throughput_bench against it, stops nginx.
+# Measures events per second, CPU per event and peak memory delivered end to end: starts
+# Debian's nginx on two free loopback ports, plain HTTP and TLS (with a certificate made here),
+# with a fixed collection answer, runs throughput_bench against each, stops nginx.
 # usage: bench/run-throughput.sh [path/to/throughput_bench] [benchmark options...]
 set -euo pipefail
 
@@ -23,7 +24,13 @@ cleanup() {
 }
 trap cleanup EXIT
 
-port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+free_port() {
+    python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
+}
+port=$(free_port)
+tls_port=$(free_port)
+openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 1 -subj /CN=127.0.0.1 \
+    -addext subjectAltName=IP:127.0.0.1 -keyout "$work/key.pem" -out "$work/cert.pem" 2>/dev/null
 
 cat >"$work/nginx.conf" <<CONF
 daemon off;
@@ -41,8 +48,11 @@ http {
     scgi_temp_path $work/scgi;
     keepalive_requests 1000000;
     keepalive_timeout 60s;
+    ssl_certificate $work/cert.pem;
+    ssl_certificate_key $work/key.pem;
     server {
         listen 127.0.0.1:$port;
+        listen 127.0.0.1:$tls_port ssl;
         location / {
             default_type application/json;
             return 200 '{"message":"ok","code":200,"payload":null}';
@@ -60,5 +70,9 @@ for _ in $(seq 100); do
     sleep 0.05
 done
 
-echo "nginx $($nginx -v 2>&1 | sed 's/.*nginx\///') on 127.0.0.1:$port"
+echo "nginx $($nginx -v 2>&1 | sed 's/.*nginx\///') on 127.0.0.1:$port, TLS on $tls_port"
+echo "== plain HTTP"
 NORV_THROUGHPUT_URL="http://127.0.0.1:$port/api/v3/saveEvent" "$bench" "$@"
+echo "== TLS"
+NORV_THROUGHPUT_URL="https://127.0.0.1:$tls_port/api/v3/saveEvent" \
+    NORV_THROUGHPUT_CA="$work/cert.pem" "$bench" "$@"

@@ -3,15 +3,26 @@
 #include <NorvAnalytic/Export.h>
 #include <NorvAnalytic/HttpClient.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 
 namespace NorvAnalytic {
 
 // The default HTTP client: libcurl on one network thread, connections reused (at most 6 per
-// host), TLS verified, redirects followed, 60 s idle time-out per request.
+// host), TLS verified, redirects followed, 60 s idle time-out per request. Answers are read up
+// to 1 MiB; a longer one arrives as empty data with its status. Requests beyond the connections
+// wait in a bounded queue: when it is full the oldest waiting request is dropped, its
+// completion told so with kDroppedMessage.
 class NORVANALYTIC_EXPORT CurlHttpClient : public HttpClient {
 public:
+    // Room for a long outage of a busy host, at about 50 MB when every request waits.
+    static constexpr std::size_t kDefaultMaxWaitingRequests = 100'000;
+    static constexpr std::size_t kDefaultMaxWaitingBytes = 32 << 20;
+    static constexpr const char* kDroppedMessage =
+        "The request was dropped: too many requests were waiting for a connection";
+
     CurlHttpClient();
     ~CurlHttpClient() override;
 
@@ -21,6 +32,10 @@ public:
     void connectTo(const std::string& hostAndPort, const std::string& addressAndPort);
     // Verifies TLS peers against this CA bundle instead of the system's.
     void setCaInfo(const std::string& path);
+    // Bounds the requests waiting for a connection, by count and by bytes of bodies.
+    void setQueueLimits(std::size_t maxRequests, std::size_t maxBytes);
+    // How many waiting requests were dropped because the queue was full.
+    std::uint64_t droppedRequests() const;
 
     CurlHttpClient(const CurlHttpClient&) = delete;
     CurlHttpClient& operator=(const CurlHttpClient&) = delete;

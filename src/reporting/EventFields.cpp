@@ -31,8 +31,9 @@ constexpr std::array<TextSlot, 11> kTextSlots = {{
 }};
 
 // A slot added to EventFields without its row here would be dropped from answers and resends.
-static_assert(sizeof(EventFields) == sizeof(Text) * kTextSlots.size() + alignof(Text),
-              "every text slot of EventFields needs its row in kTextSlots");
+static_assert(sizeof(EventFields) == sizeof(Text) * kTextSlots.size() + alignof(Text) &&
+                  kEventFieldTexts.size() == kTextSlots.size(),
+              "every text slot of EventFields needs its row in kTextSlots and kEventFieldTexts");
 
 }  // namespace
 

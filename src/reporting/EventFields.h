@@ -3,6 +3,7 @@
 #include <NorvAnalytic/Event.h>
 #include <NorvAnalytic/Types.h>
 
+#include <array>
 #include <cstdint>
 
 namespace NorvAnalytic {
@@ -29,6 +30,13 @@ struct EventFields {
     void copyTo(EventResponseContext& context) const;
     void copyTo(Event& event) const;
 };
+
+// Every text slot of EventFields, in order.
+inline constexpr std::array<Text EventFields::*, 11> kEventFieldTexts = {
+    &EventFields::typeId,   &EventFields::endpoint,         &EventFields::parameters,
+    &EventFields::response, &EventFields::pageName,         &EventFields::playerId,
+    &EventFields::username, &EventFields::warehouse,        &EventFields::error,
+    &EventFields::deviceCustomName, &EventFields::deviceName};
 
 // Appends a refused event to Event::savedEvents(). Main queue only.
 void keepEvent(const EventFields& event, std::int64_t statusCode);

@@ -1,3 +1,4 @@
+#include <NorvAnalytic/CurlHttpClient.h>
 #include <NorvAnalytic/Event.h>
 #include <NorvAnalytic/NorvAnalytics.h>
 #include <NorvAnalytic/Platform.h>
@@ -6,6 +7,7 @@
 #include "platform/MainQueueCheck.h"
 #include "reporting/EventCatalogue.h"
 #include "reporting/EventFields.h"
+#include "reporting/SentEvent.h"
 #include "reporting/ServerAnswer.h"
 
 namespace NorvAnalytic {
@@ -13,6 +15,20 @@ namespace NorvAnalytic {
 namespace {
 
 constexpr long kDelivered = 200;
+
+bool logsEvents(std::int64_t logLevel) { return logLevel >= 1 && logLevel <= 3; }
+
+// Only an app-open answer steers, and only a line that will be printed reads the answer: for
+// any other answer the keep rule is all there is to do, and no JSON document is needed.
+bool changesOnlyTheStore(const Text& typeId) {
+    const NorvAnalytics& controller = NorvAnalytics::sharedController();
+    return !EventCatalogue::isAppOpen(typeId) &&
+           !(logsEvents(controller.logLevel()) && controller.isEnabled());
+}
+
+bool isKept(long statusCode, bool isSavedEvent) {
+    return statusCode != kDelivered && !isSavedEvent;
+}
 
 std::string eventLine(std::int64_t logLevel, const std::string& typeName,
                       const std::string& message, const EventResponseContext& context,
@@ -43,7 +59,8 @@ void NorvAnalytics::handleEventResponse(const EventResponseContext& context,
     NorvAnalytics& controller = sharedController();
     // No answer at all: the request never reached the server, and the event is dropped.
     if (!data) {
-        if (Diagnostics::isOn()) {
+        // The HTTP client reports a burst of drops from a full queue once, not per event.
+        if (Diagnostics::isOn() && transportError != CurlHttpClient::kDroppedMessage) {
             Diagnostics::report(DiagnosticLevel::Warning,
                                 controller.getTypeName(context.typeId) + " event (type " +
                                     context.typeId.value_or("(null)") + ") was not delivered: " +
@@ -51,13 +68,15 @@ void NorvAnalytics::handleEventResponse(const EventResponseContext& context,
         }
         return;
     }
-    const std::optional<ServerAnswer::Json> document = ServerAnswer::parse(*data);
-    const ServerAnswer::Json* root = document ? &*document : nullptr;
     const long statusCode = response ? response->statusCode : 0;
-
-    if (statusCode != kDelivered && !context.isSavedEvent) {
+    if (isKept(statusCode, context.isSavedEvent)) {
         keepEvent(EventFields::fromContext(context), statusCode);
     }
+    if (changesOnlyTheStore(context.typeId)) {
+        return;
+    }
+    const std::optional<ServerAnswer::Json> document = ServerAnswer::parse(*data);
+    const ServerAnswer::Json* root = document ? &*document : nullptr;
 
     const std::string message = ServerAnswer::describe(ServerAnswer::member(root, "message"));
     std::string line =
@@ -114,6 +133,19 @@ void NorvAnalytics::handleEventResponse(const EventResponseContext& context,
     if (!line.empty() && controller.isEnabled()) {
         controller.print(line);
     }
+}
+
+void handleAnswer(const SentEvent& event, std::optional<std::string> data,
+                  std::optional<HttpResponse> response, std::optional<std::string> transportError) {
+    if (data && changesOnlyTheStore(event.typeId())) {
+        const long statusCode = response ? response->statusCode : 0;
+        if (isKept(statusCode, event.isSavedEvent())) {
+            keepEvent(event.fields(), statusCode);
+        }
+        return;
+    }
+    NorvAnalytics::handleEventResponse(event.context(), std::move(data), response,
+                                       std::move(transportError));
 }
 
 }  // namespace NorvAnalytic

@@ -1,18 +1,19 @@
 #include <NorvAnalytic/Bundle.h>
 #include <NorvAnalytic/Keychain.h>
-#include <NorvAnalytic/MainQueue.h>
 #include <NorvAnalytic/NorvAnalytics.h>
 #include <NorvAnalytic/Platform.h>
 
 #include "BuildConfig.h"
 #include "keychain/KeychainItemCache.h"
 #include "platform/Diagnostics.h"
+#include "reporting/AnswerBatch.h"
 #include "reporting/ControllerState.h"
 #include "reporting/DeviceIdentity.h"
 #include "reporting/EventCatalogue.h"
 #include "reporting/EventSubmission.h"
 #include "reporting/EventsInFlight.h"
 #include "reporting/RequestBody.h"
+#include "reporting/SentEvent.h"
 #include "reporting/TextFormat.h"
 
 namespace NorvAnalytic {
@@ -73,7 +74,9 @@ void NorvAnalytics::sendEventWithTypeId(const Text& typeId, float value, const T
                 isSavedEvent);
 }
 
-void submitEvent(const EventFields& event, bool isSavedEvent) {
+namespace {
+
+void sendEvent(const EventFields& event, bool isSavedEvent) {
     const std::optional<Destination> destination = destinationIfEnabled();
     if (!destination || !destination->url) {
         if (Diagnostics::isOn()) {
@@ -86,27 +89,28 @@ void submitEvent(const EventFields& event, bool isSavedEvent) {
         }
         return;
     }
-    const DeviceFacts facts = gatherFacts(destination->key, event.typeId);
-    EventResponseContext context;
-    event.copyTo(context);
-    context.deviceUUID = facts.deviceUUID;
-    context.requestBody = RequestBody::build(event, facts);
-    context.isSavedEvent = isSavedEvent;
-    std::string body = context.requestBody;
+    auto sent = std::make_shared<const SentEvent>(
+        event, SentEvent::share(gatherFacts(destination->key, event.typeId)), isSavedEvent);
+    std::string body = RequestBody::build(event, sent->facts());
     Platform::httpClient()->send(
         HttpRequest{"POST", *destination->url, std::move(body)},
-        [context = std::move(context), ticket = EventsInFlight::begin()](
+        [sent = std::move(sent), ticket = EventsInFlight::begin()](
             std::optional<std::string> data, std::optional<HttpResponse> httpResponse,
             std::optional<std::string> transportError) mutable {
             // Answers change shared state, so they are handled one by one on the main queue.
-            MainQueue::main().async([context = std::move(context), data = std::move(data),
-                                     httpResponse, transportError = std::move(transportError),
-                                     ticket = std::move(ticket)]() mutable {
-                NorvAnalytics::handleEventResponse(context, data, httpResponse, transportError);
-                // Ends the event here, not wherever the queue lets go of the task.
-                ticket.reset();
-            });
+            AnswerBatch::add({std::move(sent), std::move(data), httpResponse,
+                              std::move(transportError), std::move(ticket)});
         });
+}
+
+}  // namespace
+
+void submitEvent(const EventFields& event, bool isSavedEvent) {
+    try {
+        sendEvent(event, isSavedEvent);
+    } catch (...) {
+        // Out of memory: this one event is dropped, and the host's call returns as usual.
+    }
 }
 
 }  // namespace NorvAnalytic

@@ -20,6 +20,8 @@ struct DeviceFacts {
     // Only app-open events carry these two.
     std::optional<float> batteryLevel = std::nullopt;
     Text userId = std::nullopt;
+
+    bool operator==(const DeviceFacts&) const = default;
 };
 
 // The form body of one event, built from the event's fields and the device's facts alone.

@@ -1,0 +1,69 @@
+#include "reporting/AnswerBatch.h"
+
+#include <NorvAnalytic/MainQueue.h>
+
+#include <mutex>
+#include <utility>
+#include <vector>
+
+namespace NorvAnalytic {
+
+namespace {
+
+// Beyond this many, the main queue's buffer is given back after a burst instead of kept.
+constexpr std::size_t kKeptCapacity = 1024;
+
+struct Waiting {
+    std::mutex mutex;
+    std::vector<AnswerBatch::Answer> answers;
+};
+
+// Never destroyed: answers may still arrive while the process exits.
+Waiting& waiting() {
+    static auto* instance = new Waiting;
+    return *instance;
+}
+
+}  // namespace
+
+void AnswerBatch::add(Answer answer) {
+    Waiting& queue = waiting();
+    std::unique_lock lock(queue.mutex);
+    queue.answers.push_back(std::move(answer));
+    if (queue.answers.size() > 1) {
+        return;
+    }
+    lock.unlock();
+    try {
+        MainQueue::main().async(&AnswerBatch::handleAll);
+    } catch (...) {
+        // Out of memory: the waiting answers are dropped, so that a later one posts again.
+        lock.lock();
+        queue.answers.clear();
+    }
+}
+
+void AnswerBatch::handleAll() {
+    // Swapped with the waiting list each time, so a steady stream reuses two buffers. Never
+    // destroyed: the main queue may still run while the process exits.
+    static auto& taken = *new std::vector<Answer>;
+    {
+        std::lock_guard lock(waiting().mutex);
+        taken.swap(waiting().answers);
+    }
+    for (Answer& answer : taken) {
+        try {
+            handleAnswer(*answer.event, std::move(answer.data), answer.response,
+                         std::move(answer.transportError));
+        } catch (...) {
+            // Out of memory: this one answer is dropped, the main queue goes on.
+        }
+        answer.ticket.reset();
+    }
+    taken.clear();
+    if (taken.capacity() > kKeptCapacity) {
+        taken = std::vector<Answer>();
+    }
+}
+
+}  // namespace NorvAnalytic
