@@ -23,7 +23,6 @@ protected:
 TEST_F(ConnectionTest, FlagsGiveTheStatus) {
     // Flags, reachable on WWAN, then the status and whether it is via Wi-Fi.
     const std::tuple<std::optional<std::uint32_t>, bool, ConnectionStatus, bool> rows[] = {
-        {0x2, true, ConnectionStatusWiFi, true},
         {0x40002, true, ConnectionStatusCellular, false},
         {0x0, true, ConnectionStatusNone, false},
         // Transient and connection-required together are unreachable; either alone is not.
