@@ -12,10 +12,11 @@ mkfifo "$work/out"
 collector_pid=$!
 trap 'kill "$collector_pid" 2>/dev/null || true; wait "$collector_pid" 2>/dev/null || true; rm -rf "$work"' EXIT
 exec 3<"$work/out"
-# "norv-collector listening on http://127.0.0.1:PORT"
+# "norv-collector listening on http://127.0.0.1:PORT/ (open it in a browser ...)"
 read -r -t 30 -u 3 listening || { echo "the collector did not start"; exit 1; }
 cat <&3 >"$work/collector.log" &
 host=${listening##*http://}
+host=${host%%[/ ]*}
 
 "$snippet" "$host" 2>"$work/snippet.err" || { cat "$work/snippet.err"; echo "flush timed out"; exit 1; }
 "$collector" list --db "$work/collector.sqlite" --raw >"$work/received"
