@@ -355,45 +355,6 @@ TEST(SystemFileKeychainTest, WritersInTwoProcessesLoseNoWriteAndAKilledOneTearsN
     }
 }
 
-// Two processes of four threads and four threads here ask for the device UUID of a fresh
-// store at one instant; each caller gets the one stored.
-TEST(SystemFileKeychainTest, ConcurrentFirstStartsInThreadsAndProcessesShareOneUUID) {
-    for (int trial = 0; trial < 3; ++trial) {
-        const ScratchDirectory scratch;
-        scratch.keychain();
-        const auto start = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
-        const std::string startText =
-            std::to_string(std::chrono::nanoseconds(start.time_since_epoch()).count());
-        std::vector<std::string> uuids(4);
-        {
-            std::vector<std::jthread> callers;
-            for (std::string& uuid : uuids) {
-                callers.emplace_back([&] {
-                    std::this_thread::sleep_until(start);
-                    uuid = NorvAnalytics::getNorvAnalyticUUID();
-                });
-            }
-            for (int child = 0; child < 2; ++child) {
-                callers.emplace_back([&] {
-                    EXPECT_EQ(
-                        Testing::runChildProcess({Testing::siblingExecutable("keychain_writer"),
-                                                  scratch.path, "uuid", startText},
-                                                 {}),
-                        0);
-                });
-            }
-        }
-        for (const auto& entry : std::filesystem::directory_iterator(scratch.path)) {
-            if (entry.path().filename().string().starts_with("uuid-")) {
-                std::ifstream(entry.path()) >> uuids.emplace_back();
-            }
-        }
-        ASSERT_EQ(uuids.size(), 12U);
-        EXPECT_THAT(uuids, ::testing::Each(*Keychain::itemForKey(
-                               "device_uuid", "NorvAnalyticDeviceUUID", nullptr)));
-    }
-}
-
 // What another process saves reaches this one's cached identity without a word to it.
 TEST(SystemFileKeychainTest, AnotherProcesssSaveReplacesTheCachedUserIdWithinASecond) {
     const ScratchDirectory scratch;
