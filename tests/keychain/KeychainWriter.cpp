@@ -30,13 +30,12 @@ int main(int, char** argv) {
         }
         // One letter, chosen by the iteration, repeated: a value torn between two saves shows.
         const std::string value(256 * 1024, static_cast<char>('a' + iteration % 26));
-        for (int shared = 0; shared < 20; ++shared) {
-            if (!Keychain::saveItem(value.substr(0, 4096), "shared", "exchange", nullptr)) {
-                return 1;
-            }
+        bool saved = true;
+        for (int shared = 0; saved && shared < 20; ++shared) {
+            saved = Keychain::saveItem(value.substr(0, 4096), "shared", "exchange", nullptr);
             Keychain::deleteItemForKey("shared", "exchange", nullptr);
         }
-        if (!Keychain::saveItem(value, "victim", "churn", nullptr)) {
+        if (!saved || !Keychain::saveItem(value, "victim", "churn", nullptr)) {
             return 1;
         }
     }
