@@ -232,20 +232,16 @@ TEST(KeychainTest, EmptyKeyOrServiceRaisesWithTheCheckingOperationsName) {
 TEST(KeychainTest, AStoreThatCannotBeOpenedFailsEveryCallAsLockedAndADamagedOneStartsAnew) {
     const ScratchDirectory scratch;
     std::ofstream(scratch.path + "/plain-file") << "in the way";
-    using Call = bool (*)(std::optional<Error>*);
-    const Call calls[] = {
-        [](auto error) { return Keychain::itemForKey("token", "api", error).has_value(); },
-        // The save stops at its lookup and hands that error on as it is.
-        [](auto error) { return Keychain::saveItem("value", "token", "api", error); },
-        // Only a missing item's delete is wrapped.
-        [](auto error) { return Keychain::deleteItemForKey("token", "api", error); }};
     const auto backend = scratch.keychain("plain-file/keychain.sqlite");
-    for (const auto& call : calls) {
-        std::optional<Error> error;
-        EXPECT_FALSE(call(&error));
-        expectError(error, errSecInteractionNotAllowed, kNotAllowed);
-        EXPECT_FALSE(call(nullptr));
-    }
+    std::optional<Error> read, save, remove;
+    EXPECT_FALSE(Keychain::itemForKey("token", "api", &read).has_value());
+    expectError(read, errSecInteractionNotAllowed, kNotAllowed);
+    // The save stops at its lookup and hands that error on as it is.
+    EXPECT_FALSE(Keychain::saveItem("value", "token", "api", &save));
+    expectError(save, errSecInteractionNotAllowed, kNotAllowed);
+    // Only a missing item's delete is wrapped.
+    EXPECT_FALSE(Keychain::deleteItemForKey("token", "api", &remove));
+    expectError(remove, errSecInteractionNotAllowed, kNotAllowed);
     EXPECT_EQ(backend->add(query("token")), errSecInteractionNotAllowed);
 
     std::vector<DiagnosticLevel> reports;
