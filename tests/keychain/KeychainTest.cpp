@@ -23,6 +23,8 @@
 namespace NorvAnalytic {
 namespace {
 
+namespace fs = std::filesystem;
+
 const std::string kNotFound =
     "Item with key 'token' for service 'api' could not be found in the keychain.";
 const std::string kNotAllowed =
@@ -43,11 +45,11 @@ KeychainQuery query(const std::string& key, std::optional<Data> bytes = std::nul
 
 // A fresh temporary directory, removed with all it holds afterwards.
 struct ScratchDirectory {
-    std::string path = std::filesystem::temp_directory_path() / "norv-keychain-XXXXXX";
+    std::string path = fs::temp_directory_path() / "norv-keychain-XXXXXX";
     ScratchDirectory() { EXPECT_NE(::mkdtemp(path.data()), nullptr) << path; }
     ~ScratchDirectory() {
         std::error_code ignored;
-        std::filesystem::remove_all(path, ignored);
+        fs::remove_all(path, ignored);
     }
     std::shared_ptr<KeychainBackend> keychain(const std::string& file = "keychain.sqlite") const {
         auto backend = KeychainBackend::makeFileBackend(path + "/" + file);
@@ -208,9 +210,8 @@ TEST(KeychainTest, OtherStatusesMapToTheirFixedMessagesAndGroupsOnlyReachDeviceB
 TEST(KeychainTest, EmptyKeyOrServiceRaisesWithTheCheckingOperationsName) {
     const auto fake = std::make_shared<Testing::FakeKeychainBackend>();
     Platform::setKeychainBackend(fake);
-    using Call = void (*)(const Text&, const Text&);
     // The reads do not check for themselves; the lookup under them does.
-    const std::pair<Call, std::string> operations[] = {
+    const std::pair<void (*)(const Text&, const Text&), std::string> operations[] = {
         {[](auto& key, auto& service) { Keychain::saveItem(std::nullopt, key, service, nullptr); },
          "+[Keychain saveItem:forKey:forService:inAccessGroup:withAccessibility:error:] "},
         {[](auto& key, auto& service) { Keychain::deleteItemForKey(key, service, "g", nullptr); },
@@ -252,7 +253,7 @@ TEST(KeychainTest, AStoreThatCannotBeOpenedFailsEveryCallAsLockedAndADamagedOneS
     Platform::setDiagnosticsSink(nullptr);
     EXPECT_EQ(reports, std::vector<DiagnosticLevel>{DiagnosticLevel::Error});
     std::vector<std::uintmax_t> asideSizes;
-    for (const auto& entry : std::filesystem::directory_iterator(scratch.path)) {
+    for (const auto& entry : fs::directory_iterator(scratch.path)) {
         if (entry.path().filename().string().starts_with("keychain.sqlite.corrupt-")) {
             asideSizes.push_back(entry.file_size());
         }
@@ -287,32 +288,25 @@ TEST(FileKeychainBackendTest, DefaultPathFollowsXdgDataHome) {
     ::setenv("HOME", savedHome.c_str(), 1);
 }
 
-unsigned modeOf(const std::filesystem::path& path) {
-    return static_cast<unsigned>(std::filesystem::status(path).permissions());
+unsigned modeOf(const fs::path& path) {
+    return static_cast<unsigned>(fs::status(path).permissions());
 }
 
 TEST(FileKeychainBackendTest, KeepsItsDirectoriesAndFilesToTheOwner) {
     const ScratchDirectory scratch;
     // A directory and a file that others may read are narrowed when the store opens them.
-    std::filesystem::create_directory(scratch.path + "/loose");
+    fs::create_directory(scratch.path + "/loose");
     std::ofstream(scratch.path + "/loose/keychain.sqlite").close();
-    std::filesystem::permissions(scratch.path + "/loose", std::filesystem::perms(0755));
-    std::filesystem::permissions(scratch.path + "/loose/keychain.sqlite",
-                                 std::filesystem::perms(0644));
+    fs::permissions(scratch.path + "/loose", fs::perms(0755));
+    fs::permissions(scratch.path + "/loose/keychain.sqlite", fs::perms(0644));
     for (const std::string directory : {"data/NorvAnalytic", "loose"}) {
         ASSERT_EQ(scratch.keychain(directory + "/keychain.sqlite")->add(query("a")), errSecSuccess);
         EXPECT_EQ(modeOf(scratch.path + "/" + directory), 0700U);
-        for (const auto& entry :
-             std::filesystem::directory_iterator(scratch.path + "/" + directory)) {
+        for (const auto& entry : fs::directory_iterator(scratch.path + "/" + directory)) {
             EXPECT_EQ(modeOf(entry.path()), 0600U) << entry.path();
         }
     }
     EXPECT_EQ(modeOf(scratch.path + "/data"), 0700U);
-}
-
-// Every byte of the value one letter: a value torn between two saves shows.
-bool isWhole(const Text& value, std::size_t size) {
-    return value && value->size() == size && *value == std::string(size, value->front());
 }
 
 // A second process saves a large item, and saves and deletes a shared one, over and over, and
@@ -341,8 +335,9 @@ TEST(SystemFileKeychainTest, WritersInTwoProcessesLoseNoWriteAndAKilledOneTearsN
         childRunning = false;
         writers.clear();
         ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
-        EXPECT_TRUE(isWhole(Keychain::itemForKey("victim", "churn", nullptr), 256 * 1024))
-            << "torn after " << saves << " saves";
+        // Every byte of the value is one letter: a value torn between two saves shows.
+        const std::string victim = Keychain::itemForKey("victim", "churn", nullptr).value_or("-");
+        EXPECT_TRUE(victim == std::string(256 * 1024, victim.front())) << "torn after " << saves;
     }
 }
 
