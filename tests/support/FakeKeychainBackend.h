@@ -2,6 +2,7 @@
 
 #include <NorvAnalytic/KeychainBackend.h>
 
+#include <atomic>
 #include <cstddef>
 #include <map>
 #include <mutex>
@@ -19,10 +20,7 @@ public:
     }
 
     // How many copyMatching calls reached the backend so far.
-    std::size_t copyMatchingCalls() const {
-        const std::lock_guard lock(mutex_);
-        return copyMatchingCalls_;
-    }
+    std::size_t copyMatchingCalls() const { return copyMatchingCalls_; }
 
     OSStatus copyMatching(const KeychainQuery& query, KeychainItemAttributes* result) override {
         const std::lock_guard lock(mutex_);
@@ -70,7 +68,7 @@ private:
 
     mutable std::mutex mutex_;
     std::optional<OSStatus> failure_;
-    std::size_t copyMatchingCalls_ = 0;
+    std::atomic<std::size_t> copyMatchingCalls_ = 0;
     std::map<std::pair<std::string, std::string>, KeychainItemAttributes> items_;
 };
 
