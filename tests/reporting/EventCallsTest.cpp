@@ -71,8 +71,7 @@ TEST(EventCalls, EachCallSendsItsTypeValueAndSlots) {
         rows[i].call();
         const bool appOpen = rows[i].sent.typeId == "2";
         EXPECT_EQ(harness.http->bodies(),
-                  std::vector<std::string>{
-                      RequestBody::build(rows[i].sent, harness.facts(appOpen, "store-user-7"))})
+                  std::vector<std::string>{harness.body(rows[i].sent, appOpen, "store-user-7")})
             << "row " << i;
         EXPECT_EQ(harness.http->requests().at(0).url, ReportingHarness::kUrl);
     }
@@ -100,14 +99,11 @@ TEST(EventCalls, RequestTimingSendsElapsedSecondsOncePerStart) {
     NorvAnalytics::sendRequestStartTime(t0, "/e");
     NorvAnalytics::sendRequestEndTime(t0 - ms(250), "/e", std::nullopt, std::nullopt);
 
-    std::vector<std::string> expected;
-    for (const EventFields& sent : std::vector<EventFields>{{"1", 1.5F, "/a", "q=1", "ok"},
-                                                            {"1", 0.25F, "/b"},
-                                                            {"1", 0.0F, "/d"},
-                                                            {"1", -0.25F, "/e"}}) {
-        expected.push_back(RequestBody::build(sent, harness.facts(false)));
-    }
-    EXPECT_EQ(harness.http->bodies(), expected);
+    EXPECT_EQ(harness.http->bodies(),
+              (std::vector<std::string>{harness.body({"1", 1.5F, "/a", "q=1", "ok"}),
+                                        harness.body({"1", 0.25F, "/b"}),
+                                        harness.body({"1", 0.0F, "/d"}),
+                                        harness.body({"1", -0.25F, "/e"})}));
 }
 
 TEST(EventCalls, ManyThreadsLoseNoEvent) {

@@ -19,7 +19,7 @@ void refusedPages(ReportingHarness& harness, const Lines& names) {
 }
 
 std::string pageBody(ReportingHarness& harness, const std::string& name) {
-    return RequestBody::build({.typeId = "7", .pageName = name}, harness.facts(false));
+    return harness.body({.typeId = "7", .pageName = name});
 }
 
 TEST(Resend, RefusedEventsReturnOnePerTickOldestFirstAndOnlyOnce) {
@@ -61,9 +61,8 @@ TEST(Resend, AResendCarriesEveryFieldAndTheValueThroughItsSixDecimalText) {
     harness.http->clear();
     harness.tick();
     harness.tick();
-    EXPECT_EQ(
-        harness.http->bodies(),
-        (Lines{full, RequestBody::build({.typeId = "4", .endpoint = "/b"}, harness.facts(false))}));
+    EXPECT_EQ(harness.http->bodies(),
+              (Lines{full, harness.body({.typeId = "4", .endpoint = "/b"})}));
 }
 
 TEST(Resend, AnEventWithoutTypeHoldsTheQueueForGood) {

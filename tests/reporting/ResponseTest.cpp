@@ -59,8 +59,7 @@ TEST_F(Response, RefusedFirstSendsAreKeptAndEveryLevelLogsItsLine) {
     const auto page = [] { NorvAnalytics::sendEventWithPageName("Home"); };
     const std::string head =
         "NorvAnalytic Log :\n type = Page Open,\n message = saved,\n deviceUUID = " + uuid;
-    const std::string body =
-        RequestBody::build({.typeId = "7", .pageName = "Home"}, harness.facts(false));
+    const std::string body = harness.body({.typeId = "7", .pageName = "Home"});
     const std::vector<std::pair<int, Lines>> levels = {
         {1, {head}}, {2, {head + ",\n code = 200"}},
         {3, {head + ",\n code = 200,\n parameters = " + body}}, {0, {}}, {5, {}}, {-1, {}}};

@@ -28,12 +28,6 @@ void RecordingHttpClient::clear() {
     requests_.clear();
 }
 
-void RecordingHttpClient::answerAll(long status, const std::string& body) {
-    completeAll(body, HttpResponse{status});
-}
-
-void RecordingHttpClient::failAll() { completeAll(std::nullopt, std::nullopt); }
-
 void RecordingHttpClient::completeAll(const std::optional<std::string>& data,
                                       const std::optional<HttpResponse>& response) {
     std::vector<Completion> open;

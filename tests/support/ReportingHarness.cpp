@@ -55,12 +55,11 @@ std::string ReportingHarness::deviceUUID() const {
         .value_or("");
 }
 
-DeviceFacts ReportingHarness::facts(bool appOpen, const Text& userId) const {
+std::string ReportingHarness::body(const EventFields& sent, bool appOpen, const Text& user) const {
     // Only app-open events carry the battery (75%) and the store user id.
-    if (appOpen) {
-        return {kKey, deviceUUID(), "1.7.4", "iPhone 7", "17.1", 0.75F, userId};
-    }
-    return {kKey, deviceUUID(), "1.7.4", "iPhone 7", "17.1"};
+    return RequestBody::build(sent, {kKey, deviceUUID(), "1.7.4", "iPhone 7", "17.1",
+                                     appOpen ? std::optional(0.75F) : std::nullopt,
+                                     appOpen ? user : std::nullopt});
 }
 
 std::size_t ReportingHarness::savedCount() const {
