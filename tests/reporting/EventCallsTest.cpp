@@ -7,6 +7,7 @@
 #include <iterator>
 #include <set>
 #include <thread>
+#include <utility>
 
 #include "support/ReportingHarness.h"
 
@@ -19,11 +20,8 @@ TEST(EventCalls, EachCallSendsItsTypeValueAndSlots) {
     ReportingHarness harness;
     NorvAnalytics::saveStoreUserID("store-user-7");
     const std::string p = "p", r = "r";
-    struct Row {
-        std::function<void()> call;
-        EventFields sent;
-    };
-    const std::vector<Row> rows = {
+    // Each call, and the slots it must send.
+    const std::vector<std::pair<std::function<void()>, EventFields>> rows = {
         {[] { NorvAnalytics::sendUsername("ann"); }, {.username = "ann"}},
         {[] { NorvAnalytics::sendWarehouse("north"); }, {.warehouse = "north"}},
         {[] { NorvAnalytics::sendError("boom"); }, {.error = "boom"}},
@@ -66,10 +64,10 @@ TEST(EventCalls, EachCallSendsItsTypeValueAndSlots) {
     };
     for (std::size_t i = 0; i < rows.size(); ++i) {
         harness.http->clear();
-        rows[i].call();
-        const bool appOpen = rows[i].sent.typeId == "2";
+        rows[i].first();
+        const bool appOpen = rows[i].second.typeId == "2";
         EXPECT_EQ(harness.http->bodies(),
-                  std::vector<std::string>{harness.body(rows[i].sent, appOpen, "store-user-7")})
+                  std::vector<std::string>{harness.body(rows[i].second, appOpen, "store-user-7")})
             << "row " << i;
         EXPECT_EQ(harness.http->requests().at(0).url, ReportingHarness::kUrl);
     }

@@ -2,6 +2,8 @@
 
 #include <NorvAnalytic/MainQueue.h>
 
+#include <algorithm>
+
 namespace NorvAnalytic::Testing {
 
 void RecordingHttpClient::send(HttpRequest request, Completion completion) {
@@ -16,10 +18,9 @@ std::vector<HttpRequest> RecordingHttpClient::requests() const {
 }
 
 std::vector<std::string> RecordingHttpClient::bodies() const {
-    std::vector<std::string> bodies;
-    for (const HttpRequest& request : requests()) {
-        bodies.push_back(request.body);
-    }
+    std::lock_guard lock(mutex_);
+    std::vector<std::string> bodies(requests_.size());
+    std::ranges::transform(requests_, bodies.begin(), &HttpRequest::body);
     return bodies;
 }
 

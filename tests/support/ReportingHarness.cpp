@@ -15,16 +15,12 @@ ReportingHarness::ReportingHarness() {
     Platform::setDevice(device);
     Platform::setKeychainBackend(keychain);
     Platform::setReachabilityService(reachability);
-    MainQueue::main().sync([] {
-        Event::savedEvents().clear();
-        NorvAnalytics::sharedController().setAlertController(nullptr);
-    });
     NorvAnalytics::setLogLevel(0);
     restart();
 }
 
 ReportingHarness::~ReportingHarness() {
-    // Stop this test's timers so the next test starts with none.
+    // Stop this test's timers and drop its events and alert, so the next test starts clean.
     MainQueue::main().sync([] {
         auto& controller = NorvAnalytics::sharedController();
         controller.setIsEnabled(false);
@@ -32,6 +28,7 @@ ReportingHarness::~ReportingHarness() {
             timer->invalidate();
         }
         Event::savedEvents().clear();
+        controller.setAlertController(nullptr);
     });
     setMainQueueClock(nullptr);
     Platform::setHttpClient(nullptr);
