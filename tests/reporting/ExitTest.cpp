@@ -16,9 +16,7 @@ TEST(Exit, HostReturningFromMainWithRequestsInFlightExitsCleanly) {
     std::filesystem::create_directories(dataHome);
     const auto answeringAfter = [](std::chrono::milliseconds delay) {
         return [delay](const std::string&, const std::string&) {
-            Testing::LocalHttpServer::Answer answer;
-            answer.delay = delay;
-            return answer;
+            return Testing::LocalHttpServer::Answer{.delay = delay};
         };
     };
     Testing::LocalHttpServer slow;

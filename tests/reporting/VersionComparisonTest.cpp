@@ -2,6 +2,7 @@
 
 #include <compare>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "reporting/VersionComparison.h"
@@ -9,11 +10,7 @@
 namespace NorvAnalytic {
 namespace {
 
-struct Case {
-    std::string left;
-    std::string right;
-    std::strong_ordering expected;
-};
+using Case = std::tuple<std::string, std::string, std::strong_ordering>;
 
 void expectOrders(const std::vector<Case>& cases) {
     for (const auto& [left, right, expected] : cases) {

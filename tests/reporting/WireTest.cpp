@@ -24,8 +24,7 @@ TEST(Wire, AnEventTravelsOverRealHttpAndItsAnswerIsHandledOnTheMainQueue) {
     NorvAnalytics::sharedController().setUrlString(server.url());
     NorvAnalytics::sendAppOpenEvent();
     ASSERT_TRUE(server.waitForCount(1));
-    EXPECT_EQ(server.bodies().at(0),
-              RequestBody::build({.typeId = "2", .value = 1.0F}, harness.facts(true)));
+    EXPECT_EQ(server.bodies().at(0), harness.body({.typeId = "2", .value = 1.0F}, true));
     // Byte for byte, whatever the host's locale: the server parses a decimal point.
     EXPECT_THAT(server.bodies().at(0),
                 testing::AllOf(testing::HasSubstr("&value=1.000000&"),

@@ -2,6 +2,8 @@
 
 #include <NorvAnalytic/MainQueue.h>
 
+#include <algorithm>
+
 namespace NorvAnalytic::Testing {
 
 void RecordingHttpClient::send(HttpRequest request, Completion completion) {
@@ -16,10 +18,9 @@ std::vector<HttpRequest> RecordingHttpClient::requests() const {
 }
 
 std::vector<std::string> RecordingHttpClient::bodies() const {
-    std::vector<std::string> bodies;
-    for (const HttpRequest& request : requests()) {
-        bodies.push_back(request.body);
-    }
+    std::lock_guard lock(mutex_);
+    std::vector<std::string> bodies(requests_.size());
+    std::ranges::transform(requests_, bodies.begin(), &HttpRequest::body);
     return bodies;
 }
 
@@ -27,12 +28,6 @@ void RecordingHttpClient::clear() {
     std::lock_guard lock(mutex_);
     requests_.clear();
 }
-
-void RecordingHttpClient::answerAll(long status, const std::string& body) {
-    completeAll(body, HttpResponse{status});
-}
-
-void RecordingHttpClient::failAll() { completeAll(std::nullopt, std::nullopt); }
 
 void RecordingHttpClient::completeAll(const std::optional<std::string>& data,
                                       const std::optional<HttpResponse>& response) {

@@ -21,9 +21,9 @@ public:
 
     // Answers every request still open, oldest first, and waits until the main queue has
     // handled the answers.
-    void answerAll(long status, const std::string& body);
+    void answerAll(long status, std::string body) { completeAll(body, HttpResponse{status}); }
     // Fails every request still open without an answer, as a transport error does.
-    void failAll();
+    void failAll() { completeAll(std::nullopt, std::nullopt); }
 
 private:
     void completeAll(const std::optional<std::string>& data,

@@ -15,16 +15,12 @@ ReportingHarness::ReportingHarness() {
     Platform::setDevice(device);
     Platform::setKeychainBackend(keychain);
     Platform::setReachabilityService(reachability);
-    MainQueue::main().sync([] {
-        Event::savedEvents().clear();
-        NorvAnalytics::sharedController().setAlertController(nullptr);
-    });
     NorvAnalytics::setLogLevel(0);
     restart();
 }
 
 ReportingHarness::~ReportingHarness() {
-    // Stop this test's timers so the next test starts with none.
+    // Stop this test's timers and drop its events and alert, so the next test starts clean.
     MainQueue::main().sync([] {
         auto& controller = NorvAnalytics::sharedController();
         controller.setIsEnabled(false);
@@ -32,6 +28,7 @@ ReportingHarness::~ReportingHarness() {
             timer->invalidate();
         }
         Event::savedEvents().clear();
+        controller.setAlertController(nullptr);
     });
     setMainQueueClock(nullptr);
     Platform::setHttpClient(nullptr);
@@ -55,12 +52,11 @@ std::string ReportingHarness::deviceUUID() const {
         .value_or("");
 }
 
-DeviceFacts ReportingHarness::facts(bool appOpen, const Text& userId) const {
+std::string ReportingHarness::body(const EventFields& sent, bool appOpen, const Text& user) const {
     // Only app-open events carry the battery (75%) and the store user id.
-    if (appOpen) {
-        return {kKey, deviceUUID(), "1.7.4", "iPhone 7", "17.1", 0.75F, userId};
-    }
-    return {kKey, deviceUUID(), "1.7.4", "iPhone 7", "17.1"};
+    return RequestBody::build(sent, {kKey, deviceUUID(), "1.7.4", "iPhone 7", "17.1",
+                                     appOpen ? std::optional(0.75F) : std::nullopt,
+                                     appOpen ? user : std::nullopt});
 }
 
 std::size_t ReportingHarness::savedCount() const {

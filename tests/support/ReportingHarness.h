@@ -34,8 +34,9 @@ public:
     // One second of the resend timer; returns once the main queue has run its ticks.
     void tick();
     std::string deviceUUID() const;
-    // The facts this device adds to an event, for RequestBody::build.
-    DeviceFacts facts(bool appOpen, const Text& userId = std::nullopt) const;
+    // The body this device sends for an event with these slots.
+    std::string body(const EventFields& sent, bool appOpen = false,
+                     const Text& userId = std::nullopt) const;
     std::size_t savedCount() const;
 
     RecordingLogSink log;
