@@ -57,4 +57,8 @@ bool EventCatalogue::isAppOpen(const Text& typeId) {
     return typeId && *typeId == kEventTypes[AppOpen].id;
 }
 
+std::string EventCatalogue::describe(const Text& typeId) {
+    return typeName(typeId) + " event (type " + typeId.value_or("(null)") + ")";
+}
+
 }  // namespace NorvAnalytic

@@ -34,6 +34,8 @@ public:
     // The name of a type id, or "" for an id without one.
     static std::string typeName(const Text& typeId);
     static bool isAppOpen(const Text& typeId);
+    // "App Open event (type 2)": how diagnostics lines name an event.
+    static std::string describe(const Text& typeId);
 };
 
 }  // namespace NorvAnalytic

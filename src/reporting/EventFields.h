@@ -31,12 +31,28 @@ struct EventFields {
     void copyTo(Event& event) const;
 };
 
-// Every text slot of EventFields, in order.
-inline constexpr std::array<Text EventFields::*, 11> kEventFieldTexts = {
-    &EventFields::typeId,   &EventFields::endpoint,         &EventFields::parameters,
-    &EventFields::response, &EventFields::pageName,         &EventFields::playerId,
-    &EventFields::username, &EventFields::warehouse,        &EventFields::error,
-    &EventFields::deviceCustomName, &EventFields::deviceName};
+// Every text slot once, in order: where the model, the answer context and the saved event keep
+// it. Whatever copies or stores the slots walks this table.
+struct EventFieldSlot {
+    Text EventFields::*fields;
+    Text EventResponseContext::*context;
+    Text Event::*saved;
+};
+
+inline constexpr std::array<EventFieldSlot, 11> kEventFieldSlots = {{
+    {&EventFields::typeId, &EventResponseContext::typeId, &Event::eventTypeId},
+    {&EventFields::endpoint, &EventResponseContext::endpoint, &Event::endpoint},
+    {&EventFields::parameters, &EventResponseContext::parameters, &Event::parameters},
+    {&EventFields::response, &EventResponseContext::response, &Event::response},
+    {&EventFields::pageName, &EventResponseContext::pageName, &Event::pageName},
+    {&EventFields::playerId, &EventResponseContext::playerId, &Event::player_id},
+    {&EventFields::username, &EventResponseContext::username, &Event::username},
+    {&EventFields::warehouse, &EventResponseContext::warehouse, &Event::warehouse},
+    {&EventFields::error, &EventResponseContext::error, &Event::error},
+    {&EventFields::deviceCustomName, &EventResponseContext::deviceCustomName,
+     &Event::deviceCustomName},
+    {&EventFields::deviceName, &EventResponseContext::deviceName, &Event::deviceName},
+}};
 
 // Appends a refused event to Event::savedEvents(). Main queue only.
 void keepEvent(const EventFields& event, std::int64_t statusCode);

@@ -62,9 +62,8 @@ void NorvAnalytics::handleEventResponse(const EventResponseContext& context,
         // The HTTP client reports a burst of drops from a full queue once, not per event.
         if (Diagnostics::isOn() && transportError != CurlHttpClient::kDroppedMessage) {
             Diagnostics::report(DiagnosticLevel::Warning,
-                                controller.getTypeName(context.typeId) + " event (type " +
-                                    context.typeId.value_or("(null)") + ") was not delivered: " +
-                                    transportError.value_or("no answer"));
+                                EventCatalogue::describe(context.typeId) +
+                                    " was not delivered: " + transportError.value_or("no answer"));
         }
         return;
     }

@@ -81,8 +81,7 @@ void sendEvent(const EventFields& event, bool isSavedEvent) {
     if (!destination || !destination->url) {
         if (Diagnostics::isOn()) {
             Diagnostics::report(DiagnosticLevel::Info,
-                                EventCatalogue::typeName(event.typeId) + " event (type " +
-                                    event.typeId.value_or("(null)") + ") dropped: " +
+                                EventCatalogue::describe(event.typeId) + " dropped: " +
                                     (destination ? "there is no collection URL"
                                                  : "collection is off (before initWithKey, or "
                                                    "switched off by the server)"));

@@ -9,7 +9,7 @@ SentEvent::SentEvent(const EventFields& event, std::shared_ptr<const DeviceFacts
                      bool isSavedEvent)
     : facts_(std::move(facts)), value_(event.value), isSavedEvent_(isSavedEvent) {
     for (std::size_t slot = 0; slot < texts_.size(); ++slot) {
-        if (const Text& text = event.*kEventFieldTexts[slot]) {
+        if (const Text& text = event.*kEventFieldSlots[slot].fields) {
             texts_[slot] = std::make_unique<const std::string>(*text);
         }
     }
@@ -31,7 +31,7 @@ EventFields SentEvent::fields() const {
     event.value = value_;
     for (std::size_t slot = 0; slot < texts_.size(); ++slot) {
         if (texts_[slot]) {
-            event.*kEventFieldTexts[slot] = *texts_[slot];
+            event.*kEventFieldSlots[slot].fields = *texts_[slot];
         }
     }
     return event;

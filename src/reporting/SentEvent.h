@@ -32,9 +32,9 @@ public:
     EventResponseContext context() const;
 
 private:
-    static_assert(kEventFieldTexts[0] == &EventFields::typeId);
+    static_assert(kEventFieldSlots[0].fields == &EventFields::typeId);
 
-    std::array<std::unique_ptr<const std::string>, kEventFieldTexts.size()> texts_;
+    std::array<std::unique_ptr<const std::string>, kEventFieldSlots.size()> texts_;
     std::shared_ptr<const DeviceFacts> facts_;
     float value_;
     bool isSavedEvent_;
