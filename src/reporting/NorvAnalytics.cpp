@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "platform/Diagnostics.h"
-#include "platform/MainQueueCheck.h"
 #include "reporting/CollectionUrl.h"
 #include "reporting/ControllerState.h"
 #include "reporting/EventCatalogue.h"

@@ -1,5 +1,4 @@
 #include <NorvAnalytic/Bundle.h>
-#include <NorvAnalytic/Keychain.h>
 #include <NorvAnalytic/NorvAnalytics.h>
 #include <NorvAnalytic/Platform.h>
 
