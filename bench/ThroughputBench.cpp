@@ -102,6 +102,9 @@ int main(int argc, char** argv) {
     if (const char* caFile = std::getenv("NORV_THROUGHPUT_CA")) {
         curlClient()->setCaInfo(caFile);
     }
+    if (const char* depth = std::getenv("NORV_THROUGHPUT_PIPELINE")) {
+        curlClient()->setPipelineDepth(std::strtoul(depth, nullptr, 10));
+    }
     NorvAnalytic::Platform::setHttpClient(completionCounter());
     NorvAnalytics::initWithKey(std::string("bench-key"));
     NorvAnalytics::sharedController().setUrlString(std::string(url));

@@ -1,7 +1,8 @@
 #!/bin/bash
 # Measures events per second, CPU per event and peak memory delivered end to end: starts
 # Debian's nginx on two free loopback ports, plain HTTP and TLS (with a certificate made here),
-# with a fixed collection answer, runs throughput_bench against each, stops nginx.
+# with a fixed collection answer, runs throughput_bench against each, one request per
+# connection at a time and then pipelined 16 deep, stops nginx.
 # usage: bench/run-throughput.sh [path/to/throughput_bench] [benchmark options...]
 set -euo pipefail
 
@@ -71,8 +72,11 @@ for _ in $(seq 100); do
 done
 
 echo "nginx $($nginx -v 2>&1 | sed 's/.*nginx\///') on 127.0.0.1:$port, TLS on $tls_port"
-echo "== plain HTTP"
-NORV_THROUGHPUT_URL="http://127.0.0.1:$port/api/v3/saveEvent" "$bench" "$@"
-echo "== TLS"
-NORV_THROUGHPUT_URL="https://127.0.0.1:$tls_port/api/v3/saveEvent" \
-    NORV_THROUGHPUT_CA="$work/cert.pem" "$bench" "$@"
+for depth in 1 16; do
+    echo "== plain HTTP, pipeline depth $depth"
+    NORV_THROUGHPUT_PIPELINE=$depth NORV_THROUGHPUT_URL="http://127.0.0.1:$port/api/v3/saveEvent" \
+        "$bench" "$@"
+    echo "== TLS, pipeline depth $depth"
+    NORV_THROUGHPUT_PIPELINE=$depth NORV_THROUGHPUT_URL="https://127.0.0.1:$tls_port/api/v3/saveEvent" \
+        NORV_THROUGHPUT_CA="$work/cert.pem" "$bench" "$@"
+done

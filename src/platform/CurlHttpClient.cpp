@@ -34,11 +34,6 @@ constexpr long kMaxConnectionsPerHost = 6;
 // own FIFO. A handle beyond the connection limit would enter curl's pending list, which curl
 // scans on every change and which, on libcurl 7.88, can stall until the next poll time-out.
 constexpr std::size_t kMaxActiveTransfers = kMaxConnectionsPerHost;
-// Requests written ahead of their answers on one kept connection. A curl transfer costs a
-// send, a receive and a poll per request, and libcurl's own work besides: on loopback it
-// tops out near 30,000 requests a second. Written back to back, answers arrive many to a
-// read; past 16 the gain was within noise.
-constexpr std::size_t kPipelineDepth = 16;
 // Distinct URLs remembered with their parsed form; the SDK posts to one.
 constexpr std::size_t kMaxRoutes = 64;
 constexpr long kIdleTimeoutSeconds = 60;
@@ -84,7 +79,6 @@ public:
         // New connections resume earlier TLS sessions instead of a full handshake each.
         share_ = curl_share_init();
         curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
-        curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, kMaxConnectionsPerHost);
         proxied_ = proxyConfigured();
         Registry& registry = Registry::instance();
         std::lock_guard lock(registry.mutex);
@@ -164,6 +158,12 @@ public:
         ++configVersion_;
     }
 
+    void setPipelineDepth(std::size_t requests) {
+        std::lock_guard lock(mutex_);
+        config_.pipelineDepth = std::max<std::size_t>(requests, 1);
+        ++configVersion_;
+    }
+
     // Stops the network thread and waits for it. Pending requests either complete with an
     // error (a client that is destroyed) or are dropped unseen (a process that is exiting).
     // A client that never started is stopped for good, so nothing starts during exit.
@@ -205,9 +205,10 @@ private:
     struct Config {
         std::vector<std::string> connectTo;
         std::string caInfo;
+        std::size_t pipelineDepth = 1;
     };
 
-    // A scheme, host and port that POSTs go to over pipelined connections.
+    // A scheme, host and port that POSTs go to over kept connections of our own.
     struct Origin {
         std::string connectUrl;
         bool encrypted = false;
@@ -374,13 +375,14 @@ private:
         return origin.budget > 0 && origin.budget-- > 0;
     }
 
-    static std::size_t freeSlots(const Origin& origin) {
+    std::size_t freeSlots(const Origin& origin) const {
+        const std::size_t allowed = pipelineDepth_;
         std::size_t live = 0;
         std::size_t free = 0;
         for (const auto& connection : origin.connections) {
             if (!connection->isClosed() && !connection->isRetired()) {
                 ++live;
-                free += connection->room();
+                free += connection->room(allowed);
             }
         }
         return free + (live < kMaxConnectionsPerHost ? kMaxConnectionsPerHost - live : 0);
@@ -465,6 +467,7 @@ private:
     void place(Route& route, Pending pending) noexcept {
         try {
             Origin& origin = *route.origin;
+            const std::size_t allowed = pipelineDepth_;
             PipelinedConnection* chosen = nullptr;
             std::size_t live = 0;
             for (const auto& connection : origin.connections) {
@@ -480,13 +483,13 @@ private:
                 chosen = openConnection(origin);
             }
             for (const auto& connection : origin.connections) {
-                if (chosen == nullptr ||
-                    (connection->room() > 0 && chosen->room() == 0) ||
-                    (connection->room() > 0 && connection->load() < chosen->load())) {
-                    chosen = connection->room() > 0 ? connection.get() : chosen;
+                if (chosen == nullptr && connection->room(allowed) > 0) {
+                    chosen = connection.get();
+                } else if (connection->room(allowed) > 0 && connection->load() < chosen->load()) {
+                    chosen = connection.get();
                 }
             }
-            if (chosen == nullptr || chosen->room() == 0) {
+            if (chosen == nullptr) {
                 throw std::bad_alloc();
             }
             head_ = route.headPrefix;
@@ -510,8 +513,7 @@ private:
         if (easy == nullptr) {
             return nullptr;
         }
-        auto connection = std::make_unique<PipelinedConnection>(multi_, easy, origin.encrypted,
-                                                                kPipelineDepth);
+        auto connection = std::make_unique<PipelinedConnection>(multi_, easy, origin.encrypted);
         curl_easy_setopt(easy, CURLOPT_URL, origin.connectUrl.c_str());
         curl_easy_setopt(easy, CURLOPT_CONNECT_ONLY, 1L);
         applyCommonSettings(easy);
@@ -554,6 +556,7 @@ private:
             connectTo_ = curl_slist_append(connectTo_, entry.c_str());
         }
         caInfo_ = config_.caInfo;
+        pipelineDepth_ = config_.pipelineDepth;
         appliedConfigVersion_ = configVersion_;
         // Connections made with the old settings finish what they carry, then close.
         for (const auto& origin : origins_) {
@@ -878,6 +881,7 @@ private:
     std::vector<PipelinedConnection*> readable_;
     curl_slist* connectTo_ = nullptr;
     std::string caInfo_;
+    std::size_t pipelineDepth_ = 1;
     std::uint64_t appliedConfigVersion_ = 0;
 };
 
@@ -895,6 +899,8 @@ void CurlHttpClient::connectTo(const std::string& hostAndPort,
 }
 
 void CurlHttpClient::setCaInfo(const std::string& path) { impl_->setCaInfo(path); }
+
+void CurlHttpClient::setPipelineDepth(std::size_t requests) { impl_->setPipelineDepth(requests); }
 
 void CurlHttpClient::setQueueLimits(std::size_t maxRequests, std::size_t maxBytes) {
     impl_->setQueueLimits(maxRequests, maxBytes);

@@ -16,9 +16,8 @@ constexpr std::size_t kReadSize = 64 << 10;
 
 }  // namespace
 
-PipelinedConnection::PipelinedConnection(CURLM* multi, CURL* easy, bool encrypted,
-                                         std::size_t depth)
-    : multi_(multi), easy_(easy), encrypted_(encrypted), depth_(depth), parser_(kMaxAnswerBytes) {
+PipelinedConnection::PipelinedConnection(CURLM* multi, CURL* easy, bool encrypted)
+    : multi_(multi), easy_(easy), encrypted_(encrypted), parser_(kMaxAnswerBytes) {
     curl_easy_setopt(easy_, CURLOPT_ERRORBUFFER, errorBuffer_.data());
     curl_easy_setopt(easy_, CURLOPT_PRIVATE, nullptr);
 }
@@ -28,11 +27,11 @@ PipelinedConnection::~PipelinedConnection() {
     curl_easy_cleanup(easy_);
 }
 
-std::size_t PipelinedConnection::room() const {
+std::size_t PipelinedConnection::room(std::size_t depth) const {
     if (state_ == State::Closed || retiring_) {
         return 0;
     }
-    const std::size_t limit = pipelining_ ? depth_ : 1;
+    const std::size_t limit = keptOpen_ ? depth : 1;
     return inFlight_.size() < limit ? limit - inFlight_.size() : 0;
 }
 
@@ -171,7 +170,7 @@ bool PipelinedConnection::deliver(HttpAnswerParser::Answer answer, Results& resu
     results.answered.emplace_back(std::move(inFlight_.front().pending), std::move(answer));
     inFlight_.pop_front();
     if (keepAlive) {
-        pipelining_ = true;
+        keptOpen_ = true;
         return true;
     }
     // Behind an answer cut short the server may have read later requests: they count as sent.

@@ -17,11 +17,10 @@
 
 namespace NorvAnalytic {
 
-// One kept HTTP/1.1 connection that carries several requests at once. curl opens it (name
-// lookup, proxy-free connect, TLS with verification) as a connect-only transfer that stays in
-// the multi handle; this class then writes requests back to back and reads their answers in
-// order. A connection carries one request at a time until a first answer shows that the
-// server keeps it open.
+// One kept HTTP/1.1 connection that can carry several requests at once. curl opens it (name
+// lookup, connect, TLS with verification) as a connect-only transfer that stays in the multi
+// handle; this class then writes requests back to back and reads their answers in order. It
+// carries one request at a time until a first answer shows that the server keeps it open.
 class PipelinedConnection {
 public:
     using Clock = std::chrono::steady_clock;
@@ -37,7 +36,7 @@ public:
     };
 
     // Takes the connect-only handle, before it is added to the multi handle.
-    PipelinedConnection(CURLM* multi, CURL* easy, bool encrypted, std::size_t depth);
+    PipelinedConnection(CURLM* multi, CURL* easy, bool encrypted);
     ~PipelinedConnection();
 
     PipelinedConnection(const PipelinedConnection&) = delete;
@@ -47,8 +46,8 @@ public:
     bool isClosed() const { return state_ == State::Closed; }
     bool isOpen() const { return state_ == State::Open; }
     std::size_t load() const { return inFlight_.size(); }
-    // How many more requests it takes now.
-    std::size_t room() const;
+    // How many more requests it takes now, when it may carry `depth` at once.
+    std::size_t room(std::size_t depth) const;
     // No new request goes here; the connection closes once its requests are answered.
     void retire() { retiring_ = true; }
     bool isRetired() const { return retiring_; }
@@ -83,10 +82,9 @@ private:
     CURLM* multi_;
     CURL* easy_;
     bool encrypted_;
-    std::size_t depth_;
     State state_ = State::Connecting;
     curl_socket_t socket_ = CURL_SOCKET_BAD;
-    bool pipelining_ = false;
+    bool keptOpen_ = false;
     bool retiring_ = false;
     // Requests are appended to out_; writing_ is what is being written, left untouched until
     // it is all out, since a TLS write that must be retried needs the very same bytes.

@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <algorithm>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -133,6 +135,62 @@ TEST(CurlHttpClientTest, AHostileServerNeverGrowsMemoryOrTheQueueAndLaterEventsS
     }
     EXPECT_EQ(post(client, server.url(), "later").get(), "500 []");
     Platform::setDiagnosticsSink(nullptr);
+}
+
+// Python's HTTP/1.1 server answers requests written back to back in order, so it is sent 16 at
+// a time; cpp-httplib (the LocalHttpServer), which drops a request read along with another,
+// gets one at a time and closes every fifth connection. Both echo the body.
+TEST(CurlHttpClientTest, RequestsWrittenBackToBackEachGetTheirOwnAnswerOnceWhateverTheServer) {
+    const char* script =
+        "import http.server as h\n"
+        "class E(h.BaseHTTPRequestHandler):\n"
+        "    protocol_version = 'HTTP/1.1'\n"
+        "    def do_POST(self):\n"
+        "        body = self.rfile.read(int(self.headers['Content-Length']))\n"
+        "        self.send_response(200)\n"
+        "        self.send_header('Content-Length', str(len(body)))\n"
+        "        self.end_headers()\n"
+        "        self.wfile.write(body)\n"
+        "    def log_message(self, *args): pass\n"
+        "s = h.ThreadingHTTPServer(('127.0.0.1', 0), E)\n"
+        "print(s.server_address[1], flush=True)\n"
+        "s.serve_forever()\n";
+    const fs::path directory = makeDirectory();
+    std::ofstream(directory / "echo.py") << script;
+    FILE* python = ::popen(("exec python3 " + (directory / "echo.py").string()).c_str(), "r");
+    ASSERT_NE(python, nullptr);
+    int pythonPort = 0;
+    ASSERT_EQ(std::fscanf(python, "%d", &pythonPort), 1);
+    LocalHttpServer httplibServer;
+    httplibServer.setResponder([](auto&, const std::string& body) {
+        return LocalHttpServer::Answer{200, body};
+    });
+
+    for (const auto& [url, depth] :
+         {std::pair{"http://127.0.0.1:" + std::to_string(pythonPort) + "/e", 16},
+          std::pair{httplibServer.url(), 1}}) {
+        CurlHttpClient client;
+        client.setPipelineDepth(depth);
+        std::vector<std::future<std::string>> outcomes;
+        std::string expected;
+        for (int index = 0; index < 300; ++index) {
+            outcomes.push_back(post(client, url, "n=" + std::to_string(index)));
+            expected += "200 [n=" + std::to_string(index) + "]\n";
+        }
+        std::string got;
+        for (auto& outcome : outcomes) {
+            got += outcome.get() + "\n";
+        }
+        EXPECT_EQ(got, expected) << url;
+    }
+    // Each request reached httplib once: the dropped ones were sent again, the others not.
+    auto bodies = httplibServer.bodies();
+    std::ranges::sort(bodies);
+    EXPECT_EQ(std::ranges::unique(bodies).size(), 0U);
+    EXPECT_EQ(bodies.size(), 300U);
+    ::system(("pkill -f " + (directory / "echo.py").string()).c_str());
+    ::pclose(python);
+    fs::remove_all(directory);
 }
 
 // True once this process has no child left, running or unreaped. The opener and its detached
