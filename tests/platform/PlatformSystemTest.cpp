@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -142,7 +143,7 @@ TEST(CurlHttpClientTest, AHostileServerNeverGrowsMemoryOrTheQueueAndLaterEventsS
 // gets one at a time and closes every fifth connection. Both echo the body.
 TEST(CurlHttpClientTest, RequestsWrittenBackToBackEachGetTheirOwnAnswerOnceWhateverTheServer) {
     const char* script =
-        "import http.server as h\n"
+        "import http.server as h, os\n"
         "class E(h.BaseHTTPRequestHandler):\n"
         "    protocol_version = 'HTTP/1.1'\n"
         "    def do_POST(self):\n"
@@ -153,14 +154,15 @@ TEST(CurlHttpClientTest, RequestsWrittenBackToBackEachGetTheirOwnAnswerOnceWhate
         "        self.wfile.write(body)\n"
         "    def log_message(self, *args): pass\n"
         "s = h.ThreadingHTTPServer(('127.0.0.1', 0), E)\n"
-        "print(s.server_address[1], flush=True)\n"
+        "print(s.server_address[1], os.getpid(), flush=True)\n"
         "s.serve_forever()\n";
     const fs::path directory = makeDirectory();
     std::ofstream(directory / "echo.py") << script;
     FILE* python = ::popen(("exec python3 " + (directory / "echo.py").string()).c_str(), "r");
     ASSERT_NE(python, nullptr);
     int pythonPort = 0;
-    ASSERT_EQ(std::fscanf(python, "%d", &pythonPort), 1);
+    int pythonPid = 0;
+    ASSERT_EQ(std::fscanf(python, "%d %d", &pythonPort, &pythonPid), 2);
     LocalHttpServer httplibServer;
     httplibServer.setResponder([](auto&, const std::string& body) {
         return LocalHttpServer::Answer{200, body};
@@ -188,7 +190,7 @@ TEST(CurlHttpClientTest, RequestsWrittenBackToBackEachGetTheirOwnAnswerOnceWhate
     std::ranges::sort(bodies);
     EXPECT_EQ(std::ranges::unique(bodies).size(), 0U);
     EXPECT_EQ(bodies.size(), 300U);
-    ::system(("pkill -f " + (directory / "echo.py").string()).c_str());
+    ::kill(pythonPid, SIGTERM);
     ::pclose(python);
     fs::remove_all(directory);
 }
