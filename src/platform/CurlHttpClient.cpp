@@ -5,6 +5,7 @@
 #include "platform/PipelinedConnection.h"
 
 #include <curl/curl.h>
+#include <openssl/ssl.h>
 #include <pthread.h>
 #include <signal.h>
 
@@ -516,6 +517,7 @@ private:
         auto connection = std::make_unique<PipelinedConnection>(multi_, easy, origin.encrypted);
         curl_easy_setopt(easy, CURLOPT_URL, origin.connectUrl.c_str());
         curl_easy_setopt(easy, CURLOPT_CONNECT_ONLY, 1L);
+        curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, &Impl::readAhead);
         applyCommonSettings(easy);
         origin.connections.push_back(std::move(connection));
         if (curl_multi_add_handle(multi_, easy) != CURLM_OK) {
@@ -523,6 +525,14 @@ private:
             return nullptr;
         }
         return origin.connections.back().get();
+    }
+
+    // Without read-ahead the TLS library takes each record with two receives, header then
+    // body; with it, the answers of a whole pipeline come in one. libcurl is built on OpenSSL
+    // here; with another TLS library curl refuses the option and nothing changes.
+    static CURLcode readAhead(CURL*, void* context, void*) noexcept {
+        SSL_CTX_set_read_ahead(static_cast<SSL_CTX*>(context), 1);
+        return CURLE_OK;
     }
 
     void startTransfer(Pending pending) noexcept {
