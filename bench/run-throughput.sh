@@ -1,8 +1,8 @@
 #!/bin/bash
 # Measures events per second, CPU per event and peak memory delivered end to end: starts
 # Debian's nginx on two free loopback ports, plain HTTP and TLS (with a certificate made here),
-# with a fixed collection answer, runs throughput_bench against each, one request per
-# connection at a time and then pipelined 16 deep, stops nginx.
+# with a fixed collection answer, runs throughput_bench against each, pipelined as by default
+# and then one request per connection at a time, stops nginx.
 # usage: bench/run-throughput.sh [path/to/throughput_bench] [benchmark options...]
 set -euo pipefail
 
@@ -72,7 +72,7 @@ for _ in $(seq 100); do
 done
 
 echo "nginx $($nginx -v 2>&1 | sed 's/.*nginx\///') on 127.0.0.1:$port, TLS on $tls_port"
-for depth in 1 16; do
+for depth in 16 1; do
     echo "== plain HTTP, pipeline depth $depth"
     NORV_THROUGHPUT_PIPELINE=$depth NORV_THROUGHPUT_URL="http://127.0.0.1:$port/api/v3/saveEvent" \
         "$bench" "$@"

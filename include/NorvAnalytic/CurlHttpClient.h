@@ -34,10 +34,10 @@ public:
     void connectTo(const std::string& hostAndPort, const std::string& addressAndPort);
     // Verifies TLS peers against this CA bundle instead of the system's.
     void setCaInfo(const std::string& path);
-    // Lets a connection carry up to this many POSTs at once, written before the earlier ones
-    // are answered (HTTP/1.1 pipelining): fewer system calls per event on both ends. Only for a
-    // server known to answer them in order; some (cpp-httplib among them) drop a request that
-    // arrives together with another. Default 1: one request per connection at a time.
+    // At most this many POSTs on a connection at once, written before the earlier ones are
+    // answered (HTTP/1.1 pipelining): fewer system calls per event on both ends. A server gets
+    // more than one only after it answered two requests that arrived together; some (cpp-httplib
+    // among them) drop the second, and then get one at a time. Default 16; 1 turns it off.
     void setPipelineDepth(std::size_t requests);
     // Bounds the requests waiting for a connection, by count and by bytes of bodies.
     void setQueueLimits(std::size_t maxRequests, std::size_t maxBytes);

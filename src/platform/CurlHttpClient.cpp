@@ -38,6 +38,12 @@ constexpr std::size_t kMaxActiveTransfers = kMaxConnectionsPerHost;
 // Distinct URLs remembered with their parsed form; the SDK posts to one.
 constexpr std::size_t kMaxRoutes = 64;
 constexpr long kIdleTimeoutSeconds = 60;
+// Requests written ahead of their answers on one kept connection, for a server that passed
+// the trial. A curl transfer costs a send, a receive and a poll per request and libcurl's own
+// work besides; on loopback it tops out near 30,000 requests a second. Written back to back,
+// answers arrive many to a read: 16 deep gave 2.5 times the events per second of one at a
+// time over plain HTTP, and deeper gained nothing measurable.
+constexpr std::size_t kDefaultPipelineDepth = 16;
 constexpr long kMaxRedirects = 16;
 constexpr int kPollTimeoutMilliseconds = 1000;
 // The collection protocol's answers are a few hundred bytes; a longer one is cut off here and
@@ -206,13 +212,20 @@ private:
     struct Config {
         std::vector<std::string> connectTo;
         std::string caInfo;
-        std::size_t pipelineDepth = 1;
+        std::size_t pipelineDepth = kDefaultPipelineDepth;
     };
 
     // A scheme, host and port that POSTs go to over kept connections of our own.
     struct Origin {
+        // Some servers read a second request along with the first and then drop it (cpp-httplib
+        // does), and every later answer on that connection would then belong to the request
+        // before it. So a server gets several requests at once only after a trial: two in one
+        // write, nothing more until both are answered. One that fails it never gets two again.
+        enum class Pipelining { Untried, Trying, Proven, Refused };
+
         std::string connectUrl;
         bool encrypted = false;
+        Pipelining pipelining = Pipelining::Untried;
         std::vector<std::unique_ptr<PipelinedConnection>> connections;
         // Requests it can still take in the current hand-over.
         std::size_t budget = 0;
@@ -352,15 +365,61 @@ private:
                 dropping_ = false;
             }
         }
-        for (auto& [pending, route] : batch_) {
-            if (route != nullptr) {
-                place(*route, std::move(pending));
-            } else {
+        for (std::size_t index = 0; index < batch_.size(); ++index) {
+            auto& [pending, route] = batch_[index];
+            if (route == nullptr) {
                 startTransfer(std::move(pending));
+            } else if (index + 1 < batch_.size() && batch_[index + 1].second == route &&
+                       startTrial(*route, pending, batch_[index + 1].first)) {
+                ++index;
+            } else {
+                place(*route, std::move(pending));
             }
         }
         batch_.clear();
         return true;
+    }
+
+    std::size_t depth(const Origin& origin) const {
+        return origin.pipelining == Origin::Pipelining::Proven ? pipelineDepth_ : 1;
+    }
+
+    // Sends the two requests as a trial on an idle connection, if the origin is untried.
+    bool startTrial(Route& route, Pending& first, Pending& second) noexcept {
+        Origin& origin = *route.origin;
+        if (origin.pipelining != Origin::Pipelining::Untried || pipelineDepth_ < 2) {
+            return false;
+        }
+        for (const auto& connection : origin.connections) {
+            if (connection->isReadyForTrial() && !connection->isRetired()) {
+                origin.pipelining = Origin::Pipelining::Trying;
+                connection->startTrial();
+                try {
+                    write(*connection, route, std::move(first));
+                    write(*connection, route, std::move(second));
+                } catch (...) {
+                    // Out of memory: what was not written is dropped with its completion.
+                }
+                return true;
+            }
+        }
+        return false;
+    }
+
+    static void learnPipelining(Origin& origin, PipelinedConnection& connection) {
+        switch (connection.takeTrialOutcome()) {
+        case PipelinedConnection::Trial::Passed:
+            origin.pipelining = Origin::Pipelining::Proven;
+            break;
+        case PipelinedConnection::Trial::Failed:
+            origin.pipelining = Origin::Pipelining::Refused;
+            break;
+        case PipelinedConnection::Trial::Inconclusive:
+            origin.pipelining = Origin::Pipelining::Untried;
+            break;
+        default:
+            break;
+        }
     }
 
     // Takes one place for a request on its route in this hand-over, if there is one.
@@ -377,7 +436,7 @@ private:
     }
 
     std::size_t freeSlots(const Origin& origin) const {
-        const std::size_t allowed = pipelineDepth_;
+        const std::size_t allowed = depth(origin);
         std::size_t live = 0;
         std::size_t free = 0;
         for (const auto& connection : origin.connections) {
@@ -468,7 +527,7 @@ private:
     void place(Route& route, Pending pending) noexcept {
         try {
             Origin& origin = *route.origin;
-            const std::size_t allowed = pipelineDepth_;
+            const std::size_t allowed = depth(origin);
             PipelinedConnection* chosen = nullptr;
             std::size_t live = 0;
             for (const auto& connection : origin.connections) {
@@ -491,20 +550,25 @@ private:
                 }
             }
             if (chosen == nullptr) {
-                throw std::bad_alloc();
+                // A trial took two places where one was counted: this one waits for the next.
+                results_.again.push_back(std::move(pending));
+                return;
             }
-            head_ = route.headPrefix;
-            std::array<char, 24> digits{};
-            const auto end =
-                std::to_chars(digits.data(), digits.data() + digits.size(),
-                              pending.request.body.size())
-                    .ptr;
-            head_.append(digits.data(), end);
-            head_ += "\r\nContent-Type: application/x-www-form-urlencoded\r\n\r\n";
-            chosen->add(std::move(pending), head_);
+            write(*chosen, route, std::move(pending));
         } catch (...) {
             dropForLackOfMemory(pending);
         }
+    }
+
+    void write(PipelinedConnection& connection, const Route& route, Pending pending) {
+        head_ = route.headPrefix;
+        std::array<char, 24> digits{};
+        const auto end = std::to_chars(digits.data(), digits.data() + digits.size(),
+                                       pending.request.body.size())
+                             .ptr;
+        head_.append(digits.data(), end);
+        head_ += "\r\nContent-Type: application/x-www-form-urlencoded\r\n\r\n";
+        connection.add(std::move(pending), head_);
     }
 
     // A connect-only transfer: curl looks the name up, connects and does TLS, then leaves
@@ -705,6 +769,7 @@ private:
                 connection->service(std::ranges::find(readable_, connection.get()) !=
                                         readable_.end(),
                                     now, results_);
+                learnPipelining(*origin, *connection);
             }
             std::erase_if(origin->connections, [](const auto& connection) {
                 return connection->isClosed() ||
@@ -891,7 +956,7 @@ private:
     std::vector<PipelinedConnection*> readable_;
     curl_slist* connectTo_ = nullptr;
     std::string caInfo_;
-    std::size_t pipelineDepth_ = 1;
+    std::size_t pipelineDepth_ = kDefaultPipelineDepth;
     std::uint64_t appliedConfigVersion_ = 0;
 };
 

@@ -3,6 +3,7 @@
 #include <poll.h>
 
 #include <array>
+#include <utility>
 
 namespace NorvAnalytic {
 
@@ -12,6 +13,9 @@ namespace {
 // handed over as an empty (so not JSON) answer with its status.
 constexpr std::size_t kMaxAnswerBytes = 1 << 20;
 constexpr std::chrono::seconds kIdleTimeout(60);
+// A server that dropped the second request of a trial never answers it; one that reads the
+// two correctly answers both at once.
+constexpr std::chrono::seconds kTrialTimeout(2);
 constexpr std::size_t kReadSize = 64 << 10;
 
 }  // namespace
@@ -78,9 +82,20 @@ void PipelinedConnection::service(bool readable, Clock::time_point now, Results&
     if (readable && state_ == State::Open) {
         receive(now, results);
     }
+    if (state_ == State::Open && trial_ == Trial::Running && inFlight_.size() == 1 &&
+        now - lastProgress_ > kTrialTimeout) {
+        close("The server left the second of two requests unanswered", false, results);
+    }
     if (state_ == State::Open && !inFlight_.empty() && now - lastProgress_ > kIdleTimeout) {
         abandon("Operation timed out: no answer for 60 seconds", results);
     }
+}
+
+PipelinedConnection::Trial PipelinedConnection::takeTrialOutcome() {
+    if (trial_ == Trial::None || trial_ == Trial::Running) {
+        return Trial::None;
+    }
+    return std::exchange(trial_, Trial::None);
 }
 
 void PipelinedConnection::flush(Results& results) {
@@ -167,8 +182,13 @@ bool PipelinedConnection::deliver(HttpAnswerParser::Answer answer, Results& resu
     }
     const bool keepAlive = answer.keepAlive;
     const bool tooLong = answer.bodyTooLong;
+    // A server that cut the second request apart answers its rest with an error.
+    trialAnswersOk_ = trialAnswersOk_ && answer.status < 400;
     results.answered.emplace_back(std::move(inFlight_.front().pending), std::move(answer));
     inFlight_.pop_front();
+    if (trial_ == Trial::Running && inFlight_.empty()) {
+        trial_ = trialAnswersOk_ ? Trial::Passed : Trial::Inconclusive;
+    }
     if (keepAlive) {
         keptOpen_ = true;
         return true;
@@ -188,6 +208,9 @@ void PipelinedConnection::abandon(const std::string& reason, Results& results) {
 
 void PipelinedConnection::close(const std::string& reason, bool serverAskedToClose,
                                 Results& results) {
+    if (trial_ == Trial::Running) {
+        trial_ = serverAskedToClose ? Trial::Inconclusive : Trial::Failed;
+    }
     if (!inFlight_.empty() && !parser_.isBetweenAnswers()) {
         results.failed.emplace_back(std::move(inFlight_.front().pending), reason);
         inFlight_.pop_front();

@@ -24,6 +24,9 @@ namespace NorvAnalytic {
 class PipelinedConnection {
 public:
     using Clock = std::chrono::steady_clock;
+    // Whether the server answers two requests that arrive together: Running while the two
+    // are out, then how it went.
+    enum class Trial { None, Running, Passed, Failed, Inconclusive };
 
     // What servicing the connection gave: answers, failures, and requests to send again
     // elsewhere, oldest first.
@@ -48,6 +51,15 @@ public:
     std::size_t load() const { return inFlight_.size(); }
     // How many more requests it takes now, when it may carry `depth` at once.
     std::size_t room(std::size_t depth) const;
+    // Open, idle, and its server has kept it open after an answer.
+    bool isReadyForTrial() const { return state_ == State::Open && keptOpen_ && inFlight_.empty(); }
+    // The next two requests go out in one write, and no more until both are answered.
+    void startTrial() {
+        trial_ = Trial::Running;
+        trialAnswersOk_ = true;
+    }
+    // How the trial ended, once; None while there is nothing new to tell.
+    Trial takeTrialOutcome();
     // No new request goes here; the connection closes once its requests are answered.
     void retire() { retiring_ = true; }
     bool isRetired() const { return retiring_; }
@@ -85,6 +97,8 @@ private:
     State state_ = State::Connecting;
     curl_socket_t socket_ = CURL_SOCKET_BAD;
     bool keptOpen_ = false;
+    Trial trial_ = Trial::None;
+    bool trialAnswersOk_ = true;
     bool retiring_ = false;
     // Requests are appended to out_; writing_ is what is being written, left untouched until
     // it is all out, since a TLS write that must be retried needs the very same bytes.

@@ -138,9 +138,10 @@ TEST(CurlHttpClientTest, AHostileServerNeverGrowsMemoryOrTheQueueAndLaterEventsS
     Platform::setDiagnosticsSink(nullptr);
 }
 
-// Python's HTTP/1.1 server answers requests written back to back in order, so it is sent 16 at
-// a time; cpp-httplib (the LocalHttpServer), which drops a request read along with another,
-// gets one at a time and closes every fifth connection. Both echo the body.
+// Python's HTTP/1.1 server answers requests written back to back in order, so after a trial it
+// gets them 16 at a time; cpp-httplib (the LocalHttpServer) drops a request read along with
+// another, so it fails the trial and gets one at a time. Both echo the body. The first round
+// holds the trial, the second runs on what it decided.
 TEST(CurlHttpClientTest, RequestsWrittenBackToBackEachGetTheirOwnAnswerOnceWhateverTheServer) {
     const char* script =
         "import http.server as h, os\n"
@@ -168,22 +169,23 @@ TEST(CurlHttpClientTest, RequestsWrittenBackToBackEachGetTheirOwnAnswerOnceWhate
         return LocalHttpServer::Answer{200, body};
     });
 
-    for (const auto& [url, depth] :
-         {std::pair{"http://127.0.0.1:" + std::to_string(pythonPort) + "/e", 16},
-          std::pair{httplibServer.url(), 1}}) {
+    for (const std::string& url :
+         {"http://127.0.0.1:" + std::to_string(pythonPort) + "/e", httplibServer.url()}) {
         CurlHttpClient client;
-        client.setPipelineDepth(depth);
-        std::vector<std::future<std::string>> outcomes;
-        std::string expected;
-        for (int index = 0; index < 300; ++index) {
-            outcomes.push_back(post(client, url, "n=" + std::to_string(index)));
-            expected += "200 [n=" + std::to_string(index) + "]\n";
+        for (int round = 0; round < 2; ++round) {
+            std::vector<std::future<std::string>> outcomes;
+            std::string expected;
+            for (int index = 0; index < 150; ++index) {
+                const std::string body = "n=" + std::to_string(round * 150 + index);
+                outcomes.push_back(post(client, url, body));
+                expected += "200 [" + body + "]\n";
+            }
+            std::string got;
+            for (auto& outcome : outcomes) {
+                got += outcome.get() + "\n";
+            }
+            EXPECT_EQ(got, expected) << url;
         }
-        std::string got;
-        for (auto& outcome : outcomes) {
-            got += outcome.get() + "\n";
-        }
-        EXPECT_EQ(got, expected) << url;
     }
     // Each request reached httplib once: the dropped ones were sent again, the others not.
     auto bodies = httplibServer.bodies();
