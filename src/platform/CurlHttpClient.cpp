@@ -114,6 +114,7 @@ public:
                 completion(std::nullopt, std::nullopt, std::string(kStoppedMessage));
                 return;
             }
+            const bool wasIdle = queue_.empty();
             waitingBytes_ += request.body.size();
             queue_.push_back({std::move(request), std::move(completion)});
             while (!queue_.empty() && (queue_.size() > limits_.maxRequests ||
@@ -130,7 +131,11 @@ public:
             if (state_ == State::Idle) {
                 startLocked();
             }
-            wakeLocked();
+            // Behind other waiting requests this one needs no wake: the thread takes more as
+            // soon as answers make room, and answers wake it.
+            if (wasIdle) {
+                wakeLocked();
+            }
         }
         for (Pending& pending : dropped) {
             pending.completion(std::nullopt, std::nullopt, std::string(kDroppedMessage));
