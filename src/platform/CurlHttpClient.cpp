@@ -1,9 +1,4 @@
 #include <NorvAnalytic/CurlHttpClient.h>
-
-#include "platform/Diagnostics.h"
-#include "platform/PendingRequest.h"
-#include "platform/PipelinedConnection.h"
-
 #include <curl/curl.h>
 #include <openssl/ssl.h>
 #include <pthread.h>
@@ -25,6 +20,10 @@
 #include <unordered_map>
 #include <utility>
 #include <vector>
+
+#include "platform/Diagnostics.h"
+#include "platform/PendingRequest.h"
+#include "platform/PipelinedConnection.h"
 
 namespace NorvAnalytic {
 
@@ -52,8 +51,8 @@ constexpr std::size_t kMaxAnswerBytes = 1 << 20;
 
 // curl reads these itself; a request that a proxy would carry is left to curl whole.
 bool proxyConfigured() {
-    for (const char* name : {"http_proxy", "HTTP_PROXY", "https_proxy", "HTTPS_PROXY",
-                             "all_proxy", "ALL_PROXY"}) {
+    for (const char* name :
+         {"http_proxy", "HTTP_PROXY", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) {
         const char* value = std::getenv(name);
         if (value != nullptr && value[0] != '\0') {
             return true;
@@ -117,8 +116,8 @@ public:
             const bool wasIdle = queue_.empty();
             waitingBytes_ += request.body.size();
             queue_.push_back({std::move(request), std::move(completion)});
-            while (!queue_.empty() && (queue_.size() > limits_.maxRequests ||
-                                       waitingBytes_ > limits_.maxBytes)) {
+            while (!queue_.empty() &&
+                   (queue_.size() > limits_.maxRequests || waitingBytes_ > limits_.maxBytes)) {
                 waitingBytes_ -= queue_.front().request.body.size();
                 dropped.push_back(std::move(queue_.front()));
                 queue_.pop_front();
@@ -413,17 +412,17 @@ private:
 
     static void learnPipelining(Origin& origin, PipelinedConnection& connection) {
         switch (connection.takeTrialOutcome()) {
-        case PipelinedConnection::Trial::Passed:
-            origin.pipelining = Origin::Pipelining::Proven;
-            break;
-        case PipelinedConnection::Trial::Failed:
-            origin.pipelining = Origin::Pipelining::Refused;
-            break;
-        case PipelinedConnection::Trial::Inconclusive:
-            origin.pipelining = Origin::Pipelining::Untried;
-            break;
-        default:
-            break;
+            case PipelinedConnection::Trial::Passed:
+                origin.pipelining = Origin::Pipelining::Proven;
+                break;
+            case PipelinedConnection::Trial::Failed:
+                origin.pipelining = Origin::Pipelining::Refused;
+                break;
+            case PipelinedConnection::Trial::Inconclusive:
+                origin.pipelining = Origin::Pipelining::Untried;
+                break;
+            default:
+                break;
         }
     }
 
@@ -486,7 +485,8 @@ private:
             curl_free(value);
             return text;
         };
-        if (parsed == nullptr || curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK ||
+        if (parsed == nullptr ||
+            curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK ||
             part(CURLUPART_USER, 0)) {
             return route;
         }
@@ -502,8 +502,8 @@ private:
         const std::string connectUrl = *scheme + "://" + *host + ":" + *port + "/";
         route.origin = originFor(connectUrl, *scheme == "https");
         // The head a libcurl form POST has, so the server sees the same request either way.
-        route.headPrefix = "POST " + *path + (query ? "?" + *query : "") + " HTTP/1.1\r\nHost: " +
-                           *host + (defaultPort ? "" : ":" + *port) +
+        route.headPrefix = "POST " + *path + (query ? "?" + *query : "") +
+                           " HTTP/1.1\r\nHost: " + *host + (defaultPort ? "" : ":" + *port) +
                            "\r\nAccept: */*\r\nContent-Length: ";
         return route;
     }
@@ -568,9 +568,9 @@ private:
     void write(PipelinedConnection& connection, const Route& route, Pending pending) {
         head_ = route.headPrefix;
         std::array<char, 24> digits{};
-        const auto end = std::to_chars(digits.data(), digits.data() + digits.size(),
-                                       pending.request.body.size())
-                             .ptr;
+        const auto end =
+            std::to_chars(digits.data(), digits.data() + digits.size(), pending.request.body.size())
+                .ptr;
         head_.append(digits.data(), end);
         head_ += "\r\nContent-Type: application/x-www-form-urlencoded\r\n\r\n";
         connection.add(std::move(pending), head_);
@@ -771,9 +771,9 @@ private:
         const Clock::time_point now = Clock::now();
         for (const auto& origin : origins_) {
             for (const auto& connection : origin->connections) {
-                connection->service(std::ranges::find(readable_, connection.get()) !=
-                                        readable_.end(),
-                                    now, results_);
+                connection->service(
+                    std::ranges::find(readable_, connection.get()) != readable_.end(), now,
+                    results_);
                 learnPipelining(*origin, *connection);
             }
             std::erase_if(origin->connections, [](const auto& connection) {
@@ -973,8 +973,7 @@ void CurlHttpClient::send(HttpRequest request, Completion completion) {
     impl_->send(std::move(request), std::move(completion));
 }
 
-void CurlHttpClient::connectTo(const std::string& hostAndPort,
-                               const std::string& addressAndPort) {
+void CurlHttpClient::connectTo(const std::string& hostAndPort, const std::string& addressAndPort) {
     impl_->connectTo(hostAndPort, addressAndPort);
 }
 

@@ -53,55 +53,56 @@ HttpAnswerParser::Step HttpAnswerParser::read(std::string_view bytes, std::size_
     while (used < bytes.size()) {
         const std::string_view rest = bytes.substr(used);
         switch (state_) {
-        case State::Body:
-        case State::ChunkData: {
-            const std::size_t take =
-                static_cast<std::size_t>(std::min<std::uint64_t>(remaining_, rest.size()));
-            used += take;
-            remaining_ -= take;
-            if (appendBody(rest.substr(0, take)) != Step::NeedMore) {
-                return Step::Answered;
-            }
-            if (remaining_ == 0) {
-                if (state_ == State::Body) {
-                    return answered();
+            case State::Body:
+            case State::ChunkData: {
+                const std::size_t take =
+                    static_cast<std::size_t>(std::min<std::uint64_t>(remaining_, rest.size()));
+                used += take;
+                remaining_ -= take;
+                if (appendBody(rest.substr(0, take)) != Step::NeedMore) {
+                    return Step::Answered;
                 }
-                state_ = State::ChunkEnd;
-            }
-            break;
-        }
-        case State::UntilClose:
-            used = bytes.size();
-            if (appendBody(rest) != Step::NeedMore) {
-                return Step::Answered;
-            }
-            break;
-        case State::Failed:
-            return Step::Failed;
-        default: {
-            const std::size_t newline = rest.find('\n');
-            const std::size_t take = newline == std::string_view::npos ? rest.size() : newline + 1;
-            const bool inHeaders = state_ == State::StatusLine || state_ == State::Headers ||
-                                   state_ == State::Trailers;
-            headerBytes_ += inHeaders ? take : 0;
-            if ((inHeaders && headerBytes_ > kMaxHeaderBytes) ||
-                (!inHeaders && line_.size() + take > kMaxChunkLineBytes)) {
-                return fail(inHeaders ? "The answer's header section is longer than 64 KiB"
-                                      : "The answer's chunked body is malformed");
-            }
-            line_.append(rest.substr(0, take));
-            used += take;
-            if (newline == std::string_view::npos) {
+                if (remaining_ == 0) {
+                    if (state_ == State::Body) {
+                        return answered();
+                    }
+                    state_ = State::ChunkEnd;
+                }
                 break;
             }
-            std::string_view line(line_);
-            line.remove_suffix(line.ends_with("\r\n") ? 2 : 1);
-            const Step step = readLine(line);
-            line_.clear();
-            if (step != Step::NeedMore) {
-                return step;
+            case State::UntilClose:
+                used = bytes.size();
+                if (appendBody(rest) != Step::NeedMore) {
+                    return Step::Answered;
+                }
+                break;
+            case State::Failed:
+                return Step::Failed;
+            default: {
+                const std::size_t newline = rest.find('\n');
+                const std::size_t take =
+                    newline == std::string_view::npos ? rest.size() : newline + 1;
+                const bool inHeaders = state_ == State::StatusLine || state_ == State::Headers ||
+                                       state_ == State::Trailers;
+                headerBytes_ += inHeaders ? take : 0;
+                if ((inHeaders && headerBytes_ > kMaxHeaderBytes) ||
+                    (!inHeaders && line_.size() + take > kMaxChunkLineBytes)) {
+                    return fail(inHeaders ? "The answer's header section is longer than 64 KiB"
+                                          : "The answer's chunked body is malformed");
+                }
+                line_.append(rest.substr(0, take));
+                used += take;
+                if (newline == std::string_view::npos) {
+                    break;
+                }
+                std::string_view line(line_);
+                line.remove_suffix(line.ends_with("\r\n") ? 2 : 1);
+                const Step step = readLine(line);
+                line_.clear();
+                if (step != Step::NeedMore) {
+                    return step;
+                }
             }
-        }
         }
     }
     return Step::NeedMore;
@@ -121,67 +122,67 @@ HttpAnswerParser::Answer HttpAnswerParser::takeAnswer() { return std::exchange(a
 
 HttpAnswerParser::Step HttpAnswerParser::readLine(std::string_view line) {
     switch (state_) {
-    case State::StatusLine: {
-        // A stray empty line between answers is tolerated, as HTTP asks of a client.
-        if (line.empty()) {
-            headerBytes_ = 0;
+        case State::StatusLine: {
+            // A stray empty line between answers is tolerated, as HTTP asks of a client.
+            if (line.empty()) {
+                headerBytes_ = 0;
+                return Step::NeedMore;
+            }
+            std::uint64_t status = 0;
+            if (line.size() < 12 || !line.starts_with("HTTP/1.") || line[8] != ' ' ||
+                (line.size() > 12 && line[12] != ' ') ||
+                !parseNumber(line.substr(9, 3), status, 10) || (line[7] != '0' && line[7] != '1')) {
+                return fail("The answer is not HTTP/1.x");
+            }
+            http10_ = line[7] == '0';
+            answer_.status = static_cast<long>(status);
+            state_ = State::Headers;
             return Step::NeedMore;
         }
-        std::uint64_t status = 0;
-        if (line.size() < 12 || !line.starts_with("HTTP/1.") || line[8] != ' ' ||
-            (line.size() > 12 && line[12] != ' ') || !parseNumber(line.substr(9, 3), status, 10) ||
-            (line[7] != '0' && line[7] != '1')) {
-            return fail("The answer is not HTTP/1.x");
-        }
-        http10_ = line[7] == '0';
-        answer_.status = static_cast<long>(status);
-        state_ = State::Headers;
-        return Step::NeedMore;
-    }
-    case State::Headers: {
-        if (line.empty()) {
-            return startBody();
-        }
-        const std::size_t colon = line.find(':');
-        if (colon == std::string_view::npos || colon == 0) {
-            return fail("The answer has a header line without a name");
-        }
-        const std::string_view name = line.substr(0, colon);
-        const std::string_view value = trimmed(line.substr(colon + 1));
-        if (equalsIgnoringCase(name, "content-length")) {
-            std::uint64_t length = 0;
-            if (!parseNumber(value, length, 10) || (hasLength_ && length != remaining_)) {
-                return fail("The answer's Content-Length is not valid");
+        case State::Headers: {
+            if (line.empty()) {
+                return startBody();
             }
-            hasLength_ = true;
-            remaining_ = length;
-        } else {
-            header(name, value);
+            const std::size_t colon = line.find(':');
+            if (colon == std::string_view::npos || colon == 0) {
+                return fail("The answer has a header line without a name");
+            }
+            const std::string_view name = line.substr(0, colon);
+            const std::string_view value = trimmed(line.substr(colon + 1));
+            if (equalsIgnoringCase(name, "content-length")) {
+                std::uint64_t length = 0;
+                if (!parseNumber(value, length, 10) || (hasLength_ && length != remaining_)) {
+                    return fail("The answer's Content-Length is not valid");
+                }
+                hasLength_ = true;
+                remaining_ = length;
+            } else {
+                header(name, value);
+            }
+            return Step::NeedMore;
         }
-        return Step::NeedMore;
-    }
-    case State::ChunkSize: {
-        std::uint64_t size = 0;
-        if (!parseNumber(trimmed(line.substr(0, line.find(';'))), size, 16)) {
-            return fail("The answer's chunked body is malformed");
+        case State::ChunkSize: {
+            std::uint64_t size = 0;
+            if (!parseNumber(trimmed(line.substr(0, line.find(';'))), size, 16)) {
+                return fail("The answer's chunked body is malformed");
+            }
+            if (size > maxBodyBytes_ - answer_.body.size()) {
+                return appendBody(std::string_view(nullptr, 0), true);
+            }
+            remaining_ = size;
+            state_ = size == 0 ? State::Trailers : State::ChunkData;
+            return Step::NeedMore;
         }
-        if (size > maxBodyBytes_ - answer_.body.size()) {
-            return appendBody(std::string_view(nullptr, 0), true);
-        }
-        remaining_ = size;
-        state_ = size == 0 ? State::Trailers : State::ChunkData;
-        return Step::NeedMore;
-    }
-    case State::ChunkEnd:
-        if (!line.empty()) {
-            return fail("The answer's chunked body is malformed");
-        }
-        state_ = State::ChunkSize;
-        return Step::NeedMore;
-    case State::Trailers:
-        return line.empty() ? answered() : Step::NeedMore;
-    default:
-        return fail("The answer's parser lost its place");
+        case State::ChunkEnd:
+            if (!line.empty()) {
+                return fail("The answer's chunked body is malformed");
+            }
+            state_ = State::ChunkSize;
+            return Step::NeedMore;
+        case State::Trailers:
+            return line.empty() ? answered() : Step::NeedMore;
+        default:
+            return fail("The answer's parser lost its place");
     }
 }
 

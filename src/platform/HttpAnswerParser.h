@@ -39,8 +39,17 @@ public:
     bool isBetweenAnswers() const { return state_ == State::StatusLine && line_.empty(); }
 
 private:
-    enum class State { StatusLine, Headers, Body, ChunkSize, ChunkData, ChunkEnd, Trailers,
-                       UntilClose, Failed };
+    enum class State {
+        StatusLine,
+        Headers,
+        Body,
+        ChunkSize,
+        ChunkData,
+        ChunkEnd,
+        Trailers,
+        UntilClose,
+        Failed
+    };
 
     Step readLine(std::string_view line);
     void header(std::string_view name, std::string_view value);

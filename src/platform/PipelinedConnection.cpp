@@ -142,9 +142,9 @@ void PipelinedConnection::receive(Clock::time_point now, Results& results) {
                 !deliver(parser_.takeAnswer(), results)) {
                 return;
             }
-            close(parser_.failure().empty() ? "The server closed the connection"
-                                            : parser_.failure(),
-                  false, results);
+            close(
+                parser_.failure().empty() ? "The server closed the connection" : parser_.failure(),
+                false, results);
             return;
         }
         lastProgress_ = now;

@@ -167,11 +167,13 @@ TEST(HttpAnswerParserTest, ReadsAnswersBackToBackHoweverTheBytesAreSplit) {
     const std::string ok = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
     // Each row: the stream, and what is read from it in one piece and byte by byte alike.
     const std::vector<std::pair<std::string, std::string>> rows = {
-        {ok + ok + "HTTP/1.1 204 No Content\r\n\r\n", "200 keep [ok] 200 keep [ok] 204 keep [] end"},
+        {ok + ok + "HTTP/1.1 204 No Content\r\n\r\n",
+         "200 keep [ok] 200 keep [ok] 204 keep [] end"},
         {"HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 307 X\nLocation: /b\ncontent-LENGTH:  0\n\n",
          "307 keep []/b end"},
         {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3;x=y\r\nabc\r\n1\r\nd\r\n0\r\n"
-         "Trailer: t\r\n\r\n" + ok,
+         "Trailer: t\r\n\r\n" +
+             ok,
          "200 keep [abcd] 200 keep [ok] end"},
         {"HTTP/1.1 500 E\r\nConnection: keep-alive, Close\r\nContent-Length: 1\r\n\r\n!" + ok,
          "500 close [!] end"},
@@ -190,8 +192,7 @@ TEST(HttpAnswerParserTest, ReadsAnswersBackToBackHoweverTheBytesAreSplit) {
         {"HTTP/1.1 101 Switching\r\n\r\n", "failed"},
         {"SSH-2.0-OpenSSH\r\n", "failed"},
         {"HTTP/1.1 200 OK\r\nNoColon\r\n\r\n", "failed"},
-        {"HTTP/1.1 200 OK\r\nX: " + std::string(HttpAnswerParser::kMaxHeaderBytes, 'h'),
-         "failed"},
+        {"HTTP/1.1 200 OK\r\nX: " + std::string(HttpAnswerParser::kMaxHeaderBytes, 'h'), "failed"},
         {ok + "HTTP/1.1 2", "200 keep [ok] failed"},
     };
     for (const auto& [stream, expected] : rows) {
