@@ -3,7 +3,9 @@
 #include <NorvAnalytic/MainQueue.h>
 #include <NorvAnalytic/NorvAnalytics.h>
 #include <NorvAnalytic/Platform.h>
+
 #include <benchmark/benchmark.h>
+
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -16,6 +18,7 @@
 #include <string>
 
 #include "CompletionCounter.h"
+
 #include "ResidentMemory.h"
 
 // Events per second delivered end to end: public event calls on one host thread, the SDK's
@@ -80,11 +83,8 @@ void BM_DeliverEvents(benchmark::State& state) {
     state.counters["answers_not_200"] = static_cast<double>(client.notDelivered());
 }
 // Three runs in one process: after the first, memory must stay where it is.
-BENCHMARK(BM_DeliverEvents)
-    ->Iterations(1)
-    ->Repetitions(3)
-    ->UseRealTime()
-    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_DeliverEvents)->Iterations(1)->Repetitions(3)->UseRealTime()->Unit(
+    benchmark::kMillisecond);
 
 }  // namespace
 
@@ -94,8 +94,9 @@ int main(int argc, char** argv) {
         std::cerr << "throughput_bench: set NORV_THROUGHPUT_URL (bench/run-throughput.sh does)\n";
         return 2;
     }
-    const std::filesystem::path directory = std::filesystem::temp_directory_path() /
-                                            ("norv-throughput-bench-" + std::to_string(getpid()));
+    const std::filesystem::path directory =
+        std::filesystem::temp_directory_path() /
+        ("norv-throughput-bench-" + std::to_string(getpid()));
     NorvAnalytic::Platform::setKeychainBackend(
         NorvAnalytic::KeychainBackend::makeFileBackend((directory / "keychain.sqlite").string()));
     if (const char* caFile = std::getenv("NORV_THROUGHPUT_CA")) {
