@@ -30,6 +30,9 @@ constexpr std::chrono::milliseconds kLongestWait = std::chrono::hours(24 * 365);
 }  // namespace
 
 EventsInFlight::Ticket::~Ticket() {
+    if (number_ == kEnded) {
+        return;
+    }
     Registry& state = registry();
     {
         std::lock_guard lock(state.mutex);
@@ -46,7 +49,7 @@ EventsInFlight::Ticket::~Ticket() {
     state.ended.notify_all();
 }
 
-std::shared_ptr<EventsInFlight::Ticket> EventsInFlight::begin() {
+EventsInFlight::Ticket EventsInFlight::begin() {
     Registry& state = registry();
     std::uint64_t number = 0;
     {
@@ -54,7 +57,7 @@ std::shared_ptr<EventsInFlight::Ticket> EventsInFlight::begin() {
         number = state.oldestOpen + state.endedFromOldestOpen.size();
         state.endedFromOldestOpen.push_back(false);
     }
-    return std::make_shared<Ticket>(number);
+    return Ticket(number);
 }
 
 bool EventsInFlight::waitForEarlier(std::chrono::milliseconds timeout) {

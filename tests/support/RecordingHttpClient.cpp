@@ -29,8 +29,8 @@ void RecordingHttpClient::clear() {
     requests_.clear();
 }
 
-void RecordingHttpClient::completeAll(const std::optional<std::string>& data,
-                                      const std::optional<HttpResponse>& response) {
+std::size_t RecordingHttpClient::completeAll(const std::optional<std::string>& data,
+                                             const std::optional<HttpResponse>& response) {
     std::vector<Completion> open;
     {
         std::lock_guard lock(mutex_);
@@ -40,6 +40,7 @@ void RecordingHttpClient::completeAll(const std::optional<std::string>& data,
         completion(data, response, data ? std::nullopt : std::optional<std::string>("failed"));
     }
     MainQueue::main().sync([] {});
+    return open.size();
 }
 
 }  // namespace NorvAnalytic::Testing

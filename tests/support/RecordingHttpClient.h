@@ -20,14 +20,17 @@ public:
     void clear();
 
     // Answers every request still open, oldest first, and waits until the main queue has
-    // handled the answers.
-    void answerAll(long status, std::string body) { completeAll(body, HttpResponse{status}); }
+    // handled the answers. Returns how many it answered; events that were waiting for room in
+    // the client may arrive meanwhile and stay open.
+    std::size_t answerAll(long status, std::string body) {
+        return completeAll(body, HttpResponse{status});
+    }
     // Fails every request still open without an answer, as a transport error does.
-    void failAll() { completeAll(std::nullopt, std::nullopt); }
+    std::size_t failAll() { return completeAll(std::nullopt, std::nullopt); }
 
 private:
-    void completeAll(const std::optional<std::string>& data,
-                     const std::optional<HttpResponse>& response);
+    std::size_t completeAll(const std::optional<std::string>& data,
+                            const std::optional<HttpResponse>& response);
 
     mutable std::mutex mutex_;
     std::vector<HttpRequest> requests_;

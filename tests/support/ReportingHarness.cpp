@@ -21,6 +21,8 @@ ReportingHarness::ReportingHarness() {
 
 ReportingHarness::~ReportingHarness() {
     // Stop this test's timers and drop its events and alert, so the next test starts clean.
+    while (http->failAll() > 0) {
+    }
     MainQueue::main().sync([] {
         auto& controller = NorvAnalytics::sharedController();
         controller.setIsEnabled(false);
