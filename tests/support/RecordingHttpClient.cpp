@@ -7,9 +7,20 @@
 namespace NorvAnalytic::Testing {
 
 void RecordingHttpClient::send(HttpRequest request, Completion completion) {
-    std::lock_guard lock(mutex_);
+    std::unique_lock lock(mutex_);
     requests_.push_back(std::move(request));
-    open_.push_back(std::move(completion));
+    if (!answerInsideSend_) {
+        open_.push_back(std::move(completion));
+        return;
+    }
+    const HttpResponse response{*answerInsideSend_};
+    lock.unlock();
+    completion(std::string(), response, std::nullopt);
+}
+
+void RecordingHttpClient::answerInsideSend(long status) {
+    std::lock_guard lock(mutex_);
+    answerInsideSend_ = status;
 }
 
 std::vector<HttpRequest> RecordingHttpClient::requests() const {

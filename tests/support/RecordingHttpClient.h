@@ -3,6 +3,7 @@
 #include <NorvAnalytic/HttpClient.h>
 
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,9 @@ public:
     std::vector<HttpRequest> requests() const;
     std::vector<std::string> bodies() const;
     void clear();
+    // From now on answers each request with this status before send() returns, as a stopped
+    // client does.
+    void answerInsideSend(long status);
 
     // Answers every request still open, oldest first, and waits until the main queue has
     // handled the answers. Returns how many it answered; events that were waiting for room in
@@ -35,6 +39,7 @@ private:
     mutable std::mutex mutex_;
     std::vector<HttpRequest> requests_;
     std::vector<Completion> open_;
+    std::optional<long> answerInsideSend_;
 };
 
 }  // namespace NorvAnalytic::Testing
