@@ -49,6 +49,15 @@ TEST(OutgoingEvents, AWindowAtATimeInOrderAlsoToAClientThatAnswersInsideSend) {
     EXPECT_EQ(sentPages(harness), pages(0, kEvents));
 }
 
+TEST(OutgoingEvents, ACompletionDestroyedUncalledFreesItsPlaceAndEndsItsTicket) {
+    ReportingHarness harness;
+    sendPages(0, kWindow + 5);
+    harness.http->dropAll();
+    EXPECT_EQ(harness.http->requests().size(), kWindow + 5);
+    harness.http->dropAll();
+    EXPECT_TRUE(NorvAnalytics::flush(std::chrono::milliseconds(0)));
+}
+
 TEST(OutgoingEvents, AFullWaitingListDropsTheOldestCountsItAndEndsItsTicket) {
     // Short texts stay inside the record, so each waiting event counts as the record alone.
     struct Row {

@@ -18,6 +18,13 @@ void RecordingHttpClient::send(HttpRequest request, Completion completion) {
     completion(std::string(), response, std::nullopt);
 }
 
+void RecordingHttpClient::dropAll() {
+    // Declared first, so destroyed after the lock is released: a completion may send again.
+    std::vector<Completion> open;
+    std::lock_guard lock(mutex_);
+    open.swap(open_);
+}
+
 void RecordingHttpClient::answerInsideSend(long status) {
     std::lock_guard lock(mutex_);
     answerInsideSend_ = status;

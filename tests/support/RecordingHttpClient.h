@@ -31,6 +31,8 @@ public:
     }
     // Fails every request still open without an answer, as a transport error does.
     std::size_t failAll() { return completeAll(std::nullopt, std::nullopt); }
+    // Destroys the completion of every request still open without calling it.
+    void dropAll();
 
 private:
     std::size_t completeAll(const std::optional<std::string>& data,
