@@ -53,17 +53,27 @@ public:
             return;
         }
         OutgoingEvents& outgoing = shared();
-        outgoing.requestEnded(true);
-        const SentEvent* event = &handed->event;
+        bool forMainQueue = true;
         try {
-            // Answers change shared state, so they are handled one by one on the main queue.
-            AnswerBatch::add({std::shared_ptr<const SentEvent>(std::move(handed), event),
-                              std::move(data), response, std::move(error)});
+            // Most answers end here (delivered, nobody reads them), without waking the main
+            // queue; its state is read under its lock, so this is safe on any thread.
+            forMainQueue = !answerChangesNothing(handed->event, data, response);
         } catch (...) {
-            // Out of memory: this one answer is dropped.
-            outgoing.answersHandled(1);
-            return;
+            // Out of memory while looking: the main queue decides.
         }
+        outgoing.requestEnded(forMainQueue);
+        if (forMainQueue) {
+            const SentEvent* event = &handed->event;
+            try {
+                // Answers change shared state, so they are handled one by one on the main queue.
+                AnswerBatch::add({std::shared_ptr<const SentEvent>(std::move(handed), event),
+                                  std::move(data), response, std::move(error)});
+            } catch (...) {
+                // Out of memory: this one answer is dropped.
+                outgoing.answersHandled(1);
+            }
+        }
+        handed.reset();
         outgoing.pump(kNoLimit);
     }
 

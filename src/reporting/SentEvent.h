@@ -58,6 +58,10 @@ private:
     bool isSavedEvent_;
 };
 
+// Whether an answer can change nothing at all: an event delivered whose answer nobody reads.
+// Any thread; such an answer need not reach the main queue.
+bool answerChangesNothing(const SentEvent& event, const std::optional<std::string>& data,
+                          const std::optional<HttpResponse>& response);
 // Handles one answer on the main queue: an answer that can change nothing but the saved-event
 // list runs the keep rule alone, any other goes through handleEventResponse.
 void handleAnswer(const SentEvent& event, std::optional<std::string> data,
