@@ -9,25 +9,20 @@ namespace NorvAnalytic::Testing {
 void RecordingHttpClient::send(HttpRequest request, Completion completion) {
     std::unique_lock lock(mutex_);
     requests_.push_back(std::move(request));
-    if (!answerInsideSend_) {
+    if (!answerInsideSend) {
         open_.push_back(std::move(completion));
         return;
     }
-    const HttpResponse response{*answerInsideSend_};
     lock.unlock();
-    completion(std::string(), response, std::nullopt);
+    completion(std::string(), HttpResponse{200}, std::nullopt);
 }
 
-void RecordingHttpClient::dropAll() {
+std::size_t RecordingHttpClient::dropAll() {
     // Declared first, so destroyed after the lock is released: a completion may send again.
     std::vector<Completion> open;
     std::lock_guard lock(mutex_);
     open.swap(open_);
-}
-
-void RecordingHttpClient::answerInsideSend(long status) {
-    std::lock_guard lock(mutex_);
-    answerInsideSend_ = status;
+    return open.size();
 }
 
 std::vector<HttpRequest> RecordingHttpClient::requests() const {

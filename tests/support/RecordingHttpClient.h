@@ -2,8 +2,8 @@
 
 #include <NorvAnalytic/HttpClient.h>
 
+#include <atomic>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,9 +19,10 @@ public:
     std::vector<HttpRequest> requests() const;
     std::vector<std::string> bodies() const;
     void clear();
-    // From now on answers each request with this status before send() returns, as a stopped
-    // client does.
-    void answerInsideSend(long status);
+
+    // Once set, each request is answered (200, empty) before send() returns, as a stopped
+    // client completes inside send().
+    std::atomic<bool> answerInsideSend = false;
 
     // Answers every request still open, oldest first, and waits until the main queue has
     // handled the answers. Returns how many it answered; events that were waiting for room in
@@ -31,8 +32,8 @@ public:
     }
     // Fails every request still open without an answer, as a transport error does.
     std::size_t failAll() { return completeAll(std::nullopt, std::nullopt); }
-    // Destroys the completion of every request still open without calling it.
-    void dropAll();
+    // Destroys the completion of every request still open without calling it; how many.
+    std::size_t dropAll();
 
 private:
     std::size_t completeAll(const std::optional<std::string>& data,
@@ -41,7 +42,6 @@ private:
     mutable std::mutex mutex_;
     std::vector<HttpRequest> requests_;
     std::vector<Completion> open_;
-    std::optional<long> answerInsideSend_;
 };
 
 }  // namespace NorvAnalytic::Testing
