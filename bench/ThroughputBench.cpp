@@ -1,6 +1,5 @@
 #include <NorvAnalytic/CurlHttpClient.h>
 #include <NorvAnalytic/KeychainBackend.h>
-#include <NorvAnalytic/MainQueue.h>
 #include <NorvAnalytic/NorvAnalytics.h>
 #include <NorvAnalytic/Platform.h>
 
@@ -15,7 +14,10 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "CompletionCounter.h"
 
@@ -47,6 +49,47 @@ const std::shared_ptr<CompletionCounter>& completionCounter() {
     return *counter;
 }
 
+// Passes requests on, or, while closed, holds them: a network that takes nothing, so that
+// every event of a burst waits.
+class Gate final : public NorvAnalytic::HttpClient {
+public:
+    void send(NorvAnalytic::HttpRequest request, Completion completion) override {
+        {
+            std::lock_guard lock(mutex_);
+            if (closed_) {
+                held_.emplace_back(std::move(request), std::move(completion));
+                return;
+            }
+        }
+        completionCounter()->send(std::move(request), std::move(completion));
+    }
+    void close() {
+        std::lock_guard lock(mutex_);
+        closed_ = true;
+    }
+    void open() {
+        std::vector<std::pair<NorvAnalytic::HttpRequest, Completion>> held;
+        {
+            std::lock_guard lock(mutex_);
+            closed_ = false;
+            held.swap(held_);
+        }
+        for (auto& [request, completion] : held) {
+            completionCounter()->send(std::move(request), std::move(completion));
+        }
+    }
+
+private:
+    std::mutex mutex_;
+    bool closed_ = false;
+    std::vector<std::pair<NorvAnalytic::HttpRequest, Completion>> held_;
+};
+
+const std::shared_ptr<Gate>& gate() {
+    static const auto* instance = new std::shared_ptr<Gate>(std::make_shared<Gate>());
+    return *instance;
+}
+
 // User and system CPU time of the whole process (every thread), in microseconds.
 double cpuMicroseconds() {
     rusage usage{};
@@ -56,6 +99,24 @@ double cpuMicroseconds() {
     };
     return micros(usage.ru_utime) + micros(usage.ru_stime);
 }
+
+// What a waiting event costs: a burst sent while the network takes nothing, the growth of
+// resident memory divided by the events. Run first, before delivery has warmed the heap.
+void BM_WaitingEvents(benchmark::State& state) {
+    const double before = residentKilobytes();
+    for (auto _ : state) {
+        gate()->close();
+        for (int event = 0; event < kEvents; ++event) {
+            NorvAnalytics::sendEventWithPageName(std::string("Settings"));
+        }
+    }
+    state.counters["bytes_per_waiting_event"] = (residentKilobytes() - before) * 1024 / kEvents;
+    gate()->open();
+    if (!NorvAnalytics::flush(std::chrono::minutes(5))) {
+        state.SkipWithError("the waiting events were not delivered within five minutes");
+    }
+}
+BENCHMARK(BM_WaitingEvents)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 // A burst of events from one host thread, timed until the main queue has handled every answer.
 void BM_DeliverEvents(benchmark::State& state) {
@@ -67,10 +128,9 @@ void BM_DeliverEvents(benchmark::State& state) {
         for (int event = 0; event < kEvents; ++event) {
             NorvAnalytics::sendEventWithPageName(std::string("Settings"));
         }
-        if (!client.waitForAll(std::chrono::minutes(5))) {
+        if (!NorvAnalytics::flush(std::chrono::minutes(5))) {
             state.SkipWithError("not every event was delivered within five minutes");
         }
-        NorvAnalytic::MainQueue::main().sync([] {});
     }
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
@@ -79,7 +139,8 @@ void BM_DeliverEvents(benchmark::State& state) {
     state.counters["VmRSS_before_kB"] = before;
     state.counters["VmRSS_after_kB"] = residentKilobytes();
     state.counters["VmHWM_kB"] = peakResidentKilobytes();
-    state.counters["dropped"] = static_cast<double>(curlClient()->droppedRequests());
+    state.counters["dropped"] = static_cast<double>(curlClient()->droppedRequests() +
+                                                    NorvAnalytics::droppedEventCount());
     state.counters["answers_not_200"] = static_cast<double>(client.notDelivered());
 }
 // Three runs in one process: after the first, memory must stay where it is.
@@ -105,7 +166,7 @@ int main(int argc, char** argv) {
     if (const char* depth = std::getenv("NORV_THROUGHPUT_PIPELINE")) {
         curlClient()->setPipelineDepth(std::strtoul(depth, nullptr, 10));
     }
-    NorvAnalytic::Platform::setHttpClient(completionCounter());
+    NorvAnalytic::Platform::setHttpClient(gate());
     NorvAnalytics::initWithKey(std::string("bench-key"));
     NorvAnalytics::sharedController().setUrlString(std::string(url));
 

@@ -8,6 +8,7 @@
 #include <NorvAnalytic/ViewController.h>
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -40,6 +41,12 @@ public:
     // waits on the main queue's own thread (with an executor, the host's thread that runs it):
     // there it returns false at once. Call it before returning from main.
     static bool flush(std::chrono::milliseconds timeout);
+    // Bounds the events waiting to go to the collection server while the network is slower
+    // than the host (defaults: 100,000 events, 32 MiB). When either is reached the oldest
+    // waiting event is dropped, counted, and said once per burst on the diagnostics sink.
+    static void setWaitingEventLimits(std::size_t maxEvents, std::size_t maxBytes);
+    // How many waiting events were dropped so far in this process.
+    static std::uint64_t droppedEventCount();
 
     // Event calls. None blocks, none reports an error; before initWithKey they do nothing.
     static void sendUsername(const Text& username);

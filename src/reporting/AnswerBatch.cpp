@@ -6,6 +6,8 @@
 #include <utility>
 #include <vector>
 
+#include "reporting/OutgoingEvents.h"
+
 namespace NorvAnalytic {
 
 namespace {
@@ -39,7 +41,10 @@ void AnswerBatch::add(Answer answer) {
     } catch (...) {
         // Out of memory: the waiting answers are dropped, so that a later one posts again.
         lock.lock();
+        const std::size_t dropped = queue.answers.size();
         queue.answers.clear();
+        lock.unlock();
+        OutgoingEvents::shared().answersHandled(dropped);
     }
 }
 
@@ -58,12 +63,14 @@ void AnswerBatch::handleAll() {
         } catch (...) {
             // Out of memory: this one answer is dropped, the main queue goes on.
         }
-        answer.ticket.reset();
+        answer.event.reset();
     }
+    const std::size_t handled = taken.size();
     taken.clear();
     if (taken.capacity() > kKeptCapacity) {
         taken = std::vector<Answer>();
     }
+    OutgoingEvents::shared().answersHandled(handled);
 }
 
 }  // namespace NorvAnalytic

@@ -6,23 +6,22 @@
 #include <optional>
 #include <string>
 
-#include "reporting/EventsInFlight.h"
 #include "reporting/SentEvent.h"
 
 namespace NorvAnalytic {
 
 // Carries answers to the main queue. Answers that arrive before the main queue has taken the
 // earlier ones join them, so a burst of answers costs one main-queue task, not one wake each.
-// It holds at most the answers of the requests in flight.
+// It holds at most OutgoingEvents::kWindow answers: no more events go to the client until the
+// main queue has handled answers.
 class AnswerBatch {
 public:
     struct Answer {
+        // The event's flush ticket ends with it, once its answer is handled.
         std::shared_ptr<const SentEvent> event;
         std::optional<std::string> data;
         std::optional<HttpResponse> response;
         std::optional<std::string> transportError;
-        // Ends the event for flush once its answer is handled.
-        std::shared_ptr<EventsInFlight::Ticket> ticket;
     };
 
     // Any thread; the answers are handled later on the main queue, in arrival order.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <condition_variable>
 #include <deque>
+#include <limits>
 #include <mutex>
 
 namespace NorvAnalytic {
@@ -16,6 +17,8 @@ struct Registry {
     std::condition_variable ended;
     std::deque<bool> endedFromOldestOpen;
     std::uint64_t oldestOpen = 0;
+    // The nearest event number a waiter waits to see ended: the others end without a wake.
+    std::uint64_t wakeAt = std::numeric_limits<std::uint64_t>::max();
 };
 
 Registry& registry() {
@@ -30,6 +33,9 @@ constexpr std::chrono::milliseconds kLongestWait = std::chrono::hours(24 * 365);
 }  // namespace
 
 EventsInFlight::Ticket::~Ticket() {
+    if (number_ == kEnded) {
+        return;
+    }
     Registry& state = registry();
     {
         std::lock_guard lock(state.mutex);
@@ -42,11 +48,15 @@ EventsInFlight::Ticket::~Ticket() {
             flags.pop_front();
             ++state.oldestOpen;
         }
+        if (state.oldestOpen < state.wakeAt) {
+            return;
+        }
+        state.wakeAt = std::numeric_limits<std::uint64_t>::max();
     }
     state.ended.notify_all();
 }
 
-std::shared_ptr<EventsInFlight::Ticket> EventsInFlight::begin() {
+EventsInFlight::Ticket EventsInFlight::begin() {
     Registry& state = registry();
     std::uint64_t number = 0;
     {
@@ -54,7 +64,7 @@ std::shared_ptr<EventsInFlight::Ticket> EventsInFlight::begin() {
         number = state.oldestOpen + state.endedFromOldestOpen.size();
         state.endedFromOldestOpen.push_back(false);
     }
-    return std::make_shared<Ticket>(number);
+    return Ticket(number);
 }
 
 bool EventsInFlight::waitForEarlier(std::chrono::milliseconds timeout) {
@@ -65,7 +75,15 @@ bool EventsInFlight::waitForEarlier(std::chrono::milliseconds timeout) {
     if (timeout <= std::chrono::milliseconds::zero()) {
         return earlierEnded();
     }
-    return state.ended.wait_for(lock, std::min(timeout, kLongestWait), earlierEnded);
+    const auto deadline = std::chrono::steady_clock::now() + std::min(timeout, kLongestWait);
+    while (!earlierEnded()) {
+        // Set again after each wake: a wake for another waiter's nearer limit clears it.
+        state.wakeAt = std::min(state.wakeAt, limit);
+        if (state.ended.wait_until(lock, deadline) == std::cv_status::timeout) {
+            return earlierEnded();
+        }
+    }
+    return true;
 }
 
 }  // namespace NorvAnalytic

@@ -2,28 +2,32 @@
 
 #include <chrono>
 #include <cstdint>
-#include <memory>
+#include <limits>
 
 namespace NorvAnalytic {
 
-// The events handed to the HTTP client whose answers are not handled yet, so that a host can
+// The events sent whose answers are not handled yet, waiting ones included, so that a host can
 // wait for them before it exits. An event counts from begin() until its ticket is gone.
 class EventsInFlight {
 public:
-    // Carried by the request and then by its answer; the event ends when the last copy goes,
-    // also when a client drops the request without ever completing it.
+    // Kept inside the event's record: the event ends when the record goes, also when it is
+    // dropped or a client drops the request without ever completing it. A moved-from ticket
+    // ends nothing.
     class Ticket {
     public:
         explicit Ticket(std::uint64_t number) : number_(number) {}
         ~Ticket();
+        Ticket(Ticket&& other) noexcept : number_(other.number_) { other.number_ = kEnded; }
+        Ticket& operator=(Ticket&&) = delete;
         Ticket(const Ticket&) = delete;
         Ticket& operator=(const Ticket&) = delete;
 
     private:
+        static constexpr std::uint64_t kEnded = std::numeric_limits<std::uint64_t>::max();
         std::uint64_t number_;
     };
 
-    static std::shared_ptr<Ticket> begin();
+    static Ticket begin();
     // True once every event begun before the call has ended; false when the timeout passes
     // first. Later events are not waited for, so a steady stream cannot hold the caller.
     static bool waitForEarlier(std::chrono::milliseconds timeout);

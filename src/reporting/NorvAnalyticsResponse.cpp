@@ -134,6 +134,13 @@ void NorvAnalytics::handleEventResponse(const EventResponseContext& context,
     }
 }
 
+bool answerChangesNothing(const SentEvent& event, const std::optional<std::string>& data,
+                          const std::optional<HttpResponse>& response) {
+    const long statusCode = response ? response->statusCode : 0;
+    return data && !isKept(statusCode, event.isSavedEvent()) &&
+           changesOnlyTheStore(event.typeId());
+}
+
 void handleAnswer(const SentEvent& event, std::optional<std::string> data,
                   std::optional<HttpResponse> response, std::optional<std::string> transportError) {
     if (data && changesOnlyTheStore(event.typeId())) {

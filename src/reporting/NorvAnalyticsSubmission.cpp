@@ -5,12 +5,11 @@
 #include "BuildConfig.h"
 #include "keychain/KeychainItemCache.h"
 #include "platform/Diagnostics.h"
-#include "reporting/AnswerBatch.h"
 #include "reporting/ControllerState.h"
 #include "reporting/DeviceIdentity.h"
 #include "reporting/EventCatalogue.h"
 #include "reporting/EventSubmission.h"
-#include "reporting/EventsInFlight.h"
+#include "reporting/OutgoingEvents.h"
 #include "reporting/RequestBody.h"
 #include "reporting/SentEvent.h"
 #include "reporting/TextFormat.h"
@@ -31,15 +30,16 @@ std::optional<Destination> destinationIfEnabled() {
     });
 }
 
-DeviceFacts gatherFacts(const Text& key, const Text& typeId) {
+DeviceFacts gatherFacts(const Destination& destination, const Text& typeId) {
     const std::shared_ptr<Device> device = Platform::device();
     DeviceFacts facts{
-        .key = key,
+        .key = destination.key,
         .deviceUUID = NorvAnalytics::getNorvAnalyticUUID(),
         .sdkVersion =
             TextFormat::version(Bundle::bundleWithIdentifier(BuildConfig::kSdkBundleIdentifier)),
         .deviceModel = NorvAnalytics::sharedController().getDeviceModel(),
         .systemVersion = device->systemVersion(),
+        .url = *destination.url,
     };
     if (EventCatalogue::isAppOpen(typeId)) {
         device->setBatteryMonitoringEnabled(true);
@@ -61,6 +61,12 @@ std::string& NorvAnalytics::addObject(const Text& object, const std::string& key
     }
     return body;
 }
+
+void NorvAnalytics::setWaitingEventLimits(std::size_t maxEvents, std::size_t maxBytes) {
+    OutgoingEvents::shared().setLimits(maxEvents, maxBytes);
+}
+
+std::uint64_t NorvAnalytics::droppedEventCount() { return OutgoingEvents::shared().droppedCount(); }
 
 void NorvAnalytics::sendEventWithTypeId(const Text& typeId, float value, const Text& endpoint,
                                         const Text& parameters, const Text& response,
@@ -87,18 +93,8 @@ void sendEvent(const EventFields& event, bool isSavedEvent) {
         }
         return;
     }
-    auto sent = std::make_shared<const SentEvent>(
-        event, SentEvent::share(gatherFacts(destination->key, event.typeId)), isSavedEvent);
-    std::string body = RequestBody::build(event, sent->facts());
-    Platform::httpClient()->send(
-        HttpRequest{"POST", *destination->url, std::move(body)},
-        [sent = std::move(sent), ticket = EventsInFlight::begin()](
-            std::optional<std::string> data, std::optional<HttpResponse> httpResponse,
-            std::optional<std::string> transportError) mutable {
-            // Answers change shared state, so they are handled one by one on the main queue.
-            AnswerBatch::add({std::move(sent), std::move(data), httpResponse,
-                              std::move(transportError), std::move(ticket)});
-        });
+    OutgoingEvents::shared().submit(
+        SentEvent(event, SentEvent::share(gatherFacts(*destination, event.typeId)), isSavedEvent));
 }
 
 }  // namespace

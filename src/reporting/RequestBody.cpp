@@ -36,8 +36,15 @@ void RequestBody::append(std::string& body, std::string_view key, std::string_vi
 }
 
 std::string RequestBody::build(const EventFields& event, const DeviceFacts& device) {
-    std::string body;
-    body.reserve(512);
+    // Built in a buffer each thread keeps, then copied out at its exact size: a body may wait
+    // in the HTTP client, and growth slack would wait with it.
+    thread_local std::string buffer;
+    buffer.clear();
+    appendTo(buffer, event, device);
+    return buffer;
+}
+
+void RequestBody::appendTo(std::string& body, const EventFields& event, const DeviceFacts& device) {
     appendIfPresent(body, "key", device.key);
     append(body, "value", TextFormat::decimal(event.value));
     appendIfPresent(body, "type", event.typeId);
@@ -62,7 +69,6 @@ std::string RequestBody::build(const EventFields& event, const DeviceFacts& devi
     append(body, "is_test_device", "1");
     append(body, "version", kProtocolVersion);
     append(body, "is_simulator", BuildConfig::kSimulatorBuild ? "1" : "0");
-    return body;
 }
 
 }  // namespace NorvAnalytic

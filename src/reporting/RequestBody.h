@@ -10,7 +10,7 @@
 
 namespace NorvAnalytic {
 
-// What the SDK adds to every event about the app and the device.
+// What the SDK adds to every event about the app and the device, and where the event goes.
 struct DeviceFacts {
     Text key;
     std::string deviceUUID;
@@ -20,6 +20,7 @@ struct DeviceFacts {
     // Only app-open events carry these two.
     std::optional<float> batteryLevel = std::nullopt;
     Text userId = std::nullopt;
+    std::string url = std::string();
 
     bool operator==(const DeviceFacts&) const = default;
 };
@@ -30,6 +31,9 @@ public:
     static std::string build(const EventFields& event, const DeviceFacts& device);
     // Appends "key=value" ("&" first unless the body is empty), the value as valid UTF-8.
     static void append(std::string& body, std::string_view key, std::string_view value);
+
+private:
+    static void appendTo(std::string& body, const EventFields& event, const DeviceFacts& device);
 };
 
 }  // namespace NorvAnalytic

@@ -19,10 +19,10 @@ using Testing::ReportingHarness;
 TEST(EventCalls, EachCallSendsItsTypeValueAndSlots) {
     ReportingHarness harness;
     NorvAnalytics::saveStoreUserID("store-user-7");
-    const std::string p = "p", r = "r";
+    const std::string p = "p", r = "r", longName(300, 'n');
     // Each call, and the slots it must send.
     const std::vector<std::pair<std::function<void()>, EventFields>> rows = {
-        {[] { NorvAnalytics::sendUsername("ann"); }, {.username = "ann"}},
+        {[&] { NorvAnalytics::sendUsername(longName); }, {.username = longName}},
         {[] { NorvAnalytics::sendWarehouse("north"); }, {.warehouse = "north"}},
         {[] { NorvAnalytics::sendError("boom"); }, {.error = "boom"}},
         {[] { NorvAnalytics::sendDeviceName("sc"); }, {.deviceName = "sc"}},
@@ -118,6 +118,8 @@ TEST(EventCalls, ManyThreadsLoseNoEvent) {
         });
     }
     std::for_each(threads.begin(), threads.end(), [](std::thread& thread) { thread.join(); });
+    while (harness.http->answerAll(200, "") > 0) {
+    }
     const auto bodies = harness.http->bodies();
     EXPECT_EQ(bodies.size(), kThreads * kPerThread * 2);
     std::set<std::string> pages;

@@ -7,9 +7,22 @@
 namespace NorvAnalytic::Testing {
 
 void RecordingHttpClient::send(HttpRequest request, Completion completion) {
-    std::lock_guard lock(mutex_);
+    std::unique_lock lock(mutex_);
     requests_.push_back(std::move(request));
-    open_.push_back(std::move(completion));
+    if (!answerInsideSend) {
+        open_.push_back(std::move(completion));
+        return;
+    }
+    lock.unlock();
+    completion(std::string(), HttpResponse{200}, std::nullopt);
+}
+
+std::size_t RecordingHttpClient::dropAll() {
+    // Declared first, so destroyed after the lock is released: a completion may send again.
+    std::vector<Completion> open;
+    std::lock_guard lock(mutex_);
+    open.swap(open_);
+    return open.size();
 }
 
 std::vector<HttpRequest> RecordingHttpClient::requests() const {
@@ -29,8 +42,8 @@ void RecordingHttpClient::clear() {
     requests_.clear();
 }
 
-void RecordingHttpClient::completeAll(const std::optional<std::string>& data,
-                                      const std::optional<HttpResponse>& response) {
+std::size_t RecordingHttpClient::completeAll(const std::optional<std::string>& data,
+                                             const std::optional<HttpResponse>& response) {
     std::vector<Completion> open;
     {
         std::lock_guard lock(mutex_);
@@ -40,6 +53,7 @@ void RecordingHttpClient::completeAll(const std::optional<std::string>& data,
         completion(data, response, data ? std::nullopt : std::optional<std::string>("failed"));
     }
     MainQueue::main().sync([] {});
+    return open.size();
 }
 
 }  // namespace NorvAnalytic::Testing

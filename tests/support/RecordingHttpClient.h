@@ -2,6 +2,7 @@
 
 #include <NorvAnalytic/HttpClient.h>
 
+#include <atomic>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -19,15 +20,24 @@ public:
     std::vector<std::string> bodies() const;
     void clear();
 
+    // Once set, each request is answered (200, empty) before send() returns, as a stopped
+    // client completes inside send().
+    std::atomic<bool> answerInsideSend = false;
+
     // Answers every request still open, oldest first, and waits until the main queue has
-    // handled the answers.
-    void answerAll(long status, std::string body) { completeAll(body, HttpResponse{status}); }
+    // handled the answers. Returns how many it answered; events that were waiting for room in
+    // the client may arrive meanwhile and stay open.
+    std::size_t answerAll(long status, std::string body) {
+        return completeAll(body, HttpResponse{status});
+    }
     // Fails every request still open without an answer, as a transport error does.
-    void failAll() { completeAll(std::nullopt, std::nullopt); }
+    std::size_t failAll() { return completeAll(std::nullopt, std::nullopt); }
+    // Destroys the completion of every request still open without calling it; how many.
+    std::size_t dropAll();
 
 private:
-    void completeAll(const std::optional<std::string>& data,
-                     const std::optional<HttpResponse>& response);
+    std::size_t completeAll(const std::optional<std::string>& data,
+                            const std::optional<HttpResponse>& response);
 
     mutable std::mutex mutex_;
     std::vector<HttpRequest> requests_;

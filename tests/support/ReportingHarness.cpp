@@ -20,7 +20,10 @@ ReportingHarness::ReportingHarness() {
 }
 
 ReportingHarness::~ReportingHarness() {
-    // Stop this test's timers and drop its events and alert, so the next test starts clean.
+    // Stop this test's timers and drop its events and alert, so the next test starts clean. The
+    // client drops what it holds uncalled, as a client may: each dropped request frees its place.
+    while (http->dropAll() > 0) {
+    }
     MainQueue::main().sync([] {
         auto& controller = NorvAnalytics::sharedController();
         controller.setIsEnabled(false);
