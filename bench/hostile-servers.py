@@ -7,6 +7,7 @@ killed. Every mode but `good` misbehaves in one way; `good` and the well-formed 
 others answer each POST with its own body, so the client can tell whose answer it got.
 """
 
+import functools
 import socket
 import sys
 import threading
@@ -62,11 +63,15 @@ def good(connection):
         connection.sendall(answer(200, body))
 
 
+@functools.cache
+def huge_answer():
+    return answer(200, b"x" * (50 << 20))
+
+
 @mode
 def huge(connection):
-    whole = answer(200, b"x" * (50 << 20))
     for _ in each_request(connection):
-        connection.sendall(whole)
+        connection.sendall(huge_answer())
 
 
 @mode
