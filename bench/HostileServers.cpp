@@ -286,8 +286,9 @@ int main(int argc, char** argv) {
     const std::string script = argv[1];
     std::vector<std::string> modes(argv + 2, argv + argc);
     if (modes.empty()) {
-        modes = {"huge",      "silent", "reset",   "garbage", "deepjson", "nul",     "redirect",
-                 "slowloris", "http10", "headers", "fourgig", "pipedrop"};
+        modes = {"huge",     "chunked",   "redirectbig", "silent",  "reset",
+                 "garbage",  "deepjson",  "nul",         "redirect", "slowloris",
+                 "http10",   "headers",   "fourgig",     "pipedrop"};
     }
     const ServerProcess good(script, "good");
     if (!good.running()) {

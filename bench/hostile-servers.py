@@ -75,6 +75,29 @@ def huge(connection):
 
 
 @mode
+def chunked(connection):
+    """50 MB again, in chunks: no length up front to refuse it by."""
+    piece = b"%x\r\n%s\r\n" % (1 << 20, b"x" * (1 << 20))
+    for _ in each_request(connection):
+        connection.sendall(b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n")
+        for _ in range(50):
+            connection.sendall(piece)
+        connection.sendall(b"0\r\n\r\n")
+
+
+@mode
+def redirectbig(connection):
+    """A redirect, which the client follows through libcurl, to a 50 MB answer."""
+    buffered = b""
+    while (request := read_request(connection, buffered)) is not None:
+        head, _, buffered = request
+        if head.split(b" ")[1] == b"/big":
+            connection.sendall(huge_answer())
+        else:
+            connection.sendall(answer(302, b"", b"Location: /big\r\n"))
+
+
+@mode
 def silent(connection):
     for _ in each_request(connection):
         pass
