@@ -220,7 +220,7 @@ void resetPeakResident() {
 bool runAgainst(const std::string& script, const std::string& mode, const ServerProcess& good) {
     ServerProcess hostile(script, mode);
     if (!hostile.running()) {
-        std::printf("%-10s could not start the server\n", mode.c_str());
+        std::printf("%-11s could not start the server\n", mode.c_str());
         return false;
     }
     resetPeakResident();
@@ -250,8 +250,8 @@ bool runAgainst(const std::string& script, const std::string& mode, const Server
     client.reset();
     const double destroyMs = milliseconds(Clock::now() - destroying);
     const bool everyCompletionRan = tally.completed() == tally.sent() && tally.repeated() == 0;
-    const double peakDeltaMb =
-        (NorvAnalytic::Bench::peakResidentKilobytes() - residentBefore) / 1024.0;
+    const double peakDeltaMb = std::max(
+        0.0, (NorvAnalytic::Bench::peakResidentKilobytes() - residentBefore) / 1024.0);
 
     auto fresh = std::make_unique<CurlHttpClient>();
     const std::shared_ptr<Tally> freshTally = goodRun(*fresh, good, "fresh");
@@ -265,7 +265,7 @@ bool runAgainst(const std::string& script, const std::string& mode, const Server
                     everyCompletionRan &&
                     tally.wrongAnswers() == 0 && sameClient.ends_with(" ok") &&
                     freshClient.ends_with(" ok");
-    std::printf("%-10s %s sent %d, %d completed %s %.0f ms; peak RSS +%.1f MB; destroyed with "
+    std::printf("%-11s %s sent %d, %d completed %s %.0f ms; peak RSS +%.1f MB; destroyed with "
                 "%d in flight in %.1f ms%s; good server after: %s, %s\n  completions: %s\n",
                 mode.c_str(), ok ? "PASS" : "FAIL", tally.sent(), completedBeforeGood,
                 allCompleted ? "all in" : "of the first ones, cut after", completionMs,
