@@ -45,9 +45,6 @@ constexpr long kIdleTimeoutSeconds = 60;
 constexpr std::size_t kDefaultPipelineDepth = 16;
 constexpr long kMaxRedirects = 16;
 constexpr int kPollTimeoutMilliseconds = 1000;
-// The collection protocol's answers are a few hundred bytes; a longer one is cut off here and
-// handed over as an empty (so not JSON) answer with its status.
-constexpr std::size_t kMaxAnswerBytes = 1 << 20;
 
 // curl reads these itself; a request that a proxy would carry is left to curl whole.
 bool proxyConfigured() {

@@ -2,7 +2,13 @@
 
 #include <NorvAnalytic/HttpClient.h>
 
+#include <cstddef>
+
 namespace NorvAnalytic {
+
+// The collection protocol's answers are a few hundred bytes; a longer one is cut off here and
+// handed over as an empty (so not JSON) answer with its status.
+constexpr std::size_t kMaxAnswerBytes = 1 << 20;
 
 // A request the HTTP client holds, with the completion it owes.
 struct PendingRequest {

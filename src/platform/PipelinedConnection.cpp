@@ -9,9 +9,6 @@ namespace NorvAnalytic {
 
 namespace {
 
-// The collection protocol's answers are a few hundred bytes; a longer one is cut off here and
-// handed over as an empty (so not JSON) answer with its status.
-constexpr std::size_t kMaxAnswerBytes = 1 << 20;
 constexpr std::chrono::seconds kIdleTimeout(60);
 // A server that dropped the second request of a trial never answers it; one that reads the
 // two correctly answers both at once.
