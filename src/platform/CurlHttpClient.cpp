@@ -36,6 +36,10 @@ constexpr long kMaxConnectionsPerHost = 6;
 constexpr std::size_t kMaxActiveTransfers = kMaxConnectionsPerHost;
 // Distinct URLs remembered with their parsed form; the SDK posts to one.
 constexpr std::size_t kMaxRoutes = 64;
+// How many waiting requests a hand-over looks past when their server has no room, so that a
+// server that never answers holds its own requests only, not those for other servers. Each
+// server's requests still leave in order.
+constexpr std::size_t kLookAhead = 64;
 constexpr long kIdleTimeoutSeconds = 60;
 // Requests written ahead of their answers on one kept connection, for a server that passed
 // the trial. A curl transfer costs a send, a receive and a poll per request and libcurl's own
@@ -355,14 +359,17 @@ private:
             }
             ++take_;
             std::size_t curlRoom = kMaxActiveTransfers - active_;
-            while (!queue_.empty()) {
-                Route* route = routeFor(queue_.front());
+            std::size_t passed = 0;
+            for (auto waiting = queue_.begin(); waiting != queue_.end() && passed < kLookAhead;) {
+                Route* route = routeFor(*waiting);
                 if (!reserve(route, curlRoom)) {
-                    break;
+                    ++waiting;
+                    ++passed;
+                    continue;
                 }
-                waitingBytes_ -= queue_.front().request.body.size();
-                batch_.emplace_back(std::move(queue_.front()), route);
-                queue_.pop_front();
+                waitingBytes_ -= waiting->request.body.size();
+                batch_.emplace_back(std::move(*waiting), route);
+                waiting = queue_.erase(waiting);
                 dropping_ = false;
             }
         }
@@ -456,11 +463,17 @@ private:
             return nullptr;
         }
         try {
-            auto found = routes_.find(pending.request.url);
-            if (found == routes_.end()) {
-                found = routes_.emplace(pending.request.url, parseRoute(pending.request.url)).first;
+            // A hand-over looks at many requests under the lock, nearly all for the same URL.
+            if (lastRoute_ == nullptr || pending.request.url != lastUrl_) {
+                auto found = routes_.find(pending.request.url);
+                if (found == routes_.end()) {
+                    found =
+                        routes_.emplace(pending.request.url, parseRoute(pending.request.url)).first;
+                }
+                lastUrl_ = pending.request.url;
+                lastRoute_ = &found->second;
             }
-            return found->second.origin != nullptr ? &found->second : nullptr;
+            return lastRoute_->origin != nullptr ? lastRoute_ : nullptr;
         } catch (...) {
             return nullptr;
         }
@@ -521,6 +534,7 @@ private:
     // Keeps the remembered URLs bounded; origins without a connection go with them.
     void forgetRoutes() {
         routes_.clear();
+        lastRoute_ = nullptr;
         std::erase_if(origins_, [](const auto& origin) { return origin->connections.empty(); });
     }
 
@@ -618,11 +632,18 @@ private:
     // the poll to time out.
     bool hasRoomForQueuedRequests() {
         std::lock_guard lock(mutex_);
-        if (queue_.empty()) {
-            return false;
+        ++take_;
+        std::size_t curlRoom = kMaxActiveTransfers - active_;
+        std::size_t looked = 0;
+        for (const Pending& waiting : queue_) {
+            if (reserve(routeFor(waiting), curlRoom)) {
+                return true;
+            }
+            if (++looked == kLookAhead) {
+                break;
+            }
         }
-        const Route* route = routeFor(queue_.front());
-        return route != nullptr ? freeSlots(*route->origin) > 0 : active_ < kMaxActiveTransfers;
+        return false;
     }
 
     void applyConfigLocked() {
@@ -898,6 +919,7 @@ private:
         }
         origins_.clear();
         routes_.clear();
+        lastRoute_ = nullptr;
         for (auto& [pending, reason] : abandoned.failed) {
             cancelled.push_back(std::move(pending));
         }
@@ -950,6 +972,8 @@ private:
     bool proxied_ = false;
     std::vector<std::unique_ptr<Origin>> origins_;
     std::unordered_map<std::string, Route> routes_;
+    std::string lastUrl_;
+    Route* lastRoute_ = nullptr;
     std::uint64_t take_ = 0;
     std::string head_;
     PipelinedConnection::Results results_;

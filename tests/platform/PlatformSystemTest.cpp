@@ -138,6 +138,22 @@ TEST(CurlHttpClientTest, AHostileServerNeverGrowsMemoryOrTheQueueAndLaterEventsS
     Platform::setDiagnosticsSink(nullptr);
 }
 
+TEST(CurlHttpClientTest, AServerThatNeverAnswersHoldsOnlyItsOwnRequests) {
+    LocalHttpServer silent;
+    LocalHttpServer good;
+    auto release = holdAnswers(silent, {});
+    CurlHttpClient client;
+    // Six hold its connections, two more wait for them.
+    std::vector<std::future<std::string>> held;
+    for (int index = 0; index < 8; ++index) {
+        held.push_back(post(client, silent.url(), "held"));
+    }
+    ASSERT_TRUE(silent.waitForCount(6));
+    auto answered = post(client, good.url(), "other");
+    ASSERT_EQ(answered.wait_for(10s), std::future_status::ready);
+    EXPECT_THAT(answered.get(), MatchesRegex("200 .*"));
+}
+
 // Python's HTTP/1.1 server answers requests written back to back in order, so after a trial it
 // gets them 16 at a time; cpp-httplib (the LocalHttpServer) drops a request read along with
 // another, so it fails the trial and gets one at a time. Both echo the body. The first round
