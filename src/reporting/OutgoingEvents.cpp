@@ -2,24 +2,20 @@
 
 #include <NorvAnalytic/Platform.h>
 
+#include <pthread.h>
+#include <signal.h>
+
 #include <algorithm>
 #include <atomic>
-#include <limits>
+#include <cstdlib>
+#include <system_error>
+#include <thread>
 #include <utility>
 
 #include "platform/Diagnostics.h"
 #include "reporting/AnswerBatch.h"
 
 namespace NorvAnalytic {
-
-namespace {
-
-// A host's call or the main queue hands over at most this many waiting events; the rest is
-// left to the completions, so neither thread works off a backlog.
-constexpr std::size_t kMostSendsPerCall = 4;
-constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
-
-}  // namespace
 
 // An event in the client. Its place in the window is freed once: by its completion, or, when a
 // client destroys the completion without calling it, when the last copy goes.
@@ -30,7 +26,7 @@ public:
         if (!completed.exchange(true)) {
             OutgoingEvents& outgoing = shared();
             outgoing.requestEnded(false);
-            outgoing.pump(kNoLimit);
+            outgoing.pump();
         }
     }
     HandedOver(const HandedOver&) = delete;
@@ -74,7 +70,7 @@ public:
             }
         }
         handed.reset();
-        outgoing.pump(kNoLimit);
+        outgoing.pump();
     }
 
 private:
@@ -88,25 +84,95 @@ OutgoingEvents& OutgoingEvents::shared() {
 }
 
 void OutgoingEvents::submit(SentEvent event) {
+    std::call_once(threadStart_, [this] { startHandOverThread(); });
     std::string burst;
+    bool asked = false;
+    bool pumpHere = false;
     {
         std::lock_guard lock(mutex_);
         waitingBytes_ += event.bytes();
         waiting_.push_back(std::move(event));
         burst = dropOverLimitsLocked();
+        asked = askForHandOverLocked();
+        pumpHere = !threadStarted_;
+    }
+    if (asked) {
+        handOverAsked_.notify_one();
+    } else if (pumpHere) {
+        pump();
     }
     if (!burst.empty() && Diagnostics::isOn()) {
         Diagnostics::report(DiagnosticLevel::Warning, burst);
     }
-    pump(kMostSendsPerCall);
 }
 
 void OutgoingEvents::answersHandled(std::size_t count) {
+    bool asked = false;
+    bool pumpHere = false;
     {
         std::lock_guard lock(mutex_);
         unhandled_ -= count;
+        asked = askForHandOverLocked();
+        pumpHere = !threadStarted_;
     }
-    pump(kMostSendsPerCall);
+    if (asked) {
+        handOverAsked_.notify_one();
+    } else if (pumpHere) {
+        pump();
+    }
+}
+
+void OutgoingEvents::waitUntilHandedOver() {
+    std::unique_lock lock(mutex_);
+    handedOver_.wait(lock, [this] { return !pumping_ && (waiting_.empty() || !hasRoomLocked()); });
+}
+
+bool OutgoingEvents::hasRoomLocked() const { return inClient_ < kWindow && unhandled_ < kWindow; }
+
+bool OutgoingEvents::askForHandOverLocked() {
+    if (!threadStarted_ || pumping_ || asked_ || waiting_.empty() || !hasRoomLocked()) {
+        return false;
+    }
+    asked_ = true;
+    return true;
+}
+
+void OutgoingEvents::startHandOverThread() {
+    // The default client is made here, on the host's thread: made on ours it could be set up
+    // while the process exits, and its exit hooks must be registered before this one.
+    Platform::httpClient();
+    // Started with every signal blocked, so none of the host's is delivered to it.
+    sigset_t all;
+    sigset_t callers;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &callers);
+    try {
+        std::thread([this] { handOverForever(); }).detach();
+        std::lock_guard lock(mutex_);
+        threadStarted_ = true;
+    } catch (const std::system_error&) {
+        // No thread to be had: each caller hands over itself.
+    }
+    pthread_sigmask(SIG_SETMASK, &callers, nullptr);
+    static_cast<void>(std::atexit([] {
+        OutgoingEvents& outgoing = shared();
+        std::lock_guard lock(outgoing.mutex_);
+        outgoing.exiting_ = true;
+    }));
+}
+
+// Never returns: the instance is never destroyed.
+void OutgoingEvents::handOverForever() {
+    pthread_setname_np(pthread_self(), "norv-handover");
+    std::unique_lock lock(mutex_);
+    while (true) {
+        handOverAsked_.wait(lock, [this] { return asked_; });
+        // Cleared first: an event added once the pump has looked for the last time asks again.
+        asked_ = false;
+        lock.unlock();
+        pump();
+        lock.lock();
+    }
 }
 
 void OutgoingEvents::setLimits(std::size_t maxEvents, std::size_t maxBytes) {
@@ -146,18 +212,14 @@ std::string OutgoingEvents::dropOverLimitsLocked() {
            " dropped so far)";
 }
 
-void OutgoingEvents::pump(std::size_t mostSends) noexcept {
+void OutgoingEvents::pump() noexcept {
     std::unique_lock lock(mutex_);
     if (pumping_) {
         return;
     }
     pumping_ = true;
-    for (std::size_t sends = 0;
-         !waiting_.empty() && inClient_ < kWindow && unhandled_ < kWindow; ++sends) {
-        // Whatever is left, a request still out will come back to.
-        if (sends >= mostSends && (inClient_ > 0 || unhandled_ > 0)) {
-            break;
-        }
+    // At exit nothing more is handed over: the process ends with what waits.
+    while (!waiting_.empty() && hasRoomLocked() && !exiting_) {
         waitingBytes_ -= waiting_.front().bytes();
         SentEvent event = std::move(waiting_.front());
         waiting_.pop_front();
@@ -168,6 +230,8 @@ void OutgoingEvents::pump(std::size_t mostSends) noexcept {
         lock.lock();
     }
     pumping_ = false;
+    lock.unlock();
+    handedOver_.notify_all();
 }
 
 void OutgoingEvents::handOver(SentEvent event) noexcept {

@@ -56,7 +56,9 @@ TEST(QtAdapter, TheAlertIsAModalBoxOverTheActiveWindowDrivenFromTheGuiThread) {
     const auto answerAppOpen = [&](const std::string& versions) {
         const std::size_t lines = answeredOnGuiThread.size();
         NorvAnalytics::sendAppOpenEvent();
-        http->answerAll(200, R"({"payload":{"analytics_enabled":true,)" + versions + "}}");
+        // The event reaches the client on the SDK's own thread.
+        const std::string answer = R"({"payload":{"analytics_enabled":true,)" + versions + "}}";
+        EXPECT_TRUE(QTest::qWaitFor([&] { return http->answerAll(200, answer) > 0; }));
         EXPECT_TRUE(QTest::qWaitFor([&] { return answeredOnGuiThread.size() > lines; }));
         return window.findChildren<QMessageBox*>();
     };

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "reporting/OutgoingEvents.h"
@@ -44,6 +45,15 @@ TEST(OutgoingEvents, AWindowAtATimeInOrderAlsoToAClientThatAnswersInsideSend) {
     EXPECT_EQ(sentPages(harness), pages(0, kEvents));
 }
 
+// The host's call only adds the record; bodies are built and sent on the SDK's own thread.
+TEST(OutgoingEvents, AHostCallHandsNothingToTheClientItself) {
+    ReportingHarness harness;
+    std::ranges::for_each(pages(0, 3), &NorvAnalytics::sendEventWithPageName);
+    const std::vector<std::thread::id> senders = harness.http->senders();
+    ASSERT_EQ(senders.size(), 3U);
+    EXPECT_EQ(std::ranges::count(senders, std::this_thread::get_id()), 0);
+}
+
 TEST(OutgoingEvents, AFullWaitingListDropsTheOldestCountsItAndEndsItsTicket) {
     // Short texts stay inside the record, so each waiting event counts as the record alone.
     struct Row {
@@ -55,9 +65,11 @@ TEST(OutgoingEvents, AFullWaitingListDropsTheOldestCountsItAndEndsItsTicket) {
         std::size_t warnings = 0;
         Platform::setDiagnosticsSink(
             [&](DiagnosticLevel level, auto&) { warnings += level == DiagnosticLevel::Warning; });
+        std::ranges::for_each(pages(0, kWindow), &NorvAnalytics::sendEventWithPageName);
+        ASSERT_EQ(harness.http->requests().size(), kWindow);
         NorvAnalytics::setWaitingEventLimits(row.maxEvents, row.maxBytes);
         const std::uint64_t droppedBefore = NorvAnalytics::droppedEventCount();
-        std::ranges::for_each(pages(0, kWindow + 10), &NorvAnalytics::sendEventWithPageName);
+        std::ranges::for_each(pages(kWindow, kWindow + 10), &NorvAnalytics::sendEventWithPageName);
         EXPECT_EQ(NorvAnalytics::droppedEventCount() - droppedBefore, 10 - row.kept);
         EXPECT_EQ(warnings, 1U);
         while (harness.http->answerAll(200, "") > 0) {

@@ -9,6 +9,7 @@ namespace NorvAnalytic::Testing {
 void RecordingHttpClient::send(HttpRequest request, Completion completion) {
     std::unique_lock lock(mutex_);
     requests_.push_back(std::move(request));
+    senders_.push_back(std::this_thread::get_id());
     if (!answerInsideSend) {
         open_.push_back(std::move(completion));
         return;
@@ -20,17 +21,26 @@ void RecordingHttpClient::send(HttpRequest request, Completion completion) {
 std::size_t RecordingHttpClient::dropAll() {
     // Declared first, so destroyed after the lock is released: a completion may send again.
     std::vector<Completion> open;
+    beforeReading();
     std::lock_guard lock(mutex_);
     open.swap(open_);
     return open.size();
 }
 
 std::vector<HttpRequest> RecordingHttpClient::requests() const {
+    beforeReading();
     std::lock_guard lock(mutex_);
     return requests_;
 }
 
+std::vector<std::thread::id> RecordingHttpClient::senders() const {
+    beforeReading();
+    std::lock_guard lock(mutex_);
+    return senders_;
+}
+
 std::vector<std::string> RecordingHttpClient::bodies() const {
+    beforeReading();
     std::lock_guard lock(mutex_);
     std::vector<std::string> bodies(requests_.size());
     std::ranges::transform(requests_, bodies.begin(), &HttpRequest::body);
@@ -38,13 +48,16 @@ std::vector<std::string> RecordingHttpClient::bodies() const {
 }
 
 void RecordingHttpClient::clear() {
+    beforeReading();
     std::lock_guard lock(mutex_);
     requests_.clear();
+    senders_.clear();
 }
 
 std::size_t RecordingHttpClient::completeAll(const std::optional<std::string>& data,
                                              const std::optional<HttpResponse>& response) {
     std::vector<Completion> open;
+    beforeReading();
     {
         std::lock_guard lock(mutex_);
         open.swap(open_);

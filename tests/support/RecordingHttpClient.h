@@ -3,8 +3,10 @@
 #include <NorvAnalytic/HttpClient.h>
 
 #include <atomic>
+#include <functional>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace NorvAnalytic::Testing {
@@ -15,9 +17,15 @@ class RecordingHttpClient final : public HttpClient {
 public:
     void send(HttpRequest request, Completion completion) override;
 
+    // Runs before each of the calls below reads or answers: events reach a client on the SDK's
+    // own thread, and a test that knows the SDK waits here until they have arrived.
+    std::function<void()> beforeReading = [] {};
+
     // Every request sent since the last clear(), oldest first, and their bodies.
     std::vector<HttpRequest> requests() const;
     std::vector<std::string> bodies() const;
+    // The thread that sent each of them.
+    std::vector<std::thread::id> senders() const;
     void clear();
 
     // Once set, each request is answered (200, empty) before send() returns, as a stopped
@@ -41,6 +49,7 @@ private:
 
     mutable std::mutex mutex_;
     std::vector<HttpRequest> requests_;
+    std::vector<std::thread::id> senders_;
     std::vector<Completion> open_;
 };
 

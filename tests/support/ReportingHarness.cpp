@@ -6,11 +6,13 @@
 #include <NorvAnalytic/Platform.h>
 
 #include "reporting/DeviceIdentity.h"
+#include "reporting/OutgoingEvents.h"
 
 namespace NorvAnalytic::Testing {
 
 ReportingHarness::ReportingHarness() {
     setMainQueueClock(clock);
+    http->beforeReading = [] { OutgoingEvents::shared().waitUntilHandedOver(); };
     Platform::setHttpClient(http);
     Platform::setDevice(device);
     Platform::setKeychainBackend(keychain);
