@@ -136,8 +136,9 @@ void measureCalls(benchmark::State& state, const std::function<void()>& call) {
         sdk().drain();
     }
     std::vector<std::int64_t>& mine = samples()[static_cast<std::size_t>(state.thread_index())];
+    // Written once before the run, so that the run's own samples fault in no fresh pages.
+    mine.assign(static_cast<std::size_t>(state.max_iterations), 0);
     mine.clear();
-    mine.reserve(static_cast<std::size_t>(state.max_iterations));
     for (auto _ : state) {
         const Clock::time_point start = Clock::now();
         call();
