@@ -3,10 +3,14 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <new>
+#include <span>
+#include <string>
 #include <type_traits>
 #include <utility>
 
@@ -38,19 +42,19 @@ public:
     bool empty() const { return size_ == 0; }
     std::size_t size() const { return size_; }
     T& front() { return *head_->slot(headIndex_); }
+    T& back() { return *tail_->slot(tailIndex_ - 1); }
+
+    // Makes sure the next push_back allocates nothing, so that it cannot throw.
+    void reserveOne() {
+        if ((tail_ == nullptr || tailIndex_ == kSlots) && spare_ == nullptr) {
+            spare_ = newBlock();
+        }
+    }
 
     // Throws std::bad_alloc when a new block is needed and cannot be had; nothing is changed.
     void push_back(T&& value) {
         if (tail_ == nullptr || tailIndex_ == kSlots) {
-            Block* block = spare_ != nullptr ? std::exchange(spare_, nullptr) : newBlock();
-            block->next = nullptr;
-            if (tail_ == nullptr) {
-                head_ = block;
-            } else {
-                tail_->next = block;
-            }
-            tail_ = block;
-            tailIndex_ = 0;
+            link(takeBlock());
         }
         std::construct_at(tail_->slot(tailIndex_), std::move(value));
         ++tailIndex_;
@@ -61,18 +65,56 @@ public:
         std::destroy_at(head_->slot(headIndex_));
         ++headIndex_;
         --size_;
-        if (size_ == 0) {
-            // The one block left is filled again from its start.
-            headIndex_ = 0;
-            tailIndex_ = 0;
-        } else if (headIndex_ == kSlots) {
-            Block* drained = std::exchange(head_, head_->next);
-            headIndex_ = 0;
-            if (spare_ == nullptr) {
-                spare_ = drained;
-            } else {
-                delete drained;
+        afterPop();
+    }
+
+    // Runs of plain values (bytes), copied in and out a block at a time. Every block a run
+    // needs is had before any value is written, so a failed allocation changes nothing.
+    void append(std::span<const T> values) requires std::is_trivially_copyable_v<T> {
+        const std::size_t room = tail_ == nullptr ? 0 : kSlots - tailIndex_;
+        Block* fresh = nullptr;
+        if (values.size() > room) {
+            for (std::size_t blocks = (values.size() - room + kSlots - 1) / kSlots; blocks > 0;
+                 --blocks) {
+                Block* block = nullptr;
+                try {
+                    block = takeBlock();
+                } catch (...) {
+                    while (fresh != nullptr) {
+                        recycle(std::exchange(fresh, fresh->next));
+                    }
+                    throw;
+                }
+                block->next = fresh;
+                fresh = block;
             }
+        }
+        while (!values.empty()) {
+            if (tail_ == nullptr || tailIndex_ == kSlots) {
+                link(std::exchange(fresh, fresh->next));
+            }
+            const std::size_t run = std::min(values.size(), kSlots - tailIndex_);
+            std::memcpy(tail_->slot(tailIndex_), values.data(), run * sizeof(T));
+            tailIndex_ += run;
+            size_ += run;
+            values = values.subspan(run);
+        }
+    }
+
+    // Removes the first count values, appending them to into unless it is null. into must have
+    // room for them already, so that nothing here throws.
+    void popFront(std::size_t count,
+                  std::basic_string<T>* into) noexcept requires std::is_trivially_copyable_v<T> {
+        while (count > 0) {
+            const std::size_t end = head_ == tail_ ? tailIndex_ : kSlots;
+            const std::size_t run = std::min(count, end - headIndex_);
+            if (into != nullptr) {
+                into->append(head_->slot(headIndex_), run);
+            }
+            headIndex_ += run;
+            size_ -= run;
+            count -= run;
+            afterPop();
         }
     }
 
@@ -85,6 +127,43 @@ private:
         Block* next = nullptr;
         T* slot(std::size_t index) { return std::launder(reinterpret_cast<T*>(storage)) + index; }
     };
+
+    Block* takeBlock() {
+        Block* block = spare_ != nullptr ? std::exchange(spare_, nullptr) : newBlock();
+        block->next = nullptr;
+        return block;
+    }
+
+    void recycle(Block* block) noexcept {
+        if (spare_ == nullptr) {
+            spare_ = block;
+        } else {
+            delete block;
+        }
+    }
+
+    void link(Block* block) noexcept {
+        block->next = nullptr;
+        if (tail_ == nullptr) {
+            head_ = block;
+        } else {
+            tail_->next = block;
+        }
+        tail_ = block;
+        tailIndex_ = 0;
+    }
+
+    void afterPop() noexcept {
+        if (size_ == 0) {
+            // The one block left is filled again from its start.
+            headIndex_ = 0;
+            tailIndex_ = 0;
+        } else if (headIndex_ == kSlots) {
+            Block* drained = std::exchange(head_, head_->next);
+            headIndex_ = 0;
+            recycle(drained);
+        }
+    }
 
     static Block* newBlock() {
         auto* block = new Block;

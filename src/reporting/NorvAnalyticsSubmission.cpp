@@ -94,7 +94,7 @@ void sendEvent(const EventFields& event, bool isSavedEvent) {
         return;
     }
     OutgoingEvents::shared().submit(
-        SentEvent(event, SentEvent::share(gatherFacts(*destination, event.typeId)), isSavedEvent));
+        event, SentEvent::share(gatherFacts(*destination, event.typeId)), isSavedEvent);
 }
 
 }  // namespace

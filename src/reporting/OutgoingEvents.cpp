@@ -17,6 +17,13 @@
 
 namespace NorvAnalytic {
 
+namespace {
+
+// A thread's buffer for packing texts is kept up to this size; a rare longer one is let go.
+constexpr std::size_t kKeptTextCapacity = 4096;
+
+}  // namespace
+
 // An event in the client. Its place in the window is freed once: by its completion, or, when a
 // client destroys the completion without calling it, when the last copy goes.
 class OutgoingEvents::HandedOver {
@@ -83,18 +90,30 @@ OutgoingEvents& OutgoingEvents::shared() {
     return *instance;
 }
 
-void OutgoingEvents::submit(SentEvent event) {
+void OutgoingEvents::submit(const EventFields& fields, std::shared_ptr<const DeviceFacts> facts,
+                            bool isSavedEvent) {
     std::call_once(threadStart_, [this] { startHandOverThread(); });
+    // Reused by every call on this thread, so that packing the texts allocates nothing once it
+    // has grown; the texts then wait in blocks of their own, not in one allocation per event.
+    thread_local std::string texts;
+    texts.clear();
+    SentEvent event(fields, std::move(facts), isSavedEvent, texts);
     std::string burst;
     bool asked = false;
     bool pumpHere = false;
     {
         std::lock_guard lock(mutex_);
-        waitingBytes_ += event.bytes();
-        waiting_.push_back(std::move(event));
+        // Each of these changes nothing when it throws, and the last cannot.
+        waiting_.reserveOne();
+        waitingTexts_.append(texts);
+        waiting_.push_back({std::move(event), texts.size()});
+        waitingBytes_ += waiting_.back().bytes();
         burst = dropOverLimitsLocked();
         asked = askForHandOverLocked();
         pumpHere = !threadStarted_;
+    }
+    if (texts.capacity() > kKeptTextCapacity) {
+        texts = std::string();
     }
     if (asked) {
         handOverAsked_.notify_one();
@@ -197,6 +216,7 @@ std::string OutgoingEvents::dropOverLimitsLocked() {
     bool droppedNow = false;
     while (!waiting_.empty() && (waiting_.size() > maxEvents_ || waitingBytes_ > maxBytes_)) {
         waitingBytes_ -= waiting_.front().bytes();
+        waitingTexts_.popFront(waiting_.front().textBytes, nullptr);
         waiting_.pop_front();
         ++dropped_;
         droppedNow = true;
@@ -220,9 +240,23 @@ void OutgoingEvents::pump() noexcept {
     pumping_ = true;
     // At exit nothing more is handed over: the process ends with what waits.
     while (!waiting_.empty() && hasRoomLocked() && !exiting_) {
-        waitingBytes_ -= waiting_.front().bytes();
-        SentEvent event = std::move(waiting_.front());
+        Waiting& waiting = waiting_.front();
+        waitingBytes_ -= waiting.bytes();
+        SentEvent event = std::move(waiting.event);
+        std::string texts;
+        bool kept = true;
+        try {
+            texts.reserve(waiting.textBytes);
+        } catch (...) {
+            // Out of memory: this one event is dropped.
+            kept = false;
+        }
+        waitingTexts_.popFront(waiting.textBytes, kept ? &texts : nullptr);
         waiting_.pop_front();
+        if (!kept) {
+            continue;
+        }
+        event.adoptTexts(std::move(texts));
         ++inClient_;
         dropping_ = false;
         lock.unlock();

@@ -37,11 +37,16 @@ public:
 
     // Any thread. The event is handed to the client at once when the window has room and
     // nothing waits before it; otherwise it waits its turn.
-    void submit(SentEvent event);
+    void submit(const EventFields& event, std::shared_ptr<const DeviceFacts> facts,
+                bool isSavedEvent);
     // Main queue: answers taken from the client have been handled, so more may be handed over.
     void answersHandled(std::size_t count);
 
     void setLimits(std::size_t maxEvents, std::size_t maxBytes);
+    // What a waiting event counts against the byte limit: its record and its packed texts.
+    static constexpr std::size_t waitingBytes(std::size_t textBytes) {
+        return sizeof(Waiting) + textBytes;
+    }
     std::uint64_t droppedCount() const;
     // Returns once no hand-over is asked for or running: every waiting event the window has
     // room for is in the client. For tests that read what the client got.
@@ -53,6 +58,13 @@ public:
 private:
     class HandedOver;
     class Delivery;
+
+    // A waiting event: its record here, its packed texts in waitingTexts_, in the same order.
+    struct Waiting {
+        SentEvent event;
+        std::size_t textBytes;
+        std::size_t bytes() const { return waitingBytes(textBytes); }
+    };
 
     OutgoingEvents() = default;
     // Hands waiting events to the client while the window has room. Only one thread does it at
@@ -75,7 +87,8 @@ private:
     mutable std::mutex mutex_;
     std::condition_variable handOverAsked_;
     std::condition_variable handedOver_;
-    BlockQueue<SentEvent> waiting_;
+    BlockQueue<Waiting> waiting_;
+    BlockQueue<char> waitingTexts_;
     std::size_t waitingBytes_ = 0;
     std::size_t maxEvents_ = kDefaultMaxEvents;
     std::size_t maxBytes_ = kDefaultMaxBytes;

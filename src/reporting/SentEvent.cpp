@@ -38,7 +38,7 @@ std::size_t readLength(std::string_view texts, std::size_t& at) {
 }  // namespace
 
 SentEvent::SentEvent(const EventFields& event, std::shared_ptr<const DeviceFacts> facts,
-                     bool isSavedEvent)
+                     bool isSavedEvent, std::string& texts)
     : facts_(std::move(facts)),
       ticket_(EventsInFlight::begin()),
       value_(event.value),
@@ -49,12 +49,12 @@ SentEvent::SentEvent(const EventFields& event, std::shared_ptr<const DeviceFacts
             size += lengthBytes(text->size()) + text->size();
         }
     }
-    texts_.reserve(size);
+    texts.reserve(texts.size() + size);
     for (std::size_t slot = 0; slot < kEventFieldSlots.size(); ++slot) {
         if (const Text& text = event.*kEventFieldSlots[slot].fields) {
             present_ |= static_cast<std::uint16_t>(1U << slot);
-            appendLength(texts_, text->size());
-            texts_ += *text;
+            appendLength(texts, text->size());
+            texts += *text;
         }
     }
 }
@@ -108,13 +108,6 @@ EventResponseContext SentEvent::context() const {
     context.requestBody = RequestBody::build(event, *facts_);
     context.isSavedEvent = isSavedEvent_;
     return context;
-}
-
-std::size_t SentEvent::bytes() const {
-    // A short string keeps its characters inside itself; a longer one owns capacity + 1.
-    static const std::size_t inlineCapacity = std::string().capacity();
-    const bool onHeap = texts_.capacity() > inlineCapacity;
-    return sizeof(SentEvent) + (onHeap ? texts_.capacity() + 1 : 0);
 }
 
 }  // namespace NorvAnalytic

@@ -23,8 +23,10 @@ namespace NorvAnalytic {
 // the same each time.
 class SentEvent {
 public:
-    SentEvent(const EventFields& event, std::shared_ptr<const DeviceFacts> facts,
-              bool isSavedEvent);
+    // The record without its packed texts, which are appended to texts instead: a waiting
+    // event keeps them in the waiting list's storage, and gets them back by adoptTexts.
+    SentEvent(const EventFields& event, std::shared_ptr<const DeviceFacts> facts, bool isSavedEvent,
+              std::string& texts);
     SentEvent(SentEvent&&) noexcept = default;
     SentEvent& operator=(SentEvent&&) = delete;
 
@@ -38,8 +40,7 @@ public:
     std::string body() const { return RequestBody::build(fields(), *facts_); }
     // What handleEventResponse takes, the body included.
     EventResponseContext context() const;
-    // What this record holds in memory, for the bound on waiting events.
-    std::size_t bytes() const;
+    void adoptTexts(std::string texts) { texts_ = std::move(texts); }
 
 private:
     static_assert(kEventFieldSlots[0].fields == &EventFields::typeId);

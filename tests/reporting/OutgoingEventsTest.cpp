@@ -55,11 +55,12 @@ TEST(OutgoingEvents, AHostCallHandsNothingToTheClientItself) {
 }
 
 TEST(OutgoingEvents, AFullWaitingListDropsTheOldestCountsItAndEndsItsTicket) {
-    // Short texts stay inside the record, so each waiting event counts as the record alone.
+    // Each waiting page event packs its type and page into fewer than 16 bytes: the byte limit
+    // of the middle row has room for two of them, not three.
     struct Row {
         std::size_t maxEvents, maxBytes, kept;
     };
-    for (const Row row : {Row{3, 1 << 20, 3}, Row{100, 2 * sizeof(SentEvent), 2},
+    for (const Row row : {Row{3, 1 << 20, 3}, Row{100, 2 * OutgoingEvents::waitingBytes(16), 2},
                           Row{0, 1 << 20, 1}}) {
         ReportingHarness harness;
         std::size_t warnings = 0;
