@@ -99,8 +99,7 @@ void OutgoingEvents::submit(const EventFields& fields, std::shared_ptr<const Dev
     texts.clear();
     SentEvent event(fields, std::move(facts), isSavedEvent, texts);
     std::string burst;
-    bool asked = false;
-    bool pumpHere = false;
+    HandOver handOver = HandOver::None;
     {
         std::lock_guard lock(mutex_);
         // Each of these changes nothing when it throws, and the last cannot.
@@ -109,36 +108,25 @@ void OutgoingEvents::submit(const EventFields& fields, std::shared_ptr<const Dev
         waiting_.push_back({std::move(event), texts.size()});
         waitingBytes_ += waiting_.back().bytes();
         burst = dropOverLimitsLocked();
-        asked = askForHandOverLocked();
-        pumpHere = !threadStarted_;
+        handOver = handOverNeededLocked();
     }
     if (texts.capacity() > kKeptTextCapacity) {
         texts = std::string();
     }
-    if (asked) {
-        handOverAsked_.notify_one();
-    } else if (pumpHere) {
-        pump();
-    }
+    start(handOver);
     if (!burst.empty() && Diagnostics::isOn()) {
         Diagnostics::report(DiagnosticLevel::Warning, burst);
     }
 }
 
 void OutgoingEvents::answersHandled(std::size_t count) {
-    bool asked = false;
-    bool pumpHere = false;
+    HandOver handOver = HandOver::None;
     {
         std::lock_guard lock(mutex_);
         unhandled_ -= count;
-        asked = askForHandOverLocked();
-        pumpHere = !threadStarted_;
+        handOver = handOverNeededLocked();
     }
-    if (asked) {
-        handOverAsked_.notify_one();
-    } else if (pumpHere) {
-        pump();
-    }
+    start(handOver);
 }
 
 void OutgoingEvents::waitUntilHandedOver() {
@@ -148,12 +136,23 @@ void OutgoingEvents::waitUntilHandedOver() {
 
 bool OutgoingEvents::hasRoomLocked() const { return inClient_ < kWindow && unhandled_ < kWindow; }
 
-bool OutgoingEvents::askForHandOverLocked() {
-    if (!threadStarted_ || pumping_ || asked_ || waiting_.empty() || !hasRoomLocked()) {
-        return false;
+OutgoingEvents::HandOver OutgoingEvents::handOverNeededLocked() {
+    if (!threadStarted_) {
+        return HandOver::Here;
+    }
+    if (pumping_ || asked_ || waiting_.empty() || !hasRoomLocked()) {
+        return HandOver::None;
     }
     asked_ = true;
-    return true;
+    return HandOver::Wake;
+}
+
+void OutgoingEvents::start(HandOver handOver) noexcept {
+    if (handOver == HandOver::Wake) {
+        handOverAsked_.notify_one();
+    } else if (handOver == HandOver::Here) {
+        pump();
+    }
 }
 
 void OutgoingEvents::startHandOverThread() {

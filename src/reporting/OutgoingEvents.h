@@ -71,10 +71,12 @@ private:
     // a time and the others leave it to that one, so a completion that runs inside send()
     // loops here instead of recursing, and events reach the client in order.
     void pump() noexcept;
-    // True when the hand-over thread was asked to pump: events wait, the window has room, and
-    // nobody pumps or was asked to. Without the thread (it could not be started) the caller
-    // pumps itself.
-    bool askForHandOverLocked();
+    // Wake: the hand-over thread was asked to pump, because events wait, the window has room,
+    // and nobody pumps or was asked to. Here: there is no thread (it could not be started), so
+    // the caller pumps itself.
+    enum class HandOver { None, Wake, Here };
+    HandOver handOverNeededLocked();
+    void start(HandOver handOver) noexcept;
     void startHandOverThread();
     void handOverForever();
     bool hasRoomLocked() const;
