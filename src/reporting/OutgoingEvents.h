@@ -48,8 +48,8 @@ public:
         return sizeof(Waiting) + textBytes;
     }
     std::uint64_t droppedCount() const;
-    // Returns once no hand-over is asked for or running: every waiting event the window has
-    // room for is in the client. For tests that read what the client got.
+    // Returns once no hand-over runs and no waiting event fits the window: every event the
+    // window has room for is in the client. For tests that read what the client got.
     void waitUntilHandedOver();
 
     OutgoingEvents(const OutgoingEvents&) = delete;
