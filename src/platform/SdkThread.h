@@ -1,0 +1,14 @@
+#pragma once
+
+#include <functional>
+#include <thread>
+
+namespace NorvAnalytic {
+
+// Starts a thread of the SDK's: named (`name` starts with "norv-", at most 15 characters) so
+// it shows as ours in top -H, gdb and perf, and with every asynchronous signal blocked, so a
+// host that takes its signals with sigwait or signalfd never has one delivered to us. What the
+// body throws ends the thread quietly. Throws std::system_error when no thread can be had.
+std::thread startSdkThread(const char* name, std::function<void()> body);
+
+}  // namespace NorvAnalytic
