@@ -17,7 +17,7 @@ public:
                      [this, completion = std::move(completion)](
                          std::optional<std::string> data,
                          std::optional<NorvAnalytic::HttpResponse> response,
-                         std::optional<std::string> error) {
+                         std::optional<NorvAnalytic::Error> error) {
                          if (!response || response->statusCode != 200) {
                              notDelivered_.fetch_add(1, std::memory_order_relaxed);
                          }

@@ -108,7 +108,7 @@ public:
         client.send({"POST", url, body},
                     [self = shared_from_this(), body](std::optional<std::string> data,
                                                       std::optional<HttpResponse> response,
-                                                      std::optional<std::string> error) {
+                                                      std::optional<NorvAnalytic::Error> error) {
                         self->record(body, data, response, error);
                     });
     }
@@ -149,12 +149,12 @@ public:
 private:
     void record(const std::string& body, const std::optional<std::string>& data,
                 const std::optional<HttpResponse>& response,
-                const std::optional<std::string>& error) {
+                const std::optional<NorvAnalytic::Error>& error) {
         std::string kind;
         bool own = false;
         bool wrong = false;
         if (!response) {
-            kind = "error \"" + error.value_or("(none)").substr(0, 70) + "\"";
+            kind = "error \"" + (error ? error->localizedDescription.value_or("") : "(none)").substr(0, 70) + "\"";
         } else {
             const std::string answer = data.value_or("");
             own = answer.find(body) != std::string::npos;

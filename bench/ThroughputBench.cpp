@@ -139,8 +139,7 @@ void BM_DeliverEvents(benchmark::State& state) {
     state.counters["VmRSS_before_kB"] = before;
     state.counters["VmRSS_after_kB"] = residentKilobytes();
     state.counters["VmHWM_kB"] = peakResidentKilobytes();
-    state.counters["dropped"] = static_cast<double>(curlClient()->droppedRequests() +
-                                                    NorvAnalytics::droppedEventCount());
+    state.counters["dropped"] = static_cast<double>(NorvAnalytics::droppedEventCount());
     state.counters["answers_not_200"] = static_cast<double>(client.notDelivered());
 }
 // Three runs in one process: after the first, memory must stay where it is.
@@ -162,9 +161,6 @@ int main(int argc, char** argv) {
         NorvAnalytic::KeychainBackend::makeFileBackend((directory / "keychain.sqlite").string()));
     if (const char* caFile = std::getenv("NORV_THROUGHPUT_CA")) {
         curlClient()->setCaInfo(caFile);
-    }
-    if (const char* depth = std::getenv("NORV_THROUGHPUT_PIPELINE")) {
-        curlClient()->setPipelineDepth(std::strtoul(depth, nullptr, 10));
     }
     NorvAnalytic::Platform::setHttpClient(gate());
     NorvAnalytics::initWithKey(std::string("bench-key"));

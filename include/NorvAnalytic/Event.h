@@ -11,21 +11,21 @@ namespace NorvAnalytic {
 
 // An event the server refused, kept in memory to be sent once more.
 struct NORVANALYTIC_EXPORT Event {
-    Text key;
-    Text value;
-    Text eventTypeId;
-    Text endpoint;
-    Text version;
-    Text parameters;
-    Text response;
-    Text device_uuid;
-    Text pageName;
-    Text player_id;
-    Text username;
-    Text warehouse;
-    Text error;
-    Text deviceCustomName;
-    Text deviceName;
+    Text key = std::nullopt;
+    Text value = std::nullopt;
+    Text eventTypeId = std::nullopt;
+    Text endpoint = std::nullopt;
+    Text version = std::nullopt;
+    Text parameters = std::nullopt;
+    Text response = std::nullopt;
+    Text device_uuid = std::nullopt;
+    Text pageName = std::nullopt;
+    Text player_id = std::nullopt;
+    Text username = std::nullopt;
+    Text warehouse = std::nullopt;
+    Text error = std::nullopt;
+    Text deviceCustomName = std::nullopt;
+    Text deviceName = std::nullopt;
     std::int64_t statusCode = 0;
 
     // The process's saved events, oldest first. Main queue only.

@@ -7,10 +7,10 @@
 #include <utility>
 
 #include "platform/Diagnostics.h"
-#include "reporting/CollectionUrl.h"
-#include "reporting/ControllerState.h"
-#include "reporting/EventCatalogue.h"
-#include "reporting/EventsInFlight.h"
+#include "events/CollectionUrl.h"
+#include "facade/ControllerState.h"
+#include "events/EventCatalogue.h"
+#include "delivery/EventsInFlight.h"
 
 extern "C" {
 const double NorvAnalyticVersionNumber = 1.0;
@@ -108,7 +108,10 @@ Text NorvAnalytics::key() const {
 }
 
 void NorvAnalytics::setKey(const Text& key) {
-    ControllerState::locked([&](ControllerState& state) { state.key = key; });
+    ControllerState::locked([&](ControllerState& state) {
+        state.key = key;
+        state.updateDestination();
+    });
 }
 
 Text NorvAnalytics::urlString() const {
@@ -116,7 +119,10 @@ Text NorvAnalytics::urlString() const {
 }
 
 void NorvAnalytics::setUrlString(const Text& urlString) {
-    ControllerState::locked([&](ControllerState& state) { state.urlString = urlString; });
+    ControllerState::locked([&](ControllerState& state) {
+        state.urlString = urlString;
+        state.updateDestination();
+    });
     if (urlString && Diagnostics::isOn()) {
         const std::optional<URL> url = URL::URLWithString(*urlString);
         if (!url || (url->scheme() != "https" && url->scheme() != "http")) {

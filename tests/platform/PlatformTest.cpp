@@ -18,10 +18,9 @@
 #include <thread>
 #include <vector>
 
-#include "platform/HttpAnswerParser.h"
 #include "platform/LinuxDevice.h"
-#include "platform/MainQueueClock.h"
-#include "platform/ManualClock.h"
+#include "mainqueue/MainQueueClock.h"
+#include "mainqueue/ManualClock.h"
 
 namespace NorvAnalytic {
 namespace {
@@ -128,116 +127,6 @@ TEST(URLTest, AcceptsWhatRfc3986AcceptsAndKeepsTheTextAsGiven) {
         EXPECT_EQ(url ? url->absoluteString() + " " + url->scheme() : "",
                   scheme.empty() ? "" : text + " " + scheme);
     }
-}
-
-// Every answer the parser gives for the stream, as "<status> <keep|close> [body]", or "cut" for
-// a body past the cap, then "failed" or "end" for how the stream finished. After an answer
-// that closes the stream nothing more is read, as on a connection.
-std::string parseAnswers(std::string_view stream, std::size_t piece) {
-    HttpAnswerParser parser(16);
-    std::string seen;
-    const auto take = [&] {
-        const auto answer = parser.takeAnswer();
-        seen += std::to_string(answer.status) + (answer.keepAlive ? " keep " : " close ") +
-                (answer.bodyTooLong ? "cut" : "[" + answer.body + "]") + answer.location + " ";
-        return answer.keepAlive;
-    };
-    for (std::size_t start = 0; start < stream.size(); start += piece) {
-        std::string_view bytes = stream.substr(start, piece);
-        while (!bytes.empty()) {
-            std::size_t used = 0;
-            const auto step = parser.read(bytes, used);
-            bytes.remove_prefix(used);
-            if (step == HttpAnswerParser::Step::Failed) {
-                return seen + "failed";
-            }
-            if (step == HttpAnswerParser::Step::Answered && !take()) {
-                return seen + "end";
-            }
-        }
-    }
-    const auto step = parser.endOfStream();
-    if (step == HttpAnswerParser::Step::Answered) {
-        take();
-    }
-    return seen + (step == HttpAnswerParser::Step::Failed ? "failed" : "end");
-}
-
-TEST(HttpAnswerParserTest, ReadsAnswersBackToBackHoweverTheBytesAreSplit) {
-    const std::string ok = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
-    // Each row: the stream, and what is read from it in one piece and byte by byte alike.
-    const std::vector<std::pair<std::string, std::string>> rows = {
-        {ok + ok + "HTTP/1.1 204 No Content\r\n\r\n",
-         "200 keep [ok] 200 keep [ok] 204 keep [] end"},
-        {"HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 307 X\nLocation: /b\ncontent-LENGTH:  0\n\n",
-         "307 keep []/b end"},
-        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3;x=y\r\nabc\r\n1\r\nd\r\n0\r\n"
-         "Trailer: t\r\n\r\n" +
-             ok,
-         "200 keep [abcd] 200 keep [ok] end"},
-        {"HTTP/1.1 500 E\r\nConnection: keep-alive, Close\r\nContent-Length: 1\r\n\r\n!" + ok,
-         "500 close [!] end"},
-        {"HTTP/1.0 200 OK\r\nContent-Length: 2\r\n\r\nok" + ok, "200 close [ok] end"},
-        {"HTTP/1.1 200 OK\r\n\r\nto the end", "200 close [to the end] end"},
-        // Past the cap of 16 bytes, as told up front or found on the way: cut, the rest unread.
-        {"HTTP/1.1 200 OK\r\nContent-Length: 4294967296\r\n\r\n" + ok, "200 close cut end"},
-        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n9\r\n123456789\r\n"
-         "9\r\n123456789\r\n0\r\n\r\n",
-         "200 close cut end"},
-        {"HTTP/1.1 200 OK\r\n\r\n" + std::string(17, 'x'), "200 close cut end"},
-        {"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nok", "failed"},
-        {"HTTP/1.1 200 OK\r\nContent-Length: 1\r\nContent-Length: 2\r\n\r\nok", "failed"},
-        {"HTTP/1.1 200 OK\r\nContent-Length: -1\r\n\r\n", "failed"},
-        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\n", "failed"},
-        {"HTTP/1.1 101 Switching\r\n\r\n", "failed"},
-        {"SSH-2.0-OpenSSH\r\n", "failed"},
-        {"HTTP/1.1 200 OK\r\nNoColon\r\n\r\n", "failed"},
-        {"HTTP/1.1 200 OK\r\nX: " + std::string(HttpAnswerParser::kMaxHeaderBytes, 'h'), "failed"},
-        {ok + "HTTP/1.1 2", "200 keep [ok] failed"},
-    };
-    for (const auto& [stream, expected] : rows) {
-        EXPECT_EQ(parseAnswers(stream, stream.size()), expected) << stream;
-        EXPECT_EQ(parseAnswers(stream, 1), expected) << stream;
-    }
-}
-
-TEST(LinuxDeviceTest, ReadsTheDistributionsVersionAndTheFirstBattery) {
-    const auto root =
-        std::filesystem::temp_directory_path() / ("norv-device-" + std::to_string(::getpid()));
-    std::filesystem::create_directories(root / "power/AC");
-    std::filesystem::create_directories(root / "power/BAT0");
-    std::ofstream(root / "os-release")
-        << "NAME=\"Debian GNU/Linux\"\nVERSION_ID=\"12\"\nID=debian\n";
-    std::ofstream(root / "power/AC/type") << "Mains\n";
-    std::ofstream(root / "power/BAT0/type") << "Battery\n";
-    std::ofstream(root / "power/BAT0/capacity") << "75\n";
-    LinuxDevice device((root / "os-release").string(), (root / "power").string());
-    LinuxDevice bare((root / "missing").string(), (root / "none").string());
-    utsname names{};
-    ::uname(&names);
-    // No os-release: the kernel's release stands in.
-    EXPECT_EQ(
-        device.systemVersion() + " " + device.machineIdentifier() + " " + bare.systemVersion(),
-        std::string("12 ") + names.machine + " " + names.release);
-
-    // The level is known only while monitoring is on, counted across callers; no battery, or
-    // an unreadable one: unknown.
-    std::vector<float> levels{device.batteryLevel()};
-    for (bool enabled : {true, true, false}) {
-        device.setBatteryMonitoringEnabled(enabled);
-        bare.setBatteryMonitoringEnabled(enabled);
-    }
-    levels.insert(levels.end(), {device.batteryLevel(), bare.batteryLevel()});
-    std::ofstream(root / "power/BAT0/capacity") << "not a number\n";
-    levels.push_back(device.batteryLevel());
-    std::ofstream(root / "power/BAT0/capacity") << "40\n";
-    // One more stop than starts is ignored, so the next start turns monitoring on.
-    for (bool enabled : {false, false, true}) {
-        device.setBatteryMonitoringEnabled(enabled);
-        levels.push_back(device.batteryLevel());
-    }
-    EXPECT_EQ(levels, (std::vector<float>{-1.0F, 0.75F, -1.0F, -1.0F, -1.0F, -1.0F, 0.4F}));
-    std::filesystem::remove_all(root);
 }
 
 }  // namespace

@@ -21,7 +21,7 @@ TEST(EventCalls, EachCallSendsItsTypeValueAndSlots) {
     NorvAnalytics::saveStoreUserID("store-user-7");
     const std::string p = "p", r = "r", longName(300, 'n');
     // Each call, and the slots it must send.
-    const std::vector<std::pair<std::function<void()>, EventFields>> rows = {
+    const std::vector<std::pair<std::function<void()>, Testing::ExpectedEvent>> rows = {
         {[&] { NorvAnalytics::sendUsername(longName); }, {.username = longName}},
         {[] { NorvAnalytics::sendWarehouse("north"); }, {.warehouse = "north"}},
         {[] { NorvAnalytics::sendError("boom"); }, {.error = "boom"}},

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "reporting/EventCatalogue.h"
+#include "events/EventCatalogue.h"
 
 namespace NorvAnalytic {
 namespace {

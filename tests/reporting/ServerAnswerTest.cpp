@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "reporting/ServerAnswer.h"
+#include "events/ServerAnswer.h"
 
 namespace NorvAnalytic {
 namespace {

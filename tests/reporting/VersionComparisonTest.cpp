@@ -5,7 +5,7 @@
 #include <tuple>
 #include <vector>
 
-#include "reporting/VersionComparison.h"
+#include "events/VersionComparison.h"
 
 namespace NorvAnalytic {
 namespace {

@@ -63,7 +63,9 @@ std::size_t RecordingHttpClient::completeAll(const std::optional<std::string>& d
         open.swap(open_);
     }
     for (Completion& completion : open) {
-        completion(data, response, data ? std::nullopt : std::optional<std::string>("failed"));
+        completion(data, response,
+                   data ? std::nullopt
+                        : std::optional(HttpClient::error(HttpClientErrorTransport, "failed")));
     }
     MainQueue::main().sync([] {});
     return open.size();

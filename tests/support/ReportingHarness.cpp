@@ -6,13 +6,15 @@
 #include <NorvAnalytic/Platform.h>
 
 #include "reporting/DeviceIdentity.h"
-#include "reporting/OutgoingEvents.h"
+#include "delivery/DeliveryQueue.h"
+#include "events/EventTable.h"
+#include "events/TextFormat.h"
 
 namespace NorvAnalytic::Testing {
 
 ReportingHarness::ReportingHarness() {
     setMainQueueClock(clock);
-    http->beforeReading = [] { OutgoingEvents::shared().waitUntilHandedOver(); };
+    http->beforeReading = [] { DeliveryQueue::shared().waitUntilHandedOver(); };
     Platform::setHttpClient(http);
     Platform::setDevice(device);
     Platform::setKeychainBackend(keychain);
@@ -57,11 +59,24 @@ std::string ReportingHarness::deviceUUID() const {
         .value_or("");
 }
 
-std::string ReportingHarness::body(const EventFields& sent, bool appOpen, const Text& user) const {
+std::string ReportingHarness::body(const ExpectedEvent& sent, bool appOpen, const Text& user) const {
+    const Event event{.value = TextFormat::decimal(sent.value),
+                      .eventTypeId = sent.typeId,
+                      .endpoint = sent.endpoint,
+                      .parameters = sent.parameters,
+                      .response = sent.response,
+                      .pageName = sent.pageName,
+                      .player_id = sent.playerId,
+                      .username = sent.username,
+                      .warehouse = sent.warehouse,
+                      .error = sent.error,
+                      .deviceCustomName = sent.deviceCustomName,
+                      .deviceName = sent.deviceName};
     // Only app-open events carry the battery (75%) and the store user id.
-    return RequestBody::build(sent, {kKey, deviceUUID(), "1.7.4", "iPhone 7", "17.1",
-                                     appOpen ? std::optional(0.75F) : std::nullopt,
-                                     appOpen ? user : std::nullopt});
+    return EventTable::body(EventTable::texts(event), std::string(kKey),
+                            {deviceUUID(), "1.7.4", "iPhone 7", "17.1",
+                             appOpen ? std::optional(0.75F) : std::nullopt,
+                             appOpen ? user : std::nullopt});
 }
 
 std::size_t ReportingHarness::savedCount() const {

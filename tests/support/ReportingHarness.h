@@ -5,9 +5,8 @@
 #include <memory>
 #include <string>
 
-#include "platform/MainQueueClock.h"
-#include "platform/ManualClock.h"
-#include "reporting/RequestBody.h"
+#include "mainqueue/MainQueueClock.h"
+#include "mainqueue/ManualClock.h"
 #include "support/FakeKeychainBackend.h"
 #include "support/FakeReachabilityService.h"
 #include "support/FixedDevice.h"
@@ -15,6 +14,23 @@
 #include "support/RecordingLogSink.h"
 
 namespace NorvAnalytic::Testing {
+
+// An event as a test expects it on the wire: its type, its value as a number and its texts, in
+// the order of the submission's arguments.
+struct ExpectedEvent {
+    Text typeId = std::nullopt;
+    float value = 0.0F;
+    Text endpoint = std::nullopt;
+    Text parameters = std::nullopt;
+    Text response = std::nullopt;
+    Text pageName = std::nullopt;
+    Text playerId = std::nullopt;
+    Text username = std::nullopt;
+    Text warehouse = std::nullopt;
+    Text error = std::nullopt;
+    Text deviceCustomName = std::nullopt;
+    Text deviceName = std::nullopt;
+};
 
 // The SDK started for one test on stand-ins: a recording HTTP client, an in-memory keychain,
 // a reachable network, a recording console, a manual clock for the resend timer, and a device
@@ -35,7 +51,7 @@ public:
     void tick();
     std::string deviceUUID() const;
     // The body this device sends for an event with these slots.
-    std::string body(const EventFields& sent, bool appOpen = false,
+    std::string body(const ExpectedEvent& sent, bool appOpen = false,
                      const Text& userId = std::nullopt) const;
     std::size_t savedCount() const;
 

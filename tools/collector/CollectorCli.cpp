@@ -14,7 +14,7 @@
 #include <thread>
 
 #include "CollectorServer.h"
-#include "reporting/EventCatalogue.h"
+#include "events/EventCatalogue.h"
 
 namespace NorvAnalytic::Collector {
 

@@ -13,7 +13,7 @@
 #include <tuple>
 
 #include "CollectorPage.h"
-#include "reporting/EventCatalogue.h"
+#include "events/EventCatalogue.h"
 
 namespace NorvAnalytic::Collector {
 

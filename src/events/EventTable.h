@@ -1,0 +1,50 @@
+#pragma once
+
+#include <NorvAnalytic/Event.h>
+#include <NorvAnalytic/Types.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace NorvAnalytic {
+
+// The host's texts of one event, only the present ones, each with the Event member it fills.
+// This is how an event waits for delivery: a few dozen bytes where an Event takes hundreds.
+using EventTexts = std::vector<std::pair<Text Event::*, std::string>>;
+
+// What the SDK adds to every event about the app and the device.
+struct DeviceFacts {
+    std::string deviceUUID;
+    std::string sdkVersion;
+    Text deviceModel;
+    std::string systemVersion;
+    // Only app-open events carry these two.
+    std::optional<float> batteryLevel = std::nullopt;
+    Text userId = std::nullopt;
+};
+
+// An event's fields in one place: the table of its members, each with its place in the answer
+// context, and the table of the form body's pairs. A new field is a member of Event and a row
+// here. Event's own calls are defined beside them, since they name each member too.
+class EventTable {
+public:
+    static EventTexts texts(const Event& event);
+    static Event event(const EventTexts& texts);
+    static const std::string* find(const EventTexts& texts, Text Event::*member);
+    // What handleEventResponse takes: the texts in their context slots, the body as sent.
+    static EventResponseContext context(const EventTexts& texts, std::string deviceUUID,
+                                        std::string requestBody, bool isSavedEvent);
+    // Appends the event an answer context describes to Event::savedEvents(). Main queue only.
+    static void keep(const EventResponseContext& context, std::int64_t statusCode);
+    // The form body: "key=value" pairs in the server's order, absent ones left out, values as
+    // valid UTF-8 and nothing escaped.
+    static std::string body(const EventTexts& texts, const Text& key, const DeviceFacts& device);
+    // Appends "key=value" ("&" first unless the body is empty), the value as valid UTF-8.
+    static void append(std::string& body, std::string_view key, std::string_view value);
+};
+
+}  // namespace NorvAnalytic

@@ -1,0 +1,138 @@
+#include "events/TextFormat.h"
+
+#include <charconv>
+
+namespace NorvAnalytic {
+
+namespace {
+
+constexpr std::string_view kReplacement = "\xEF\xBF\xBD";
+
+// Length of the valid UTF-8 sequence at the start of text, or 0 when it is not valid.
+std::size_t sequenceLength(std::string_view text) {
+    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+    const auto continuation = [&](std::size_t i) {
+        return i < text.size() && (byte(i) & 0xC0U) == 0x80U;
+    };
+    const unsigned char lead = byte(0);
+    if (lead < 0x80U) {
+        return 1;
+    }
+    if (lead >= 0xC2U && lead <= 0xDFU) {
+        return continuation(1) ? 2 : 0;
+    }
+    if (lead >= 0xE0U && lead <= 0xEFU) {
+        if (!continuation(1) || !continuation(2)) {
+            return 0;
+        }
+        // No overlong forms, no surrogates.
+        if ((lead == 0xE0U && byte(1) < 0xA0U) || (lead == 0xEDU && byte(1) > 0x9FU)) {
+            return 0;
+        }
+        return 3;
+    }
+    if (lead >= 0xF0U && lead <= 0xF4U) {
+        if (!continuation(1) || !continuation(2) || !continuation(3)) {
+            return 0;
+        }
+        if ((lead == 0xF0U && byte(1) < 0x90U) || (lead == 0xF4U && byte(1) > 0x8FU)) {
+            return 0;
+        }
+        return 4;
+    }
+    return 0;
+}
+
+}  // namespace
+
+std::string TextFormat::describe(const Text& text) { return text ? *text : "(null)"; }
+
+std::string TextFormat::version(const std::shared_ptr<const Bundle>& bundle) {
+    if (!bundle) {
+        return "(null).(null)";
+    }
+    return describe(bundle->objectForInfoDictionaryKey("CFBundleShortVersionString")) + "." +
+           describe(bundle->objectForInfoDictionaryKey("CFBundleVersion"));
+}
+
+std::string TextFormat::decimal(double value) {
+    // A decimal point whatever locale the host has set: the server parses these numbers.
+    char buffer[512];
+    const auto result = std::to_chars(buffer, buffer + sizeof buffer, value,
+                                      std::chars_format::fixed, 6);
+    return std::string(buffer, result.ptr);
+}
+
+std::string TextFormat::validUtf8(std::string_view text) {
+    std::string valid;
+    appendValidUtf8(valid, text);
+    return valid;
+}
+
+void TextFormat::appendValidUtf8(std::string& out, std::string_view text) {
+    std::size_t offset = 0;
+    while (offset < text.size()) {
+        const std::size_t length = sequenceLength(text.substr(offset));
+        if (length == 0) {
+            out += kReplacement;
+            ++offset;
+            continue;
+        }
+        // Runs of valid text go over in one piece.
+        std::size_t end = offset + length;
+        while (end < text.size()) {
+            const std::size_t next = sequenceLength(text.substr(end));
+            if (next == 0) {
+                break;
+            }
+            end += next;
+        }
+        out.append(text.substr(offset, end - offset));
+        offset = end;
+    }
+}
+
+std::string TextFormat::prefixUtf16(std::string_view text, std::size_t limit) {
+    std::size_t units = 0;
+    std::size_t offset = 0;
+    while (offset < text.size()) {
+        const auto lead = static_cast<unsigned char>(text[offset]);
+        const std::size_t length = lead < 0x80U ? 1 : lead < 0xE0U ? 2 : lead < 0xF0U ? 3 : 4;
+        const std::size_t width = length == 4 ? 2 : 1;
+        if (units + width > limit) {
+            break;
+        }
+        units += width;
+        offset += length;
+    }
+    return std::string(text.substr(0, std::min(offset, text.size())));
+}
+
+bool TextFormat::isBlank(char c) {
+    return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
+float TextFormat::leadingFloat(const Text& text) {
+    if (!text) {
+        return 0.0F;
+    }
+    const char* begin = text->data();
+    const char* end = begin + text->size();
+    while (begin != end && isBlank(*begin)) {
+        ++begin;
+    }
+    if (begin != end && *begin == '+') {
+        ++begin;
+        if (begin != end && *begin == '-') {
+            return 0.0F;
+        }
+    }
+    float value = 0.0F;
+    const auto result = std::from_chars(begin, end, value, std::chars_format::general);
+    if (result.ec == std::errc::result_out_of_range) {
+        return 0.0F;
+    }
+    return result.ec == std::errc() ? value : 0.0F;
+}
+
+}  // namespace NorvAnalytic

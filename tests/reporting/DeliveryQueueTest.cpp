@@ -1,0 +1,92 @@
+#include <NorvAnalytic/NorvAnalytics.h>
+#include <NorvAnalytic/Platform.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "delivery/DeliveryQueue.h"
+#include "support/ReportingHarness.h"
+
+namespace NorvAnalytic {
+namespace {
+
+using Testing::ReportingHarness;
+constexpr std::size_t kWindow = DeliveryQueue::kWindow;
+
+std::vector<std::string> pages(std::size_t from, std::size_t to) {
+    std::vector<std::string> names;
+    for (std::size_t page = from; page < to; ++page) {
+        names.push_back("p" + std::to_string(page));
+    }
+    return names;
+}
+
+// The page of every body the client got, in the order it got them.
+std::vector<std::string> sentPages(const ReportingHarness& harness) {
+    std::vector<std::string> names;
+    for (const std::string& body : harness.http->bodies()) {
+        const std::size_t start = body.find("pageName=") + 9;
+        names.push_back(body.substr(start, body.find('&', start) - start));
+    }
+    return names;
+}
+
+TEST(DeliveryQueue, AWindowAtATimeInOrderAlsoToAClientThatAnswersInsideSend) {
+    ReportingHarness harness;
+    constexpr std::size_t kEvents = 30'000;
+    std::ranges::for_each(pages(0, kEvents), &NorvAnalytics::sendEventWithPageName);
+    EXPECT_EQ(harness.http->requests().size(), kWindow);
+    harness.http->answerInsideSend = true;
+    harness.http->answerAll(200, "");
+    EXPECT_TRUE(NorvAnalytics::flush(std::chrono::minutes(1)));
+    EXPECT_EQ(sentPages(harness), pages(0, kEvents));
+}
+
+// The host's call only adds the record; bodies are built and sent on the SDK's own thread.
+TEST(DeliveryQueue, AHostCallHandsNothingToTheClientItself) {
+    ReportingHarness harness;
+    std::ranges::for_each(pages(0, 3), &NorvAnalytics::sendEventWithPageName);
+    const std::vector<std::thread::id> senders = harness.http->senders();
+    ASSERT_EQ(senders.size(), 3U);
+    EXPECT_EQ(std::ranges::count(senders, std::this_thread::get_id()), 0);
+}
+
+TEST(DeliveryQueue, AFullWaitingListDropsTheOldestCountsItAndEndsItsTicket) {
+    // The byte limit of the middle row has room for two waiting page events, not three.
+    const std::size_t pageEventBytes =
+        EventRecord{EventTable::texts({.value = "0.000000", .eventTypeId = "7", .pageName = "p"})}
+            .bytes();
+    struct Row {
+        std::size_t maxEvents, maxBytes, kept;
+    };
+    for (const Row row : {Row{3, 1 << 20, 3}, Row{100, 2 * pageEventBytes + pageEventBytes / 2, 2},
+                          Row{0, 1 << 20, 1}}) {
+        ReportingHarness harness;
+        std::size_t warnings = 0;
+        Platform::setDiagnosticsSink(
+            [&](DiagnosticLevel level, auto&) { warnings += level == DiagnosticLevel::Warning; });
+        std::ranges::for_each(pages(0, kWindow), &NorvAnalytics::sendEventWithPageName);
+        ASSERT_EQ(harness.http->requests().size(), kWindow);
+        NorvAnalytics::setWaitingEventLimits(row.maxEvents, row.maxBytes);
+        const std::uint64_t droppedBefore = NorvAnalytics::droppedEventCount();
+        std::ranges::for_each(pages(kWindow, kWindow + 10), &NorvAnalytics::sendEventWithPageName);
+        EXPECT_EQ(NorvAnalytics::droppedEventCount() - droppedBefore, 10 - row.kept);
+        EXPECT_EQ(warnings, 1U);
+        while (harness.http->answerAll(200, "") > 0) {
+        }
+        // Nothing is left to wait for: the dropped events ended with their records.
+        EXPECT_TRUE(NorvAnalytics::flush(std::chrono::milliseconds(0)));
+        const std::vector<std::string> sent = sentPages(harness);
+        EXPECT_EQ(std::vector(sent.begin() + kWindow, sent.end()),
+                  pages(kWindow + 10 - row.kept, kWindow + 10));
+        Platform::setDiagnosticsSink(nullptr);
+        NorvAnalytics::setWaitingEventLimits(DeliveryQueue::kDefaultMaxEvents,
+                                             DeliveryQueue::kDefaultMaxBytes);
+    }
+}
+
+}  // namespace
+}  // namespace NorvAnalytic
