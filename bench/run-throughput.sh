@@ -1,8 +1,9 @@
 #!/bin/bash
 # Measures events per second, CPU per event and peak memory delivered end to end: starts
-# Debian's nginx on two free loopback ports, plain HTTP and TLS (with a certificate made here),
-# with a fixed collection answer, runs throughput_bench against each, pipelined as by default
-# and then one request per connection at a time, stops nginx.
+# Debian's nginx on free loopback ports, plain HTTP/1.1 (also one that closes a connection every
+# 100 requests) and HTTP/2 over TLS (with a certificate made here), with a fixed collection
+# answer, and runs side by side against each: libcurl alone (bare_curl_bench, beside
+# throughput_bench), the SDK (throughput_bench), and h2load where it is installed.
 # usage: bench/run-throughput.sh [path/to/throughput_bench] [benchmark options...]
 set -euo pipefail
 
@@ -30,6 +31,7 @@ free_port() {
 }
 port=$(free_port)
 tls_port=$(free_port)
+short_port=$(free_port)
 openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 1 -subj /CN=127.0.0.1 \
     -addext subjectAltName=IP:127.0.0.1 -keyout "$work/key.pem" -out "$work/cert.pem" 2>/dev/null
 
@@ -53,7 +55,15 @@ http {
     ssl_certificate_key $work/key.pem;
     server {
         listen 127.0.0.1:$port;
-        listen 127.0.0.1:$tls_port ssl;
+        listen 127.0.0.1:$tls_port ssl http2;
+        location / {
+            default_type application/json;
+            return 200 '{"message":"ok","code":200,"payload":null}';
+        }
+    }
+    server {
+        listen 127.0.0.1:$short_port;
+        keepalive_requests 100;
         location / {
             default_type application/json;
             return 200 '{"message":"ok","code":200,"payload":null}';
@@ -72,11 +82,20 @@ for _ in $(seq 100); do
 done
 
 echo "nginx $($nginx -v 2>&1 | sed 's/.*nginx\///') on 127.0.0.1:$port, TLS on $tls_port"
-for depth in 16 1; do
-    echo "== plain HTTP, pipeline depth $depth"
-    NORV_THROUGHPUT_PIPELINE=$depth NORV_THROUGHPUT_URL="http://127.0.0.1:$port/api/v3/saveEvent" \
-        "$bench" "$@"
-    echo "== TLS, pipeline depth $depth"
-    NORV_THROUGHPUT_PIPELINE=$depth NORV_THROUGHPUT_URL="https://127.0.0.1:$tls_port/api/v3/saveEvent" \
-        NORV_THROUGHPUT_CA="$work/cert.pem" "$bench" "$@"
+bare=$(dirname "$bench")/bare_curl_bench
+plain="http://127.0.0.1:$port/api/v3/saveEvent"
+short="http://127.0.0.1:$short_port/api/v3/saveEvent"
+tls="https://127.0.0.1:$tls_port/api/v3/saveEvent"
+for round in 1 2 3; do
+    echo "== round $round: HTTP/2 over TLS"
+    "$bare" "$tls" "$work/cert.pem"
+    NORV_THROUGHPUT_URL="$tls" NORV_THROUGHPUT_CA="$work/cert.pem" "$bench" "$@"
+    if command -v h2load >/dev/null; then
+        h2load -n 100000 -c 1 -m 64 -d <(printf '%240s' | tr ' ' x) "$tls" | grep -E 'finished in|requests:'
+    fi
+    echo "== round $round: plain HTTP/1.1"
+    "$bare" "$plain"
+    NORV_THROUGHPUT_URL="$plain" "$bench" "$@"
+    echo "== round $round: plain HTTP/1.1, nginx closing every 100 requests"
+    NORV_THROUGHPUT_URL="$short" "$bench" "$@"
 done
