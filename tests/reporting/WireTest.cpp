@@ -4,7 +4,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <mutex>
 #include <thread>
+
+#include "mainqueue/MainQueueClock.h"
 
 #include "support/LocalHttpServer.h"
 #include "support/ReportingHarness.h"
@@ -37,6 +41,49 @@ TEST(Wire, AnEventTravelsOverRealHttpAndItsAnswerIsHandledOnTheMainQueue) {
     EXPECT_EQ(harness.log.lines(),
               std::vector<std::string>{
                   R"(Analytic is disabled from server {"analytics_enabled":false})"});
+}
+
+// Three starts stack three one-second timers: six refused events come back in two ticks, one
+// second apart, also when the server closed the idle connection (its keep-alive is 1 s) in
+// between.
+TEST(Wire, ResendsAfterAnIdleSpellArriveOnTheTick) {
+    Testing::ReportingHarness harness;
+    Testing::LocalHttpServer server;
+    std::mutex mutex;
+    int received = 0;
+    std::vector<std::chrono::steady_clock::time_point> resent;
+    server.setResponder([&](const std::string&, const std::string&) {
+        std::lock_guard lock(mutex);
+        const bool refused = ++received <= 6;
+        if (!refused) {
+            resent.push_back(std::chrono::steady_clock::now());
+        }
+        return Testing::LocalHttpServer::Answer{.status = refused ? 500 : 200};
+    });
+    Platform::setHttpClient(std::make_shared<CurlHttpClient>());
+    harness.restart();
+    NorvAnalytics::sharedController().timer()->invalidate();
+    setMainQueueClock(nullptr);
+    std::vector<std::shared_ptr<Timer>> timers;
+    for (int start = 0; start < 3; ++start) {
+        NorvAnalytics::initWithKey(std::string(Testing::ReportingHarness::kKey));
+        timers.push_back(NorvAnalytics::sharedController().timer());
+    }
+    NorvAnalytics::sharedController().setUrlString(server.url());
+    for (int page = 0; page < 6; ++page) {
+        NorvAnalytics::sendEventWithPageName("page");
+    }
+    ASSERT_TRUE(server.waitForCount(12, std::chrono::seconds(10)));
+    std::ranges::for_each(timers, &Timer::invalidate);
+    // The server records a body before its responder runs.
+    std::unique_lock lock(mutex);
+    for (int wait = 0; wait < 100 && resent.size() < 6; ++wait) {
+        lock.unlock();
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        lock.lock();
+    }
+    ASSERT_EQ(resent.size(), 6U);
+    EXPECT_LT(resent.back() - resent.front(), std::chrono::milliseconds(1500));
 }
 
 }  // namespace

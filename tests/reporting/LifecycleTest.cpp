@@ -1,0 +1,73 @@
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include "support/ChildProcess.h"
+#include "support/LocalHttpServer.h"
+
+namespace NorvAnalytic {
+namespace {
+
+// The page names the server received, sorted.
+std::vector<std::string> pagesReceived(const Testing::LocalHttpServer& server) {
+    std::vector<std::string> pages;
+    for (const std::string& body : server.bodies()) {
+        const std::size_t start = body.find("pageName=");
+        if (start != std::string::npos) {
+            pages.push_back(body.substr(start + 9, body.find('&', start) - start - 9));
+        }
+    }
+    std::ranges::sort(pages);
+    return pages;
+}
+
+class Lifecycle : public testing::Test {
+protected:
+    // Runs the host in this mode against the server with a keychain of its own; its exit code.
+    int run(const std::string& mode) {
+        const int status = Testing::runChildProcess(
+            {Testing::siblingExecutable("reporting_lifecycle_host"), mode, server.url()},
+            {"XDG_DATA_HOME=" + dataHome.string()}, std::chrono::seconds(60));
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+    void TearDown() override { std::filesystem::remove_all(dataHome); }
+
+    Testing::LocalHttpServer server;
+    std::filesystem::path dataHome = std::filesystem::temp_directory_path() /
+                                     ("norv-lifecycle-" + std::to_string(::getpid()));
+};
+
+TEST_F(Lifecycle, AForkedChildSendsItsOwnEventsOnceAndItsFlushMeansIt) {
+    // The parent's events are still unanswered when it forks.
+    server.setResponder([](const std::string&, const std::string& body) {
+        return Testing::LocalHttpServer::Answer{
+            .delay = std::chrono::milliseconds(body.find("parent-") != std::string::npos ? 300 : 0)};
+    });
+    ASSERT_EQ(run("fork"), 0);
+    std::vector<std::string> expected;
+    for (int index = 0; index < 10; ++index) {
+        expected.push_back("child-" + std::to_string(index));
+    }
+    for (int index = 0; index < 5; ++index) {
+        expected.push_back("parent-" + std::to_string(index));
+    }
+    EXPECT_EQ(pagesReceived(server), expected);
+}
+
+TEST_F(Lifecycle, EventsFromExitHandlersAndThreadLocalDestructorsAreDelivered) {
+    ASSERT_EQ(run("exit-handlers"), 0);
+    const std::vector<std::string> pages = pagesReceived(server);
+    ASSERT_EQ(pages.size(), 3U);
+    EXPECT_EQ(pages[0], "atexit");
+    EXPECT_TRUE(pages[1].starts_with("first-"));
+    EXPECT_EQ(pages[2], "thread-local-destructor");
+}
+
+TEST_F(Lifecycle, EveryThreadOfOursIsNamedAndBlocksTheHostsSignals) { EXPECT_EQ(run("threads"), 0); }
+
+}  // namespace
+}  // namespace NorvAnalytic
