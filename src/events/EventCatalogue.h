@@ -25,7 +25,7 @@ public:
         LocationServiceStatus = 11,
         ExternalAccessoryBatteryLow = 13,
         ExternalAccessoryBatteryStatus = 14,
-        PlayerId = 15,
+        PushSubscriber = 15,
         DeviceCustomName = 16,
     };
 

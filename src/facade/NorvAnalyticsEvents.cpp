@@ -40,7 +40,7 @@ void NorvAnalytics::sendDeviceName(const Text& deviceName) {
 }
 
 void NorvAnalytics::sendEventWithPlayerId(const Text& playerId) {
-    send(PlayerId, 0.0F, {.player_id = playerId});
+    send(PushSubscriber, 0.0F, {.player_id = playerId});
 }
 
 void NorvAnalytics::sendEventWithPageName(const Text& pageName) {

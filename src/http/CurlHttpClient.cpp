@@ -11,6 +11,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -146,8 +147,13 @@ public:
             return;
         }
         incoming_.push_back({std::move(request), std::move(completion)});
-        if (state_ == State::Idle) {
-            start();
+        if (state_ == State::Idle && !start()) {
+            Request unsent = std::move(incoming_.back());
+            incoming_.pop_back();
+            lock.unlock();
+            complete(unsent.completion, std::nullopt, std::nullopt,
+                     HttpClient::error(HttpClientErrorTransport,
+                                       "The request was not sent: no network thread could start"));
         } else if (sleeping_) {
             sleeping_ = false;
             curl_multi_wakeup(network_->multi);
@@ -225,16 +231,28 @@ private:
     };
 
     // Under mutex_. The network handle is made here so that senders can wake the thread.
-    void start() {
-        network_ = std::make_unique<Network>();
-        network_->multi = curl_multi_init();
-        network_->share = curl_share_init();
-        curl_multi_setopt(network_->multi, CURLMOPT_PIPELINING, CURLPIPE_MULTIPLEX);
-        curl_multi_setopt(network_->multi, CURLMOPT_MAX_HOST_CONNECTIONS, kMaxConnectionsPerHost);
+    bool start() {
+        auto network = std::make_unique<Network>();
+        network->multi = curl_multi_init();
+        network->share = curl_share_init();
+        curl_multi_setopt(network->multi, CURLMOPT_PIPELINING, CURLPIPE_MULTIPLEX);
+        curl_multi_setopt(network->multi, CURLMOPT_MAX_HOST_CONNECTIONS, kMaxConnectionsPerHost);
+        // curl keeps four idle connections per handle in the multi by default, and ours leave it
+        // after each request: without a floor it closes kept connections between bursts.
+        curl_multi_setopt(network->multi, CURLMOPT_MAXCONNECTS, kMaxConnectionsPerHost * 4);
         // New TLS connections resume an earlier session instead of a full handshake.
-        curl_share_setopt(network_->share, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+        curl_share_setopt(network->share, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+        network_ = std::move(network);
+        try {
+            thread_ = startSdkThread("norv-http", [this] { run(); });
+        } catch (const std::system_error&) {
+            curl_multi_cleanup(network_->multi);
+            curl_share_cleanup(network_->share);
+            network_.reset();
+            return false;
+        }
         state_ = State::Running;
-        thread_ = startSdkThread("norv-http", [this] { run(); });
+        return true;
     }
 
     void stopRequestedLocked() {
@@ -280,6 +298,7 @@ private:
         state_ = State::Idle;
         stopRequested_ = false;
         sleeping_ = false;
+        appliedVersion_ = 0;
     }
 
     void run() {
