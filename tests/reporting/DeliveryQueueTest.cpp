@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <string>
 #include <thread>
 #include <vector>
@@ -52,6 +53,25 @@ TEST(DeliveryQueue, AHostCallHandsNothingToTheClientItself) {
     const std::vector<std::thread::id> senders = harness.http->senders();
     ASSERT_EQ(senders.size(), 3U);
     EXPECT_EQ(std::ranges::count(senders, std::this_thread::get_id()), 0);
+}
+
+// Each event finds the delivery thread asleep, or falling asleep, from two host threads at once:
+// an event whose wake-up were lost would wait for the next call, and the flush would fail.
+TEST(DeliveryQueue, EveryEventWakesTheHandOverEvenWhileItFallsAsleep) {
+    ReportingHarness harness;
+    harness.http->answerInsideSend = true;
+    std::atomic<int> unflushed{0};
+    const auto sendAndFlush = [&](const std::string& prefix) {
+        for (int round = 0; round < 1000; ++round) {
+            NorvAnalytics::sendEventWithPageName(prefix + std::to_string(round));
+            unflushed += NorvAnalytics::flush(std::chrono::seconds(2)) ? 0 : 1;
+        }
+    };
+    std::thread other(sendAndFlush, "b");
+    sendAndFlush("a");
+    other.join();
+    EXPECT_EQ(unflushed.load(), 0);
+    EXPECT_EQ(harness.http->requests().size(), 2000U);
 }
 
 TEST(DeliveryQueue, AFullWaitingListDropsTheOldestCountsItAndEndsItsTicket) {
