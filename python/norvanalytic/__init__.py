@@ -88,7 +88,8 @@ def set_diagnostics_sink(sink: Optional[Callable[[DiagnosticLevel, str], None]])
 
     ``sink(level, line)`` runs on the SDK's own threads, so it must be quick and thread-safe.
     What it raises is logged on the ``norvanalytic`` logger and goes no further. ``None`` turns
-    the sink off; once this returns, the previous sink is no longer called.
+    the sink off; once this returns, the previous sink is no longer called (so a sink must not
+    call this function itself).
     """
     global _sink_function
     if sink is not None and not callable(sink):
