@@ -93,8 +93,8 @@ NORVANALYTIC_EXPORT void norv_send_event_with_type(int32_t type, float value, co
 
 /* Response timing of the host's own requests, times in seconds since the Unix epoch: note a
  * start for an endpoint (required), then report its end. An end time that is NaN counts as no
- * time (elapsed 0); a start that is NaN, and any time beyond the years 1678 to 2262, is a bad
- * argument. */
+ * time (elapsed 0); a start that is NaN, and any time more than 9e9 s (about 285 years) from
+ * 1970, is a bad argument. */
 NORVANALYTIC_EXPORT void norv_send_request_start_time(double start_time, const char* endpoint);
 NORVANALYTIC_EXPORT void norv_send_request_end_time(double end_time, const char* endpoint,
                                                     const char* parameters, const char* response);
