@@ -98,7 +98,8 @@ def set_diagnostics_sink(sink: Optional[Callable[[DiagnosticLevel, str], None]])
     if sink is not None:
         def deliver(level: int, line: bytes, _user: object) -> None:
             try:
-                sink(DiagnosticLevel(level), line.decode("utf-8", "replace"))
+                known = level in DiagnosticLevel._value2member_map_
+                sink(DiagnosticLevel(level) if known else level, line.decode("utf-8", "replace"))
             except BaseException:  # never into the SDK's thread
                 _logger.exception("the NorvAnalytic diagnostics sink raised")
 
