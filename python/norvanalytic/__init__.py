@@ -78,6 +78,13 @@ def _flag(value: object, name: str) -> int:
     return 1 if value else 0
 
 
+def _level(level: int) -> "DiagnosticLevel | int":
+    try:
+        return DiagnosticLevel(level)
+    except ValueError:  # a level newer than this package
+        return level
+
+
 # The sink in force; kept here so that its C function stays alive while the SDK may call it.
 _sink_lock = threading.Lock()
 _sink_function = None
@@ -98,8 +105,7 @@ def set_diagnostics_sink(sink: Optional[Callable[[DiagnosticLevel, str], None]])
     if sink is not None:
         def deliver(level: int, line: bytes, _user: object) -> None:
             try:
-                known = level in DiagnosticLevel._value2member_map_
-                sink(DiagnosticLevel(level) if known else level, line.decode("utf-8", "replace"))
+                sink(_level(level), line.decode("utf-8", "replace"))
             except BaseException:  # never into the SDK's thread
                 _logger.exception("the NorvAnalytic diagnostics sink raised")
 
