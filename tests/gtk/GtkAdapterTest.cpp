@@ -5,9 +5,13 @@
 #include <NorvAnalytic/norv_gtk.h>
 #include <gtest/gtest.h>
 #include <gtk/gtk.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <functional>
 #include <string>
 #include <thread>
@@ -58,8 +62,35 @@ std::string buttonLabel(GtkMessageDialog* dialog, int response) {
     return button != nullptr ? gtk_button_get_label(GTK_BUTTON(button)) : "";
 }
 
+// A desktop whose only https handler appends each URL it is given to a file: what
+// gtk_show_uri hands the desktop. Set before GTK starts, which reads it once.
+std::filesystem::path fakeBrowser() {
+    const auto home = std::filesystem::temp_directory_path() /
+                      ("norv-gtk-test-" + std::to_string(::getpid()));
+    std::filesystem::create_directories(home / "data/applications");
+    std::filesystem::create_directories(home / "config");
+    const auto opened = home / "opened";
+    const auto script = home / "browser";
+    std::ofstream(script) << "#!/bin/sh\necho \"$1\" >> '" << opened.string() << "'\n";
+    std::filesystem::permissions(script, std::filesystem::perms::owner_all);
+    std::ofstream(home / "data/applications/norv-browser.desktop")
+        << "[Desktop Entry]\nType=Application\nName=Browser\nExec=" << script.string()
+        << " %u\nMimeType=x-scheme-handler/https;\n";
+    std::ofstream(home / "config/mimeapps.list")
+        << "[Default Applications]\nx-scheme-handler/https=norv-browser.desktop\n";
+    ::setenv("XDG_DATA_HOME", (home / "data").c_str(), 1);
+    ::setenv("XDG_CONFIG_HOME", (home / "config").c_str(), 1);
+    return opened;
+}
+
+std::string contents(const std::filesystem::path& file) {
+    std::ifstream in(file);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
 TEST(GtkAdapter, TheAlertIsAModalDialogOverTheWindowDrivenFromTheGtkThread) {
     EXPECT_EQ(norv_gtk_install(), 0);  // before gtk_init
+    const std::filesystem::path opened = fakeBrowser();
     gtk_init();
     ASSERT_EQ(norv_gtk_install(), 1);
     ASSERT_EQ(norv_gtk_install(), 1);
@@ -103,18 +134,27 @@ TEST(GtkAdapter, TheAlertIsAModalDialogOverTheWindowDrivenFromTheGtkThread) {
     EXPECT_TRUE(dialogs().empty());
     EXPECT_FALSE(NorvAnalytics::sharedController().alertController()->isOnScreen());
 
+    // Update opens the manifest's address through the desktop's handler.
+    shown = answerAppOpen(offer);
+    ASSERT_EQ(shown.size(), 1U);
+    gtk_dialog_response(GTK_DIALOG(shown[0]), 0);
+    EXPECT_TRUE(dialogs().empty());
+    EXPECT_TRUE(loopUntil([&] { return !contents(opened).empty(); }));
+    EXPECT_EQ(contents(opened), "https://dl.example.com/m.plist\n");
+
     shown = answerAppOpen(R"("force_version":{"no":"3.0","download_url":"https://x.test/f"})");
     ASSERT_EQ(shown.size(), 1U);
     EXPECT_EQ(buttonLabel(shown[0], 0) + "|" + buttonLabel(shown[0], 1), "Update|");
     gtk_window_close(GTK_WINDOW(shown[0]));
     EXPECT_EQ(dialogs(), shown);  // a forced update stays up
-    EXPECT_GE(answeredOnGtkThread.size(), 3U);
+    EXPECT_GE(answeredOnGtkThread.size(), 4U);
     EXPECT_EQ(std::count(answeredOnGtkThread.begin(), answeredOnGtkThread.end(), false), 0);
 
     // With the adapter gone, a task posted from another thread runs without the GTK loop.
     norv_gtk_uninstall();
     std::thread([] { MainQueue::main().sync([] {}); }).join();
     gtk_window_destroy(GTK_WINDOW(window));
+    std::filesystem::remove_all(opened.parent_path());
 }
 
 }  // namespace
