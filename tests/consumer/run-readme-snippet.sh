@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # Runs the README's snippet against a real norv-collector: both events must arrive, and with
 # the collector gone the snippet must say on its diagnostics sink that its events were lost.
-#   run-readme-snippet.sh SNIPPET COLLECTOR
+#   run-readme-snippet.sh SNIPPET COLLECTOR [ARGUMENT...]
+# runs SNIPPET ARGUMENT... HOST:PORT (for a script: its interpreter, then the script).
 set -euo pipefail
 snippet=$1 collector=$2
+shift 2
 work=$(mktemp -d)
 # The snippet's keychain file goes here, not into the user's data.
 export XDG_DATA_HOME="$work/data"
@@ -18,7 +20,7 @@ cat <&3 >"$work/collector.log" &
 host=${listening##*http://}
 host=${host%%[/ ]*}
 
-"$snippet" "$host" 2>"$work/snippet.err" || { cat "$work/snippet.err"; echo "flush timed out"; exit 1; }
+"$snippet" "$@" "$host" 2>"$work/snippet.err" || { cat "$work/snippet.err"; echo "flush timed out"; exit 1; }
 "$collector" list --db "$work/collector.sqlite" --raw >"$work/received"
 expect() {
   grep -q -- "$1" "$work/received" || {
@@ -29,7 +31,7 @@ expect "&pageName=Orders&"
 [ "$(grep -c '^#' "$work/received")" = 2 ] || { cat "$work/received"; echo "not 2 events"; exit 1; }
 
 kill "$collector_pid"; wait "$collector_pid" 2>/dev/null || true
-"$snippet" "$host" 2>"$work/snippet.err" || { echo "flush timed out with the collector down"; exit 1; }
+"$snippet" "$@" "$host" 2>"$work/snippet.err" || { echo "flush timed out with the collector down"; exit 1; }
 grep -q "App Open event (type 2) was not delivered: " "$work/snippet.err" || {
   cat "$work/snippet.err"; echo "no diagnostics line with the collector down"; exit 1; }
 echo "readme snippet: 2 events delivered; with the collector down it said so"
