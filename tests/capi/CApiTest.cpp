@@ -34,7 +34,7 @@ struct Lines {
 TEST(CApi, EachEventCallSendsWhatItsCppTwinSends) {
     ReportingHarness harness;
     norv_save_store_user_id("store-user-7");
-    const std::vector<std::pair<std::function<void()>, EventFields>> rows = {
+    const std::vector<std::pair<std::function<void()>, Testing::ExpectedEvent>> rows = {
         {[] { norv_send_username("ann"); }, {.username = "ann"}},
         {[] { norv_send_warehouse("north"); }, {.warehouse = "north"}},
         {[] { norv_send_error("boom"); }, {.error = "boom"}},
