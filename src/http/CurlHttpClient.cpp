@@ -154,8 +154,8 @@ public:
             complete(unsent.completion, std::nullopt, std::nullopt,
                      HttpClient::error(HttpClientErrorTransport,
                                        "The request was not sent: no network thread could start"));
-        } else if (sleeping_) {
-            sleeping_ = false;
+        } else if (sleepsWithRoom_) {
+            sleepsWithRoom_ = false;
             curl_multi_wakeup(network_->multi);
         }
     }
@@ -297,7 +297,7 @@ private:
         incoming_.clear();
         state_ = State::Idle;
         stopRequested_ = false;
-        sleeping_ = false;
+        sleepsWithRoom_ = false;
         appliedVersion_ = 0;
     }
 
@@ -335,11 +335,12 @@ private:
             if (stopRequested_ || (!incoming_.empty() && active.size() < kMaxTransfers)) {
                 continue;
             }
-            sleeping_ = true;
+            // A new request wakes the thread only if curl has room for it; else an answer will.
+            sleepsWithRoom_ = active.size() < kMaxTransfers;
             lock.unlock();
             curl_multi_poll(network.multi, nullptr, 0, kPollMilliseconds, nullptr);
             lock.lock();
-            sleeping_ = false;
+            sleepsWithRoom_ = false;
         }
         std::deque<Request> waiting;
         waiting.swap(incoming_);
@@ -485,7 +486,7 @@ private:
     Settings settings_;
     std::unique_ptr<Network> network_;
     std::thread thread_;
-    bool sleeping_ = false;
+    bool sleepsWithRoom_ = false;
     bool stopRequested_ = false;
     bool deleteWhenStopped_ = false;
     std::string stopReason_;
