@@ -326,7 +326,7 @@ void DeliveryQueue::afterForkInChild() {
     static_cast<void>(new std::deque<EventRecord>(std::move(queue.waiting_)));
     queue.waiting_.clear();
     if (queue.thread_) {
-        static_cast<void>(new std::thread(std::move(*queue.thread_)));
+        abandonParentsThread(*queue.thread_);
         queue.thread_.reset();
     }
     queue.waitingBytes_ = 0;

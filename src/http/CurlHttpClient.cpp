@@ -293,7 +293,7 @@ private:
         }
         static_cast<void>(network_.release());
         static_cast<void>(new std::deque<Request>(std::move(incoming_)));
-        static_cast<void>(new std::thread(std::move(thread_)));
+        abandonParentsThread(thread_);
         incoming_.clear();
         state_ = State::Idle;
         stopRequested_ = false;

@@ -52,9 +52,7 @@ public:
     void abandonParentsThread() {
         static_cast<void>(new std::deque<Task>(std::move(tasks_)));
         tasks_.clear();
-        if (thread_.joinable()) {
-            static_cast<void>(new std::thread(std::move(thread_)));
-        }
+        abandonParentsThread(thread_);
         new (&wake_) std::condition_variable;
         mutex_.unlock();
     }

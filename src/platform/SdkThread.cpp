@@ -32,4 +32,12 @@ std::thread startSdkThread(const char* name, std::function<void()> body) {
     });
 }
 
+void abandonParentsThread(std::thread& thread) {
+    if (thread.joinable()) {
+        // Never freed: a joinable std::thread may not be destroyed, and this one cannot be joined.
+        auto* parents = new std::thread;
+        *parents = std::move(thread);
+    }
+}
+
 }  // namespace NorvAnalytic

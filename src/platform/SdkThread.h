@@ -11,4 +11,8 @@ namespace NorvAnalytic {
 // body throws ends the thread quietly. Throws std::system_error when no thread can be had.
 std::thread startSdkThread(const char* name, std::function<void()> body);
 
+// In a child after fork(): lets go of a thread of the parent's, which the child does not have,
+// without joining it or ending the process for a joinable thread's destruction.
+void abandonParentsThread(std::thread& thread);
+
 }  // namespace NorvAnalytic
