@@ -49,7 +49,7 @@ public:
     // In the child after fork(): the thread is the parent's, and so are the tasks queued for
     // it (answers to the parent's events). The timers stay; the child's first task starts a
     // thread of its own.
-    void abandonParentsThread() {
+    void afterForkInChild() {
         static_cast<void>(new std::deque<Task>(std::move(tasks_)));
         tasks_.clear();
         abandonParentsThread(thread_);
@@ -281,7 +281,7 @@ MainQueueEngine& engine() {
     // Never destroyed, like the queue itself; its thread is stopped at exit instead.
     static MainQueueEngine* queue = [] {
         pthread_atfork([] { engine().lockForFork(); }, [] { engine().unlockAfterFork(); },
-                       [] { engine().abandonParentsThread(); });
+                       [] { engine().afterForkInChild(); });
         return new MainQueueEngine;
     }();
     return *queue;
