@@ -36,8 +36,9 @@ public:
     void submit(EventRecord record);
     void setLimits(std::size_t maxEvents, std::size_t maxBytes);
     std::uint64_t droppedCount() const;
-    // Returns once no record waits that the window has room for: every event that can be in
-    // the client is there. For tests that read what the client got.
+    // Returns once the hand-over has nothing to do until an answer or a call wakes it: after a
+    // burst, every event the window has room for is in the client. For tests that read what the
+    // client got.
     void waitUntilHandedOver();
 
     DeliveryQueue(const DeliveryQueue&) = delete;

@@ -1,5 +1,6 @@
 #include "events/EventTable.h"
 
+#include <algorithm>
 #include <array>
 
 #include <pthread.h>
@@ -16,85 +17,70 @@ namespace {
 constexpr std::size_t kDescriptionLimit = 200;
 constexpr std::string_view kProtocolVersion = "1.7.4";
 
-// Every text member an event call fills, and where the answer context keeps it. The value is
-// apart: the context holds it as a number.
-struct TextRow {
-    Text Event::*event;
-    Text EventResponseContext::*context;
-};
-
-constexpr std::array<TextRow, 11> kTextRows = {{
-    {&Event::eventTypeId, &EventResponseContext::typeId},
-    {&Event::endpoint, &EventResponseContext::endpoint},
-    {&Event::parameters, &EventResponseContext::parameters},
-    {&Event::response, &EventResponseContext::response},
-    {&Event::pageName, &EventResponseContext::pageName},
-    {&Event::player_id, &EventResponseContext::playerId},
-    {&Event::username, &EventResponseContext::username},
-    {&Event::warehouse, &EventResponseContext::warehouse},
-    {&Event::error, &EventResponseContext::error},
-    {&Event::deviceCustomName, &EventResponseContext::deviceCustomName},
-    {&Event::deviceName, &EventResponseContext::deviceName},
-}};
-
 struct BodyInput {
     const EventTexts& texts;
     const Text& key;
     const DeviceFacts& device;
 };
 
+struct Field;
 // A body pair's value, or nothing to leave the pair out; `made` holds a value made for it.
-using BodyValue = std::optional<std::string_view> (*)(const BodyInput&, std::string& made);
+using BodyValue = std::optional<std::string_view> (*)(const Field&, const BodyInput&,
+                                                      std::string& made);
 
-struct BodyRow {
+// One pair of the form body, in the server's order. A pair that carries the host's text names
+// the Event member it comes from and the answer context's slot for it.
+struct Field {
     std::string_view key;
     BodyValue value;
+    Text Event::*event = nullptr;
+    Text EventResponseContext::*context = nullptr;
 };
 
 std::optional<std::string_view> present(const Text& text) {
     return text ? std::optional<std::string_view>(*text) : std::nullopt;
 }
 
-template <Text Event::*member>
-std::optional<std::string_view> host(const BodyInput& input, std::string&) {
-    const std::string* text = EventTable::find(input.texts, member);
+std::optional<std::string_view> host(const Field& field, const BodyInput& input, std::string&) {
+    const std::string* text = EventTable::find(input.texts, field.event);
     return text ? std::optional<std::string_view>(*text) : std::nullopt;
 }
 
 // The host's object as "%@" writes it, "(null)" included, cut to what the server keeps.
-template <Text Event::*member>
-std::optional<std::string_view> described(const BodyInput& input, std::string& made) {
-    const std::string* text = EventTable::find(input.texts, member);
+std::optional<std::string_view> described(const Field& field, const BodyInput& input,
+                                          std::string& made) {
+    const std::string* text = EventTable::find(input.texts, field.event);
     made = TextFormat::prefixUtf16(
         TextFormat::validUtf8(TextFormat::describe(text ? Text(*text) : std::nullopt)),
         kDescriptionLimit);
     return made;
 }
 
-std::optional<std::string_view> value(const BodyInput& input, std::string& made) {
-    if (const std::string* text = EventTable::find(input.texts, &Event::value)) {
+std::optional<std::string_view> value(const Field& field, const BodyInput& input,
+                                      std::string& made) {
+    if (const std::string* text = EventTable::find(input.texts, field.event)) {
         return *text;
     }
     made = TextFormat::decimal(0.0);
     return made;
 }
 
-std::optional<std::string_view> key(const BodyInput& input, std::string&) {
+std::optional<std::string_view> key(const Field&, const BodyInput& input, std::string&) {
     return present(input.key);
 }
 
 template <std::string DeviceFacts::*member>
-std::optional<std::string_view> device(const BodyInput& input, std::string&) {
+std::optional<std::string_view> device(const Field&, const BodyInput& input, std::string&) {
     return input.device.*member;
 }
 
 template <Text DeviceFacts::*member>
-std::optional<std::string_view> deviceText(const BodyInput& input, std::string&) {
+std::optional<std::string_view> deviceText(const Field&, const BodyInput& input, std::string&) {
     return present(input.device.*member);
 }
 
 // Only app-open events carry the battery, in percent, and with it the store user id.
-std::optional<std::string_view> battery(const BodyInput& input, std::string& made) {
+std::optional<std::string_view> battery(const Field&, const BodyInput& input, std::string& made) {
     if (!input.device.batteryLevel) {
         return std::nullopt;
     }
@@ -102,34 +88,37 @@ std::optional<std::string_view> battery(const BodyInput& input, std::string& mad
     return made;
 }
 
-std::optional<std::string_view> userId(const BodyInput& input, std::string&) {
+std::optional<std::string_view> userId(const Field&, const BodyInput& input, std::string&) {
     return input.device.batteryLevel ? present(input.device.userId) : std::nullopt;
 }
 
 template <const std::string_view& text>
-std::optional<std::string_view> constant(const BodyInput&, std::string&) {
+std::optional<std::string_view> constant(const Field&, const BodyInput&, std::string&) {
     return text;
 }
 
 constexpr std::string_view kTestDevice = "1";
 constexpr std::string_view kSimulator = BuildConfig::kSimulatorBuild ? "1" : "0";
 
-constexpr std::array<BodyRow, 22> kBodyRows = {{
+using Context = EventResponseContext;
+
+// The value is a text in an Event and a number in the answer context: it has no context slot.
+constexpr std::array<Field, 22> kFields = {{
     {"key", &key},
-    {"value", &value},
-    {"type", &host<&Event::eventTypeId>},
-    {"endpoint", &host<&Event::endpoint>},
-    {"parameters", &described<&Event::parameters>},
-    {"response", &described<&Event::response>},
+    {"value", &value, &Event::value},
+    {"type", &host, &Event::eventTypeId, &Context::typeId},
+    {"endpoint", &host, &Event::endpoint, &Context::endpoint},
+    {"parameters", &described, &Event::parameters, &Context::parameters},
+    {"response", &described, &Event::response, &Context::response},
     {"device_uuid", &device<&DeviceFacts::deviceUUID>},
-    {"pageName", &host<&Event::pageName>},
-    {"player_id", &host<&Event::player_id>},
+    {"pageName", &host, &Event::pageName, &Context::pageName},
+    {"player_id", &host, &Event::player_id, &Context::playerId},
     {"vbf_version", &device<&DeviceFacts::sdkVersion>},
-    {"username", &host<&Event::username>},
-    {"warehouse", &host<&Event::warehouse>},
-    {"error", &host<&Event::error>},
-    {"deviceCustomName", &host<&Event::deviceCustomName>},
-    {"device_name", &host<&Event::deviceName>},
+    {"username", &host, &Event::username, &Context::username},
+    {"warehouse", &host, &Event::warehouse, &Context::warehouse},
+    {"error", &host, &Event::error, &Context::error},
+    {"deviceCustomName", &host, &Event::deviceCustomName, &Context::deviceCustomName},
+    {"device_name", &host, &Event::deviceName, &Context::deviceName},
     {"device_model", &deviceText<&DeviceFacts::deviceModel>},
     {"system_version", &device<&DeviceFacts::systemVersion>},
     {"batteryLevel", &battery},
@@ -142,20 +131,16 @@ constexpr std::array<BodyRow, 22> kBodyRows = {{
 }  // namespace
 
 EventTexts EventTable::texts(const Event& event) {
-    EventTexts texts;
-    const auto add = [&](Text Event::*member) {
-        if (const Text& text = event.*member) {
-            texts.emplace_back(member, *text);
-        }
-    };
-    std::size_t count = event.value ? 1 : 0;
-    for (const TextRow& row : kTextRows) {
-        count += (event.*row.event).has_value() ? 1 : 0;
+    std::size_t count = 0;
+    for (const Field& field : kFields) {
+        count += field.event != nullptr && (event.*field.event).has_value() ? 1 : 0;
     }
+    EventTexts texts;
     texts.reserve(count);
-    add(&Event::value);
-    for (const TextRow& row : kTextRows) {
-        add(row.event);
+    for (const Field& field : kFields) {
+        if (field.event != nullptr && event.*field.event) {
+            texts.emplace_back(field.event, *(event.*field.event));
+        }
     }
     return texts;
 }
@@ -180,9 +165,10 @@ const std::string* EventTable::find(const EventTexts& texts, Text Event::*member
 EventResponseContext EventTable::context(const EventTexts& texts, std::string deviceUUID,
                                          std::string requestBody, bool isSavedEvent) {
     EventResponseContext context;
-    for (const TextRow& row : kTextRows) {
-        if (const std::string* text = find(texts, row.event)) {
-            context.*row.context = *text;
+    for (const auto& [member, text] : texts) {
+        const auto field = std::ranges::find(kFields, member, &Field::event);
+        if (field->context != nullptr) {
+            context.*field->context = text;
         }
     }
     const std::string* value = find(texts, &Event::value);
@@ -195,8 +181,10 @@ EventResponseContext EventTable::context(const EventTexts& texts, std::string de
 
 void EventTable::keep(const EventResponseContext& context, std::int64_t statusCode) {
     auto event = std::make_shared<Event>();
-    for (const TextRow& row : kTextRows) {
-        event.get()->*row.event = context.*row.context;
+    for (const Field& field : kFields) {
+        if (field.context != nullptr) {
+            event.get()->*field.event = context.*field.context;
+        }
     }
     event->value = TextFormat::decimal(context.value);
     event->statusCode = statusCode;
@@ -208,9 +196,9 @@ std::string EventTable::body(const EventTexts& texts, const Text& key, const Dev
     body.reserve(256);
     std::string made;
     const BodyInput input{texts, key, device};
-    for (const BodyRow& row : kBodyRows) {
-        if (const std::optional<std::string_view> value = row.value(input, made)) {
-            append(body, row.key, *value);
+    for (const Field& field : kFields) {
+        if (const std::optional<std::string_view> value = field.value(field, input, made)) {
+            append(body, field.key, *value);
         }
     }
     return body;

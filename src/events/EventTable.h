@@ -27,9 +27,10 @@ struct DeviceFacts {
     Text userId = std::nullopt;
 };
 
-// An event's fields in one place: the table of its members, each with its place in the answer
-// context, and the table of the form body's pairs. A new field is a member of Event and a row
-// here. Event's own calls are defined beside them, since they name each member too.
+// An event's fields in one place: one table of the form body's pairs, each pair that carries
+// the host's text with its Event member and its slot in the answer context. A new field is a
+// member of Event (and of EventResponseContext) and a row of that table. Event's own calls are
+// defined beside it, since they name each member too.
 class EventTable {
 public:
     static EventTexts texts(const Event& event);
