@@ -50,10 +50,12 @@ private:
     bool moveAside();
     bool prepareFile() const;
     void close();
+    void abandonConnection();
 
     std::filesystem::path path_;
     // Recursive, so that the calls of a write transaction's body run under the lock it holds.
-    std::recursive_mutex mutex_;
+    // Owned, and replaced (never freed) in a forked child, where it may be held for good.
+    std::recursive_mutex* mutex_;
     sqlite3* database_ = nullptr;
     Statement select_;
     Statement insert_;

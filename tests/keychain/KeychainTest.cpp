@@ -364,5 +364,78 @@ TEST(SystemFileKeychainTest, AnotherProcesssSaveReplacesTheCachedUserIdWithinASe
     EXPECT_EQ(cache.item("user_id", "NorvAnalyticDeviceUUID").value, "there");
 }
 
+// Two processes of four threads and four threads here ask a fresh store for the device UUID at
+// one instant: every answer, in every process, is the one the store holds afterwards.
+TEST(SystemFileKeychainTest, ConcurrentFirstStartsInThreadsAndProcessesEndWithTheStoredUUID) {
+    for (int trial = 0; trial < 50; ++trial) {
+        const ScratchDirectory scratch;
+        scratch.keychain();
+        const auto start = std::chrono::steady_clock::now() + std::chrono::milliseconds(150);
+        const std::string startText =
+            std::to_string(std::chrono::nanoseconds(start.time_since_epoch()).count());
+        std::vector<std::string> answers(4);
+        {
+            std::vector<std::jthread> callers;
+            for (int child = 0; child < 2; ++child) {
+                callers.emplace_back([&] {
+                    EXPECT_EQ(Testing::runChildProcess({Testing::siblingExecutable("keychain_writer"),
+                                                        scratch.path, "uuid", startText},
+                                                       {}),
+                              0);
+                });
+            }
+            for (auto& answer : answers) {
+                callers.emplace_back([&answer, start] {
+                    std::this_thread::sleep_until(start);
+                    answer = NorvAnalytics::getNorvAnalyticUUID();
+                });
+            }
+        }
+        for (const auto& entry : fs::directory_iterator(scratch.path)) {
+            if (entry.path().filename().string().starts_with("uuids-")) {
+                std::ifstream in(entry.path());
+                for (std::string line; std::getline(in, line);) {
+                    answers.push_back(line);
+                }
+            }
+        }
+        const Text stored = Keychain::itemForKey("device_uuid", "NorvAnalyticDeviceUUID", nullptr);
+        ASSERT_EQ(answers.size(), 12U) << "trial " << trial;
+        ASSERT_TRUE(stored.has_value()) << "trial " << trial;
+        ASSERT_THAT(answers, ::testing::Each(*stored)) << "trial " << trial;
+        EXPECT_EQ(NorvAnalytics::getNorvAnalyticUUID(), *stored) << "trial " << trial;
+    }
+}
+
+// Another process holds the store's write lock, its own UUID written but not committed:
+// initWithKey goes on within a moment with a UUID in memory, and once the lock is let go this
+// process holds the UUID that was stored first, as the store does.
+TEST(SystemFileKeychainTest, AHeldStoreDelaysNoCallAndTheUUIDStoredFirstIsAdopted) {
+    const ScratchDirectory scratch;
+    scratch.keychain();
+    const std::string theirs = "0E99A1B2-C3D4-4E5F-8A6B-7C8D9E0F1A2B";
+    std::jthread holder([&] {
+        EXPECT_EQ(Testing::runChildProcess({Testing::siblingExecutable("keychain_writer"),
+                                            scratch.path, "hold", "700", theirs},
+                                           {}),
+                  0);
+    });
+    while (!fs::exists(scratch.path + "/held")) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    const auto start = std::chrono::steady_clock::now();
+    NorvAnalytics::initWithKey(std::string("key"));
+    const std::string meanwhile = NorvAnalytics::getNorvAnalyticUUID();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(400));
+    EXPECT_NE(meanwhile, theirs);
+    holder.join();
+    while (NorvAnalytics::getNorvAnalyticUUID() != theirs &&
+           std::chrono::steady_clock::now() - start < std::chrono::seconds(5)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_EQ(NorvAnalytics::getNorvAnalyticUUID(), theirs);
+    EXPECT_EQ(Keychain::itemForKey("device_uuid", "NorvAnalyticDeviceUUID", nullptr), theirs);
+}
+
 }  // namespace
 }  // namespace NorvAnalytic
