@@ -81,17 +81,6 @@ std::filesystem::path dataHome() {
     return homeDirectory() / ".local" / "share";
 }
 
-bool makeDirectories(const std::filesystem::path& directory) {
-    std::filesystem::path partial;
-    for (const auto& component : directory) {
-        partial /= component;
-        if (::mkdir(partial.c_str(), kDirectoryMode) != 0 && errno != EEXIST) {
-            return false;
-        }
-    }
-    return true;
-}
-
 // Widens nothing: only group and other bits are taken away from an existing path.
 bool tighten(int descriptor, mode_t wanted) {
     struct stat status {};
@@ -257,13 +246,24 @@ void FileKeychainBackend::abandonConnection() {
     database_ = nullptr;
 }
 
+bool FileKeychainBackend::makePrivateDirectories(const std::filesystem::path& directory) {
+    std::filesystem::path partial;
+    for (const auto& component : directory) {
+        partial /= component;
+        if (::mkdir(partial.c_str(), kDirectoryMode) != 0 && errno != EEXIST) {
+            return false;
+        }
+    }
+    return true;
+}
+
 std::filesystem::path FileKeychainBackend::defaultPath() {
     return dataHome() / "NorvAnalytic" / "keychain.sqlite";
 }
 
 bool FileKeychainBackend::prepareFile() const {
     const std::filesystem::path directory = path_.parent_path();
-    if (!directory.empty() && (!makeDirectories(directory) ||
+    if (!directory.empty() && (!makePrivateDirectories(directory) ||
                                !tightenPath(directory, O_RDONLY | O_DIRECTORY, kDirectoryMode))) {
         return false;
     }

@@ -25,6 +25,8 @@ public:
 
     // $XDG_DATA_HOME/NorvAnalytic/keychain.sqlite, or ~/.local/share/... without it.
     static std::filesystem::path defaultPath();
+    // Makes the missing directories of a path, each readable by its owner only.
+    static bool makePrivateDirectories(const std::filesystem::path& directory);
 
     OSStatus copyMatching(const KeychainQuery& query, KeychainItemAttributes* result) override;
     OSStatus add(const KeychainQuery& attributes) override;
