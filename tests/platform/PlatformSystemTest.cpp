@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <future>
 #include <thread>
 #include <vector>
@@ -227,6 +228,24 @@ bool noChildrenWithin(std::chrono::milliseconds limit) {
     return true;
 }
 
+// Each thread of this process by name, with its mask of blocked signals (bit n-1: signal n).
+std::multimap<std::string, unsigned long long> threadNamesAndBlockedSignals() {
+    std::multimap<std::string, unsigned long long> threads;
+    for (const auto& task : fs::directory_iterator("/proc/self/task")) {
+        std::string name;
+        std::getline(std::ifstream(task.path() / "comm"), name);
+        std::ifstream status(task.path() / "status");
+        unsigned long long blocked = 0;
+        for (std::string line; std::getline(status, line);) {
+            if (line.starts_with("SigBlk:")) {
+                blocked = std::stoull(line.substr(7), nullptr, 16);
+            }
+        }
+        threads.emplace(name, blocked);
+    }
+    return threads;
+}
+
 TEST(HeadlessApplicationTest, AsksTheDesktopAndOpensWithoutAShellLeavingNoProcessBehind) {
     const fs::path directory = makeDirectory();
     auto script = [&](const std::string& name, const std::string& body) {
@@ -273,6 +292,18 @@ TEST(HeadlessApplicationTest, AsksTheDesktopAndOpensWithoutAShellLeavingNoProces
     EXPECT_TRUE(fs::exists(directory / "opened"));
     EXPECT_FALSE(fs::exists(directory / "a") || fs::exists(directory / "b"));
     EXPECT_FALSE(HeadlessApplication(mime, directory / "none").openURL(store));
+
+    // An opener that lingers is waited for by a thread of ours, named and with the host's
+    // signals blocked, that ends once the opener is reaped.
+    const auto lingering = script("lingering", "exec sleep 0.5\n");
+    ASSERT_TRUE(HeadlessApplication(mime, lingering).openURL(store));
+    std::this_thread::sleep_for(100ms);
+    const auto threads = threadNamesAndBlockedSignals();
+    ASSERT_EQ(threads.count("norv-reaper"), 1U);
+    EXPECT_EQ(threads.find("norv-reaper")->second & (1ULL << (SIGTERM - 1)), 1ULL << (SIGTERM - 1));
+    ASSERT_TRUE(noChildrenWithin(10s));
+    std::this_thread::sleep_for(300ms);
+    EXPECT_EQ(threadNamesAndBlockedSignals().count("norv-reaper"), 0U);
     fs::remove_all(directory);
 }
 
