@@ -211,15 +211,30 @@ FileKeychainBackend::FileKeychainBackend(std::filesystem::path path)
     : path_(std::move(path)), mutex_(new std::recursive_mutex()) {
     static std::once_flag registered;
     std::call_once(registered, [] {
-        pthread_atfork([] { liveBackends().mutex.lock(); },
-                       [] { liveBackends().mutex.unlock(); },
-                       [] {
-                           auto& live = liveBackends();
-                           for (FileKeychainBackend* backend : live.backends) {
-                               backend->abandonConnection();
-                           }
-                           live.mutex.unlock();
-                       });
+        // No thread of ours is inside SQLite at the fork: one that held a lock of SQLite's
+        // own there would leave it held for good in the child.
+        pthread_atfork(
+            [] {
+                auto& live = liveBackends();
+                live.mutex.lock();
+                for (FileKeychainBackend* backend : live.backends) {
+                    backend->mutex_->lock();
+                }
+            },
+            [] {
+                auto& live = liveBackends();
+                for (FileKeychainBackend* backend : live.backends) {
+                    backend->mutex_->unlock();
+                }
+                live.mutex.unlock();
+            },
+            [] {
+                auto& live = liveBackends();
+                for (FileKeychainBackend* backend : live.backends) {
+                    backend->abandonConnection();
+                }
+                live.mutex.unlock();
+            });
     });
     const std::lock_guard lock(liveBackends().mutex);
     liveBackends().backends.insert(this);

@@ -129,6 +129,8 @@ KeychainItemCache::Item KeychainItemCache::item(const std::string& key,
         if (!interval_) {
             writesBefore = writes_;
         } else {
+            // Also where a forked child's first call starts the thread again.
+            ensureThread();
             const auto found = entries_.find({key, service});
             if (found != entries_.end() && found->second.known) {
                 return found->second.item;
@@ -150,7 +152,6 @@ KeychainItemCache::Item KeychainItemCache::item(const std::string& key,
         found->second.item = stored;
         found->second.known = true;
     }
-    ensureThread();
     return stored;
 }
 
@@ -162,8 +163,8 @@ KeychainItemCache::Item KeychainItemCache::insertIfAbsent(const std::string& key
     std::unique_lock lock(mutex_);
     useBackend(backend);
     const Key itemKey{key, service};
-    if (const auto found = entries_.find(itemKey);
-        found != entries_.end() && found->second.known && found->second.item.state == State::Stored) {
+    if (const auto found = entries_.find(itemKey); found != entries_.end() && found->second.known &&
+                                                   found->second.item.state == State::Stored) {
         return found->second.item;
     }
     auto& insert = pending_[itemKey];

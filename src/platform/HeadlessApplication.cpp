@@ -1,19 +1,20 @@
 #include "platform/HeadlessApplication.h"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <condition_variable>
 #include <csignal>
 #include <cstdlib>
-#include <fcntl.h>
 #include <mutex>
 #include <optional>
-#include <poll.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
 #include "platform/SdkThread.h"

@@ -145,8 +145,9 @@ float LinuxDevice::batteryLevel() {
 void LinuxDevice::refreshBatteryLevel() {
     std::unique_lock lock(batteryMutex_);
     while (!stopping_) {
-        if (!batteryWanted_ &&
-            !batteryChanged_.wait_for(lock, kIdleEnd, [this] { return batteryWanted_ || stopping_; })) {
+        if (!batteryWanted_ && !batteryChanged_.wait_for(lock, kIdleEnd, [this] {
+                return batteryWanted_ || stopping_;
+            })) {
             break;
         }
         if (stopping_) {
@@ -170,7 +171,8 @@ float LinuxDevice::readBatteryLevel() {
     }
     const std::string capacity = readFirstLine(*capacityFile);
     int percent = -1;
-    const auto result = std::from_chars(capacity.data(), capacity.data() + capacity.size(), percent);
+    const auto result =
+        std::from_chars(capacity.data(), capacity.data() + capacity.size(), percent);
     if (result.ec == std::errc() && percent >= 0 && percent <= 100) {
         return static_cast<float>(percent) / 100.0F;
     }

@@ -378,10 +378,11 @@ TEST(SystemFileKeychainTest, ConcurrentFirstStartsInThreadsAndProcessesEndWithTh
             std::vector<std::jthread> callers;
             for (int child = 0; child < 2; ++child) {
                 callers.emplace_back([&] {
-                    EXPECT_EQ(Testing::runChildProcess({Testing::siblingExecutable("keychain_writer"),
-                                                        scratch.path, "uuid", startText},
-                                                       {}),
-                              0);
+                    EXPECT_EQ(
+                        Testing::runChildProcess({Testing::siblingExecutable("keychain_writer"),
+                                                  scratch.path, "uuid", startText},
+                                                 {}),
+                        0);
                 });
             }
             for (auto& answer : answers) {
@@ -435,6 +436,63 @@ TEST(SystemFileKeychainTest, AHeldStoreDelaysNoCallAndTheUUIDStoredFirstIsAdopte
     }
     EXPECT_EQ(NorvAnalytics::getNorvAnalyticUUID(), theirs);
     EXPECT_EQ(Keychain::itemForKey("device_uuid", "NorvAnalyticDeviceUUID", nullptr), theirs);
+}
+
+// fork() while another thread writes: the child never touches the connection or locks it
+// inherited (a thread of the parent's may have held them), keeps the identity, and its cache
+// follows the store again, as its thread starts anew.
+TEST(SystemFileKeychainTest, AForkedChildWritesThroughItsOwnConnectionAndFollowsTheStore) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "ThreadSanitizer ends a child forked from a threaded process";
+#endif
+    const ScratchDirectory scratch;
+    scratch.keychain();
+    const std::string uuid = NorvAnalytics::getNorvAnalyticUUID();
+    NorvAnalytics::saveStoreUserID(std::string("parent"));
+    const auto waitForChild = [](pid_t child) {
+        int status = 0;
+        const auto start = std::chrono::steady_clock::now();
+        while (::waitpid(child, &status, WNOHANG) == 0) {
+            if (std::chrono::steady_clock::now() - start > std::chrono::seconds(5)) {
+                ::kill(child, SIGKILL);
+                ::waitpid(child, &status, 0);
+                return -1;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    };
+    std::atomic<bool> churning = true;
+    std::jthread writer([&] {
+        for (int round = 0; churning; ++round) {
+            Keychain::saveItem(std::string(1024, static_cast<char>('a' + round % 26)), "churn",
+                               "fork", nullptr);
+        }
+    });
+    for (int fork = 0; fork < 20; ++fork) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            const bool works = Keychain::saveItem("child", "mine", "fork", nullptr) &&
+                               NorvAnalytics::getNorvAnalyticUUID() == uuid;
+            ::_exit(works ? 0 : 1);
+        }
+        EXPECT_EQ(waitForChild(child), 0) << "fork " << fork;
+    }
+    churning = false;
+    writer.join();
+
+    const pid_t child = ::fork();
+    if (child == 0) {
+        auto& cache = KeychainItemCache::shared();
+        const auto start = std::chrono::steady_clock::now();
+        while (cache.item("user_id", "NorvAnalyticDeviceUUID").value != "later" &&
+               std::chrono::steady_clock::now() - start < std::chrono::seconds(3)) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        ::_exit(cache.item("user_id", "NorvAnalyticDeviceUUID").value == "later" ? 0 : 1);
+    }
+    NorvAnalytics::saveStoreUserID(std::string("later"));
+    EXPECT_EQ(waitForChild(child), 0);
 }
 
 }  // namespace

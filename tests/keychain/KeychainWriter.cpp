@@ -13,8 +13,8 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -60,7 +60,9 @@ int main(int, char** argv) {
             std::ofstream(directory + "/held") << "held";
             std::this_thread::sleep_for(std::chrono::milliseconds(std::atoi(argv[3])));
             return added;
-        }) == errSecSuccess ? 0 : 1;
+        }) == errSecSuccess
+                   ? 0
+                   : 1;
     }
     if (mode == "save") {
         NorvAnalytics::saveStoreUserID(std::string(argv[3]));

@@ -13,8 +13,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <future>
+#include <map>
 #include <thread>
 #include <vector>
 

@@ -2,8 +2,8 @@
 #include <NorvAnalytic/MainQueue.h>
 #include <NorvAnalytic/URL.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <pthread.h>
+#include <sys/stat.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 

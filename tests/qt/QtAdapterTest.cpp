@@ -1,8 +1,8 @@
 #include <NorvAnalytic/Bundle.h>
+#include <NorvAnalytic/MainQueue.h>
 #include <NorvAnalytic/NorvAnalytics.h>
 #include <NorvAnalytic/Platform.h>
 #include <NorvAnalytic/QtAdapter.h>
-#include <NorvAnalytic/MainQueue.h>
 #include <NorvAnalytic/URL.h>
 #include <gtest/gtest.h>
 
