@@ -3,6 +3,7 @@
 #include <NorvAnalytic/Platform.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <libsecret/secret.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -10,6 +11,7 @@
 
 #include <atomic>
 #include <fstream>
+#include <functional>
 #include <stdexcept>
 #include <thread>
 
@@ -365,11 +367,15 @@ TEST(SystemFileKeychainTest, AnotherProcesssSaveReplacesTheCachedUserIdWithinASe
 }
 
 // Two processes of four threads and four threads here ask a fresh store for the device UUID at
-// one instant: every answer, in every process, is the one the store holds afterwards.
-TEST(SystemFileKeychainTest, ConcurrentFirstStartsInThreadsAndProcessesEndWithTheStoredUUID) {
-    for (int trial = 0; trial < 50; ++trial) {
+// one instant, trials times: every answer, in every process, is the one the store holds after.
+// freshStore installs the store and gives the writer's extra arguments; storedItems counts the
+// UUID items the store holds.
+void expectOneUUIDFromConcurrentFirstStarts(
+    int trials, const std::function<std::vector<std::string>(const ScratchDirectory&)>& freshStore,
+    const std::function<int()>& storedItems) {
+    for (int trial = 0; trial < trials; ++trial) {
         const ScratchDirectory scratch;
-        scratch.keychain();
+        const std::vector<std::string> writerArguments = freshStore(scratch);
         const auto start = std::chrono::steady_clock::now() + std::chrono::milliseconds(150);
         const std::string startText =
             std::to_string(std::chrono::nanoseconds(start.time_since_epoch()).count());
@@ -378,11 +384,10 @@ TEST(SystemFileKeychainTest, ConcurrentFirstStartsInThreadsAndProcessesEndWithTh
             std::vector<std::jthread> callers;
             for (int child = 0; child < 2; ++child) {
                 callers.emplace_back([&] {
-                    EXPECT_EQ(
-                        Testing::runChildProcess({Testing::siblingExecutable("keychain_writer"),
-                                                  scratch.path, "uuid", startText},
-                                                 {}),
-                        0);
+                    std::vector<std::string> argv{Testing::siblingExecutable("keychain_writer"),
+                                                  scratch.path, "uuid", startText};
+                    argv.insert(argv.end(), writerArguments.begin(), writerArguments.end());
+                    EXPECT_EQ(Testing::runChildProcess(argv, {}), 0);
                 });
             }
             for (auto& answer : answers) {
@@ -405,7 +410,46 @@ TEST(SystemFileKeychainTest, ConcurrentFirstStartsInThreadsAndProcessesEndWithTh
         ASSERT_TRUE(stored.has_value()) << "trial " << trial;
         ASSERT_THAT(answers, ::testing::Each(*stored)) << "trial " << trial;
         EXPECT_EQ(NorvAnalytics::getNorvAnalyticUUID(), *stored) << "trial " << trial;
+        ASSERT_EQ(storedItems(), 1) << "trial " << trial;
     }
+}
+
+TEST(SystemFileKeychainTest, ConcurrentFirstStartsInThreadsAndProcessesEndWithTheStoredUUID) {
+    expectOneUUIDFromConcurrentFirstStarts(
+        50,
+        [](const ScratchDirectory& scratch) {
+            scratch.keychain();
+            return std::vector<std::string>{};
+        },
+        [] { return 1; });  // the file's primary key allows no second
+}
+
+TEST(SystemKeychainTest, ConcurrentFirstStartsOnTheSecretServiceEndWithTheStoredUUID) {
+    if (!secretService()) {
+        GTEST_SKIP() << "no Secret Service";
+    }
+    static int run = 0;
+    std::string schema;
+    expectOneUUIDFromConcurrentFirstStarts(
+        20,
+        [&](const ScratchDirectory&) {
+            schema =
+                "com.norvanalytic.race" + std::to_string(::getpid()) + "." + std::to_string(++run);
+            Platform::setKeychainBackend(
+                std::make_shared<SecretServiceKeychainBackend>(schema, "session"));
+            return std::vector<std::string>{schema};
+        },
+        [&] {
+            SecretSchema* search = secret_schema_new(schema.c_str(), SECRET_SCHEMA_NONE, "account",
+                                                     SECRET_SCHEMA_ATTRIBUTE_STRING, nullptr);
+            GList* items = secret_password_search_sync(search, SECRET_SEARCH_ALL, nullptr, nullptr,
+                                                       "account", "device_uuid", nullptr);
+            const int count = static_cast<int>(g_list_length(items));
+            g_list_free_full(items, g_object_unref);
+            secret_schema_unref(search);
+            return count;
+        });
+    Platform::setKeychainBackend(nullptr);
 }
 
 // Another process holds the store's write lock, its own UUID written but not committed:

@@ -2,8 +2,9 @@
 //   keychain_writer <directory> churn <saves>: saves a large item and saves and deletes a
 //     shared one over and over; killed in the middle of its save number <saves>.
 //   keychain_writer <directory> save <value>: saves <value> as the store user id.
-//   keychain_writer <directory> uuid <steady-clock nanoseconds>: four threads ask for the device
-//     UUID at that instant; writes their answers, a line each, to <directory>/uuids-<pid>.
+//   keychain_writer <directory> uuid <steady-clock nanoseconds> [schema]: four threads ask for
+//     the device UUID at that instant; writes their answers, a line each, to
+//     <directory>/uuids-<pid>. With a schema, on the Secret Service's session collection.
 //   keychain_writer <directory> hold <milliseconds> <uuid>: stores <uuid> as the device UUID in
 //     a write transaction that it holds open that long, after creating <directory>/held.
 #include <NorvAnalytic/Keychain.h>
@@ -21,6 +22,7 @@
 #include <vector>
 
 #include "keychain/KeychainArchive.h"
+#include "keychain/SecretServiceKeychainBackend.h"
 
 using namespace NorvAnalytic;
 
@@ -29,6 +31,10 @@ int main(int, char** argv) {
     const std::string mode = argv[2];
     Platform::setKeychainBackend(KeychainBackend::makeFileBackend(directory + "/keychain.sqlite"));
     if (mode == "uuid") {
+        if (argv[4] != nullptr) {
+            Platform::setKeychainBackend(
+                std::make_shared<SecretServiceKeychainBackend>(argv[4], "session"));
+        }
         Platform::setDiagnosticsSink([](DiagnosticLevel, const std::string& message) {
             std::fprintf(stderr, "%s\n", message.c_str());
         });
