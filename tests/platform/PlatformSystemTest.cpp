@@ -14,12 +14,12 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
-#include <map>
 #include <thread>
 #include <vector>
 
 #include "platform/HeadlessApplication.h"
 #include "support/LocalHttpServer.h"
+#include "support/ThreadList.h"
 
 // The platform's parts that meet real system pieces: sockets and TLS, and the desktop's programs.
 namespace NorvAnalytic {
@@ -228,24 +228,6 @@ bool noChildrenWithin(std::chrono::milliseconds limit) {
     return true;
 }
 
-// Each thread of this process by name, with its mask of blocked signals (bit n-1: signal n).
-std::multimap<std::string, unsigned long long> threadNamesAndBlockedSignals() {
-    std::multimap<std::string, unsigned long long> threads;
-    for (const auto& task : fs::directory_iterator("/proc/self/task")) {
-        std::string name;
-        std::getline(std::ifstream(task.path() / "comm"), name);
-        std::ifstream status(task.path() / "status");
-        unsigned long long blocked = 0;
-        for (std::string line; std::getline(status, line);) {
-            if (line.starts_with("SigBlk:")) {
-                blocked = std::stoull(line.substr(7), nullptr, 16);
-            }
-        }
-        threads.emplace(name, blocked);
-    }
-    return threads;
-}
-
 TEST(HeadlessApplicationTest, AsksTheDesktopAndOpensWithoutAShellLeavingNoProcessBehind) {
     const fs::path directory = makeDirectory();
     auto script = [&](const std::string& name, const std::string& body) {
@@ -298,12 +280,10 @@ TEST(HeadlessApplicationTest, AsksTheDesktopAndOpensWithoutAShellLeavingNoProces
     const auto lingering = script("lingering", "exec sleep 0.5\n");
     ASSERT_TRUE(HeadlessApplication(mime, lingering).openURL(store));
     std::this_thread::sleep_for(100ms);
-    const auto threads = threadNamesAndBlockedSignals();
-    ASSERT_EQ(threads.count("norv-reaper"), 1U);
-    EXPECT_EQ(threads.find("norv-reaper")->second & (1ULL << (SIGTERM - 1)), 1ULL << (SIGTERM - 1));
+    EXPECT_TRUE(Testing::runsWithSignalBlocked("norv-reaper", SIGTERM));
     ASSERT_TRUE(noChildrenWithin(10s));
     std::this_thread::sleep_for(300ms);
-    EXPECT_EQ(threadNamesAndBlockedSignals().count("norv-reaper"), 0U);
+    EXPECT_EQ(Testing::threadsByName().count("norv-reaper"), 0U);
     fs::remove_all(directory);
 }
 
