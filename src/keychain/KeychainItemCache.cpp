@@ -266,17 +266,21 @@ KeychainItemCache::Item KeychainItemCache::storeIfAbsent(KeychainBackend& backen
         forget(backend, key, service);
         return {State::Failed, std::nullopt};
     }
-    wrote(backend, key, service, winner.value);
+    // Kept, so that a caller whose read missed this write adopts it instead of racing again.
+    wrote(backend, key, service, winner.value, true);
     return winner;
 }
 
 void KeychainItemCache::wrote(const KeychainBackend& backend, const std::string& key,
-                              const std::string& service, const Text& stored) {
+                              const std::string& service, const Text& stored, bool keep) {
     const std::lock_guard lock(mutex_);
     if (backend_.lock().get() != &backend || !interval_) {
         return;
     }
     ++writes_;
+    if (keep) {
+        entries_.try_emplace({key, service});
+    }
     if (const auto found = entries_.find({key, service}); found != entries_.end()) {
         found->second.item = stored ? Item{State::Stored, stored} : Item{State::Missing, {}};
         found->second.known = true;

@@ -45,9 +45,10 @@ public:
     // Held across every write through Keychain, so that this cache learns of writes in the
     // order they commit.
     std::mutex& writeLock() { return *writeLock_; }
-    // After a write through Keychain on backend: what the item (no access group) now is.
+    // After a write through Keychain on backend: what the item (no access group) now is. With
+    // keep, an item not cached yet is cached from here on.
     void wrote(const KeychainBackend& backend, const std::string& key, const std::string& service,
-               const Text& stored);
+               const Text& stored, bool keep = false);
     // After a write whose outcome for the item is unknown: the next read goes to the store.
     void forget(const KeychainBackend& backend, const std::string& key, const std::string& service);
 

@@ -4,7 +4,9 @@
 //   keychain_writer <directory> save <value>: saves <value> as the store user id.
 //   keychain_writer <directory> uuid <steady-clock nanoseconds> [schema]: four threads ask for
 //     the device UUID at that instant; writes their answers, a line each, to
-//     <directory>/uuids-<pid>. With a schema, on the Secret Service's session collection.
+//     <directory>/uuids-<pid>, and the UUID the process holds once the store agrees (at most
+//     5 s later) to <directory>/held-<pid>. With a schema, on the Secret Service's session
+//     collection.
 //   keychain_writer <directory> hold <milliseconds> <uuid>: stores <uuid> as the device UUID in
 //     a write transaction that it holds open that long, after creating <directory>/held.
 #include <NorvAnalytic/Keychain.h>
@@ -25,6 +27,17 @@
 #include "keychain/SecretServiceKeychainBackend.h"
 
 using namespace NorvAnalytic;
+
+// The UUID this process holds once the store holds the same, or after 5 s what it holds then.
+std::string heldUUID() {
+    const auto start = std::chrono::steady_clock::now();
+    while (NorvAnalytics::getNorvAnalyticUUID() !=
+               Keychain::itemForKey("device_uuid", "NorvAnalyticDeviceUUID", nullptr) &&
+           std::chrono::steady_clock::now() - start < std::chrono::seconds(5)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return NorvAnalytics::getNorvAnalyticUUID();
+}
 
 int main(int, char** argv) {
     const std::string directory = argv[1];
@@ -54,6 +67,7 @@ int main(int, char** argv) {
         for (const auto& answer : answers) {
             out << answer << '\n';
         }
+        std::ofstream(directory + "/held-" + std::to_string(::getpid())) << heldUUID();
         return out ? 0 : 1;
     }
     if (mode == "hold") {
