@@ -13,7 +13,8 @@ namespace NorvAnalytic {
 
 // The default keychain on Linux: one SQLite file readable by its owner only, one row per
 // generic-password item (account, service, access group). Several threads and several
-// processes may share one file; a process that dies mid-write leaves the file intact.
+// processes may share one file; a process that dies mid-write leaves the file intact. A forked
+// child leaves the connection it inherited to the parent and opens its own.
 class FileKeychainBackend final : public KeychainBackend {
 public:
     // The file is opened on first use, so an unreachable path fails each call with
