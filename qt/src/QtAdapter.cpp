@@ -1,10 +1,12 @@
 #include <NorvAnalytic/MainQueue.h>
 #include <NorvAnalytic/Platform.h>
 #include <NorvAnalytic/QtAdapter.h>
+#include <NorvAnalytic/URL.h>
 
 #include <QApplication>
 #include <QPointer>
 #include <QThread>
+#include <deque>
 #include <mutex>
 #include <thread>
 
@@ -14,18 +16,31 @@ namespace NorvAnalytic {
 
 namespace {
 
-// Where the main queue's tasks are posted: an object of our own on the GUI thread, never
-// destroyed, so that a task posted while the application goes away has a receiver. Once the
-// application is gone, tasks run on the SDK's thread that hands them over, as without a host.
+// Where the main queue's tasks wait for the GUI thread: in our own list, drained by one event
+// posted to an object of ours that is never destroyed. Qt drops the events still posted when
+// the application goes away; the tasks in the list are then handed to the SDK's own thread.
 struct EventLoop {
     std::mutex mutex;
     QObject* receiver = nullptr;
     QPointer<QCoreApplication> application;
+    std::deque<MainQueue::Task> tasks;
 };
 
 EventLoop& eventLoop() {
     static auto* loop = new EventLoop;
     return *loop;
+}
+
+void runWaitingTasks() {
+    auto& loop = eventLoop();
+    std::unique_lock lock(loop.mutex);
+    while (!loop.tasks.empty()) {
+        MainQueue::Task task = std::move(loop.tasks.front());
+        loop.tasks.pop_front();
+        lock.unlock();
+        task();
+        lock.lock();
+    }
 }
 
 void post(MainQueue::Task task) {
@@ -36,7 +51,11 @@ void post(MainQueue::Task task) {
         task();
         return;
     }
-    QMetaObject::invokeMethod(loop.receiver, std::move(task), Qt::QueuedConnection);
+    loop.tasks.push_back(std::move(task));
+    // One drain is on its way while the list is not empty.
+    if (loop.tasks.size() == 1) {
+        QMetaObject::invokeMethod(loop.receiver, runWaitingTasks, Qt::QueuedConnection);
+    }
 }
 
 }  // namespace
@@ -65,15 +84,25 @@ bool QtAdapter::install() {
     QObject::connect(
         application, &QObject::destroyed, loop.receiver,
         [] {
+            std::deque<MainQueue::Task> waiting;
             {
                 std::lock_guard lock(eventLoop().mutex);
                 eventLoop().application = nullptr;
+                waiting.swap(eventLoop().tasks);
             }
             MainQueue::main().setExecutor(nullptr);
             Platform::setApplication(nullptr);
+            for (auto& task : waiting) {
+                MainQueue::main().async(std::move(task));
+            }
         },
         Qt::DirectConnection);
-    Platform::setApplication(std::make_shared<QtApplication>(Platform::application()));
+    auto qtApplication = std::make_shared<QtApplication>(Platform::application());
+    // The store app's link, which the update alert asks about: answered before it is needed.
+    if (const auto storeApp = URL::URLWithString("lindenStoreQRWPT://")) {
+        qtApplication->prefetch(*storeApp);
+    }
+    Platform::setApplication(qtApplication);
     MainQueue::main().setExecutor(post, std::this_thread::get_id());
     return true;
 }

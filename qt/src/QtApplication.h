@@ -1,8 +1,16 @@
 #pragma once
 
 #include <NorvAnalytic/Application.h>
+#include <NorvAnalytic/URL.h>
 
+#include <condition_variable>
+#include <deque>
+#include <map>
 #include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
 
 namespace NorvAnalytic {
 
@@ -11,15 +19,30 @@ namespace NorvAnalytic {
 class QtApplication final : public Application {
 public:
     // Asks `desktop` (the SDK's default application) which schemes have a handler.
-    explicit QtApplication(std::shared_ptr<Application> desktop) : desktop_(std::move(desktop)) {}
+    explicit QtApplication(std::shared_ptr<Application> desktop);
+    ~QtApplication() override;
+    QtApplication(const QtApplication&) = delete;
+    QtApplication& operator=(const QtApplication&) = delete;
 
     std::shared_ptr<Window> keyWindow() const override;
+    // From what the desktop answered before: asking it takes up to seconds, which the GUI
+    // thread never waits for. A scheme not asked yet answers false and is asked on our thread.
     bool canOpenURL(const URL& url) override;
     // Opens the manifest's address behind an "itms-services" link, any other URL as it is.
     bool openURL(const URL& url) override;
+    // Asks the desktop about url's scheme ahead of the first canOpenURL.
+    void prefetch(const URL& url);
 
 private:
+    void askQueued();
+
     std::shared_ptr<Application> desktop_;
+    std::mutex mutex_;
+    // By scheme; nullopt while the question is on its way.
+    std::map<std::string, std::optional<bool>> answers_;
+    std::deque<URL> questions_;
+    std::thread thread_;
+    bool asking_ = false;
 };
 
 }  // namespace NorvAnalytic

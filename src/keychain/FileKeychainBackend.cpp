@@ -1,6 +1,7 @@
 #include "keychain/FileKeychainBackend.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <pwd.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
@@ -12,6 +13,7 @@
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
+#include <set>
 #include <string_view>
 #include <thread>
 #include <vector>
@@ -79,17 +81,6 @@ std::filesystem::path dataHome() {
     return homeDirectory() / ".local" / "share";
 }
 
-bool makeDirectories(const std::filesystem::path& directory) {
-    std::filesystem::path partial;
-    for (const auto& component : directory) {
-        partial /= component;
-        if (::mkdir(partial.c_str(), kDirectoryMode) != 0 && errno != EEXIST) {
-            return false;
-        }
-    }
-    return true;
-}
-
 // Widens nothing: only group and other bits are taken away from an existing path.
 bool tighten(int descriptor, mode_t wanted) {
     struct stat status {};
@@ -125,6 +116,31 @@ int waitForOtherWriter(void*, int attempt) {
     }
     std::this_thread::sleep_for(std::chrono::microseconds(20 << std::min(attempt, 6)));
     return 1;
+}
+
+// Sets a fresh file up. Two processes opening one at the same instant can meet in SQLite's
+// lock escalation, where it answers SQLITE_BUSY at once without asking the busy handler: such a
+// statement is tried again, as patiently as any other wait for a writer.
+bool runSetup(sqlite3* database, const char* sql) {
+    const auto start = std::chrono::steady_clock::now();
+    for (int attempt = 0;; ++attempt) {
+        const int status = sqlite3_exec(database, sql, nullptr, nullptr, nullptr);
+        if (status != SQLITE_BUSY || std::chrono::steady_clock::now() - start > kBusyTimeout) {
+            return status == SQLITE_OK;
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(20 << std::min(attempt, 9)));
+    }
+}
+
+// The live backends, so that a forked child can abandon the connections it inherited.
+struct LiveBackends {
+    std::mutex mutex;
+    std::set<FileKeychainBackend*> backends;
+};
+
+LiveBackends& liveBackends() {
+    static auto* live = new LiveBackends();
+    return *live;
 }
 
 int accessibleCode(KeychainItemAccessible accessible) {
@@ -191,9 +207,70 @@ void FileKeychainBackend::StatementFinalizer::operator()(sqlite3_stmt* statement
     sqlite3_finalize(statement);
 }
 
-FileKeychainBackend::FileKeychainBackend(std::filesystem::path path) : path_(std::move(path)) {}
+FileKeychainBackend::FileKeychainBackend(std::filesystem::path path)
+    : path_(std::move(path)), mutex_(new std::recursive_mutex()) {
+    static std::once_flag registered;
+    std::call_once(registered, [] {
+        // No thread of ours is inside SQLite at the fork: one that held a lock of SQLite's
+        // own there would leave it held for good in the child.
+        pthread_atfork(
+            [] {
+                auto& live = liveBackends();
+                live.mutex.lock();
+                for (FileKeychainBackend* backend : live.backends) {
+                    backend->mutex_->lock();
+                }
+            },
+            [] {
+                auto& live = liveBackends();
+                for (FileKeychainBackend* backend : live.backends) {
+                    backend->mutex_->unlock();
+                }
+                live.mutex.unlock();
+            },
+            [] {
+                auto& live = liveBackends();
+                for (FileKeychainBackend* backend : live.backends) {
+                    backend->abandonConnection();
+                }
+                live.mutex.unlock();
+            });
+    });
+    const std::lock_guard lock(liveBackends().mutex);
+    liveBackends().backends.insert(this);
+}
 
-FileKeychainBackend::~FileKeychainBackend() { close(); }
+FileKeychainBackend::~FileKeychainBackend() {
+    {
+        const std::lock_guard lock(liveBackends().mutex);
+        liveBackends().backends.erase(this);
+    }
+    close();
+    delete mutex_;
+}
+
+// In a forked child. The parent still uses the connection's file and locks, and a thread of
+// the parent's may have been inside it, holding the lock: the child neither closes nor uses
+// any of it and opens its own on its next call.
+void FileKeychainBackend::abandonConnection() {
+    mutex_ = new std::recursive_mutex();
+    (void)select_.release();
+    (void)insert_.release();
+    (void)update_.release();
+    (void)delete_.release();
+    database_ = nullptr;
+}
+
+bool FileKeychainBackend::makePrivateDirectories(const std::filesystem::path& directory) {
+    std::filesystem::path partial;
+    for (const auto& component : directory) {
+        partial /= component;
+        if (::mkdir(partial.c_str(), kDirectoryMode) != 0 && errno != EEXIST) {
+            return false;
+        }
+    }
+    return true;
+}
 
 std::filesystem::path FileKeychainBackend::defaultPath() {
     return dataHome() / "NorvAnalytic" / "keychain.sqlite";
@@ -201,7 +278,7 @@ std::filesystem::path FileKeychainBackend::defaultPath() {
 
 bool FileKeychainBackend::prepareFile() const {
     const std::filesystem::path directory = path_.parent_path();
-    if (!directory.empty() && (!makeDirectories(directory) ||
+    if (!directory.empty() && (!makePrivateDirectories(directory) ||
                                !tightenPath(directory, O_RDONLY | O_DIRECTORY, kDirectoryMode))) {
         return false;
     }
@@ -232,9 +309,7 @@ int FileKeychainBackend::open() {
         return SQLITE_CANTOPEN;
     }
     sqlite3_busy_handler(database_, waitForOtherWriter, nullptr);
-    const auto run = [this](const char* sql) {
-        return sqlite3_exec(database_, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
-    };
+    const auto run = [this](const char* sql) { return runSetup(database_, sql); };
     // WAL lets readers in other processes go on while one writes; a killed writer leaves an
     // uncommitted tail that the next opener discards. NORMAL sync keeps the file consistent
     // through crashes and only risks the last commits on power loss.
@@ -317,7 +392,7 @@ void FileKeychainBackend::close() {
 
 OSStatus FileKeychainBackend::copyMatching(const KeychainQuery& query,
                                            KeychainItemAttributes* result) {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(*mutex_);
     if (!openIfNeeded()) {
         return errSecInteractionNotAllowed;
     }
@@ -353,7 +428,7 @@ OSStatus FileKeychainBackend::copyMatching(const KeychainQuery& query,
 }
 
 OSStatus FileKeychainBackend::add(const KeychainQuery& attributes) {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(*mutex_);
     if (!openIfNeeded()) {
         return errSecInteractionNotAllowed;
     }
@@ -375,7 +450,7 @@ OSStatus FileKeychainBackend::add(const KeychainQuery& attributes) {
 }
 
 OSStatus FileKeychainBackend::update(const KeychainQuery& query, const KeychainQuery& changes) {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(*mutex_);
     if (!openIfNeeded()) {
         return errSecInteractionNotAllowed;
     }
@@ -395,7 +470,7 @@ OSStatus FileKeychainBackend::update(const KeychainQuery& query, const KeychainQ
 }
 
 OSStatus FileKeychainBackend::remove(const KeychainQuery& query) {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(*mutex_);
     if (!openIfNeeded()) {
         return errSecInteractionNotAllowed;
     }
@@ -409,7 +484,7 @@ OSStatus FileKeychainBackend::remove(const KeychainQuery& query) {
 }
 
 OSStatus FileKeychainBackend::writeTransaction(const std::function<OSStatus()>& body) {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(*mutex_);
     if (!openIfNeeded() ||
         sqlite3_exec(database_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK) {
         return errSecInteractionNotAllowed;

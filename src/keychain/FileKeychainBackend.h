@@ -13,7 +13,8 @@ namespace NorvAnalytic {
 
 // The default keychain on Linux: one SQLite file readable by its owner only, one row per
 // generic-password item (account, service, access group). Several threads and several
-// processes may share one file; a process that dies mid-write leaves the file intact.
+// processes may share one file; a process that dies mid-write leaves the file intact. A forked
+// child leaves the connection it inherited to the parent and opens its own.
 class FileKeychainBackend final : public KeychainBackend {
 public:
     // The file is opened on first use, so an unreachable path fails each call with
@@ -25,6 +26,8 @@ public:
 
     // $XDG_DATA_HOME/NorvAnalytic/keychain.sqlite, or ~/.local/share/... without it.
     static std::filesystem::path defaultPath();
+    // Makes the missing directories of a path, each readable by its owner only.
+    static bool makePrivateDirectories(const std::filesystem::path& directory);
 
     OSStatus copyMatching(const KeychainQuery& query, KeychainItemAttributes* result) override;
     OSStatus add(const KeychainQuery& attributes) override;
@@ -50,10 +53,12 @@ private:
     bool moveAside();
     bool prepareFile() const;
     void close();
+    void abandonConnection();
 
     std::filesystem::path path_;
     // Recursive, so that the calls of a write transaction's body run under the lock it holds.
-    std::recursive_mutex mutex_;
+    // Owned, and replaced (never freed) in a forked child, where it may be held for good.
+    std::recursive_mutex* mutex_;
     sqlite3* database_ = nullptr;
     Statement select_;
     Statement insert_;

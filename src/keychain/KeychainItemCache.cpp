@@ -2,11 +2,15 @@
 
 #include <NorvAnalytic/Keychain.h>
 #include <NorvAnalytic/Platform.h>
+#include <pthread.h>
 
-#include <thread>
+#include <algorithm>
+#include <cstdlib>
 #include <vector>
 
 #include "keychain/KeychainArchive.h"
+#include "platform/Diagnostics.h"
+#include "platform/SdkThread.h"
 
 namespace NorvAnalytic {
 
@@ -16,12 +20,35 @@ bool isRace(OSStatus status) {
     return status == errSecDuplicateItem || status == errSecItemNotFound;
 }
 
+// A store that cannot take the write now is tried again, less often the longer it refuses.
+constexpr std::chrono::milliseconds kFirstRetry{100};
+constexpr std::chrono::milliseconds kLongestRetry{30'000};
+
 }  // namespace
 
 KeychainItemCache& KeychainItemCache::shared() {
-    // Never destroyed: its thread outlives main.
+    // Never destroyed: its thread may run until the exit handlers end it.
     static auto* cache = new KeychainItemCache();
     return *cache;
+}
+
+KeychainItemCache::KeychainItemCache()
+    : writeLock_(new std::mutex()), changed_(new std::condition_variable()) {
+    pthread_atfork([] { shared().mutex_.lock(); }, [] { shared().mutex_.unlock(); },
+                   [] {
+                       shared().abandonAfterFork();
+                       shared().mutex_.unlock();
+                   });
+}
+
+void KeychainItemCache::abandonAfterFork() {
+    writeLock_ = new std::mutex();
+    changed_ = new std::condition_variable();
+    // The thread is started again by the child's first call that needs it.
+    thread_ = nullptr;
+    for (auto& [key, insert] : pending_) {
+        insert->due = Clock::now();
+    }
 }
 
 KeychainItemCache::Item KeychainItemCache::read(KeychainBackend& backend, const std::string& key,
@@ -42,38 +69,80 @@ KeychainItemCache::Item KeychainItemCache::read(KeychainBackend& backend, const 
     }
 }
 
-bool KeychainItemCache::isCached(const KeychainBackend& backend) const {
-    const auto current = backend_.lock();
-    return current.get() == &backend;
+void KeychainItemCache::useBackend(const std::shared_ptr<KeychainBackend>& backend) {
+    if (backend_.lock() == backend) {
+        return;
+    }
+    backend_ = backend;
+    interval_ = backend->identityRefreshInterval();
+    entries_.clear();
+    // Inserts meant for another store are dropped; their waiters run out of time.
+    pending_.clear();
+}
+
+bool KeychainItemCache::ensureThread() {
+    if (thread_ != nullptr) {
+        return true;
+    }
+    if (stopping_) {
+        return false;
+    }
+    try {
+        thread_ = new std::thread(startSdkThread("norv-keychain", [this] { run(); }));
+    } catch (const std::system_error&) {
+        return false;
+    }
+    static std::once_flag registered;
+    std::call_once(registered, [] { std::atexit([] { shared().stopAtExit(); }); });
+    return true;
+}
+
+void KeychainItemCache::stopAtExit() {
+    std::thread* thread = nullptr;
+    {
+        const std::lock_guard lock(mutex_);
+        stopping_ = true;
+        std::swap(thread, thread_);
+    }
+    changed_->notify_all();
+    if (thread != nullptr && thread->get_id() != std::this_thread::get_id()) {
+        thread->join();
+        delete thread;
+    } else if (thread != nullptr) {
+        // exit() called from a host callback on this very thread: it ends with the process.
+        thread->detach();
+        delete thread;
+    }
 }
 
 KeychainItemCache::Item KeychainItemCache::item(const std::string& key,
                                                 const std::string& service) {
     const std::shared_ptr<KeychainBackend> backend = Platform::keychainBackend();
-    const auto interval = backend->identityRefreshInterval();
-    if (!interval) {
-        return read(*backend, key, service);
-    }
     std::uint64_t writesBefore = 0;
     std::uint64_t versionBefore = 0;
     {
         const std::lock_guard lock(mutex_);
-        if (!isCached(*backend)) {
-            backend_ = backend;
-            interval_ = *interval;
-            entries_.clear();
+        useBackend(backend);
+        if (const auto found = pending_.find({key, service}); found != pending_.end()) {
+            return {State::Pending, found->second->candidate};
         }
-        const auto found = entries_.find({key, service});
-        if (found != entries_.end() && found->second.known) {
-            return found->second.item;
+        if (!interval_) {
+            writesBefore = writes_;
+        } else {
+            // Also where a forked child's first call starts the thread again.
+            ensureThread();
+            const auto found = entries_.find({key, service});
+            if (found != entries_.end() && found->second.known) {
+                return found->second.item;
+            }
+            writesBefore = writes_;
+            versionBefore = found != entries_.end() ? found->second.version : 0;
         }
-        writesBefore = writes_;
-        versionBefore = found != entries_.end() ? found->second.version : 0;
     }
     // The first read of an item, or the first after a write whose outcome was unknown.
     const Item stored = read(*backend, key, service);
     const std::lock_guard lock(mutex_);
-    if (!isCached(*backend)) {
+    if (backend_.lock() != backend || !interval_) {
         return stored;
     }
     const auto found = entries_.find({key, service});
@@ -83,18 +152,85 @@ KeychainItemCache::Item KeychainItemCache::item(const std::string& key,
         found->second.item = stored;
         found->second.known = true;
     }
-    if (!refreshing_) {
-        refreshing_ = true;
-        std::thread([this] { refreshForever(); }).detach();
-    }
     return stored;
 }
 
 KeychainItemCache::Item KeychainItemCache::insertIfAbsent(const std::string& key,
                                                           const std::string& service,
-                                                          const std::string& candidate) {
-    const std::lock_guard write(writeLock_);
+                                                          const std::string& candidate,
+                                                          std::chrono::milliseconds wait) {
     const std::shared_ptr<KeychainBackend> backend = Platform::keychainBackend();
+    std::unique_lock lock(mutex_);
+    useBackend(backend);
+    const Key itemKey{key, service};
+    if (const auto found = entries_.find(itemKey); found != entries_.end() && found->second.known &&
+                                                   found->second.item.state == State::Stored) {
+        return found->second.item;
+    }
+    auto& insert = pending_[itemKey];
+    if (!insert) {
+        insert = std::make_shared<PendingInsert>();
+        insert->backend = backend;
+        insert->candidate = candidate;
+        insert->due = Clock::now();
+    }
+    const std::shared_ptr<PendingInsert> waited = insert;
+    if (!ensureThread()) {
+        // No thread to hand it to, as while the process exits: the caller writes it.
+        lock.unlock();
+        attempt(itemKey, waited);
+        lock.lock();
+    } else {
+        changed_->notify_all();
+        changed_->wait_for(lock, wait, [&] { return waited->done; });
+    }
+    if (waited->done) {
+        return waited->stored;
+    }
+    return {State::Pending, waited->candidate};
+}
+
+// Runs on the cache's thread (or on the caller's, while the process exits), never under mutex_.
+void KeychainItemCache::attempt(const Key& key, const std::shared_ptr<PendingInsert>& insert) {
+    const std::shared_ptr<KeychainBackend> backend = insert->backend.lock();
+    Item stored;
+    if (backend) {
+        try {
+            stored = storeIfAbsent(*backend, key.first, key.second, insert->candidate);
+        } catch (...) {
+            // A host's store that throws is a store that failed this time.
+        }
+    }
+    bool firstFailure = false;
+    {
+        const std::lock_guard lock(mutex_);
+        const auto found = pending_.find(key);
+        const bool current = found != pending_.end() && found->second == insert;
+        if (stored.state == State::Stored || !backend) {
+            insert->done = true;
+            insert->stored = stored;
+            if (current) {
+                pending_.erase(found);
+            }
+        } else if (current) {
+            firstFailure = insert->backoff.count() == 0;
+            insert->backoff = std::min(kLongestRetry, std::max(kFirstRetry, insert->backoff * 2));
+            insert->due = Clock::now() + insert->backoff;
+        }
+    }
+    changed_->notify_all();
+    if (firstFailure) {
+        Diagnostics::report(DiagnosticLevel::Error,
+                            "The keychain store cannot take the device UUID now: this process "
+                            "uses one kept in memory and stores it as soon as the store allows.");
+    }
+}
+
+KeychainItemCache::Item KeychainItemCache::storeIfAbsent(KeychainBackend& backend,
+                                                         const std::string& key,
+                                                         const std::string& service,
+                                                         const std::string& candidate) {
+    const std::lock_guard write(writeLock());
     KeychainQuery attributes = Keychain::_baseQueryDictionaryForKey(key, service, std::nullopt);
     attributes.accessible = KeychainItemAccessible::AfterFirstUnlock;
     attributes.valueData = KeychainArchive::archivedData(candidate);
@@ -103,22 +239,22 @@ KeychainItemCache::Item KeychainItemCache::insertIfAbsent(const std::string& key
     // A store that cannot hold other processes off may still lose the race between its
     // lookup and its write: the second attempt then finds what the other writer left.
     for (int attempt = 0; attempt < 2; ++attempt) {
-        status = backend->writeTransaction([&] {
-            winner = read(*backend, key, service);
+        status = backend.writeTransaction([&] {
+            winner = read(backend, key, service);
             OSStatus written = errSecSuccess;
             if (winner.state == State::Missing) {
-                written = backend->add(attributes);
+                written = backend.add(attributes);
             } else if (winner.state == State::Unreadable) {
                 KeychainQuery changes;
                 changes.valueData = attributes.valueData;
                 changes.accessible = attributes.accessible;
-                written = backend->update(attributes, changes);
+                written = backend.update(attributes, changes);
             } else if (winner.state == State::Failed) {
                 return errSecInteractionNotAllowed;
             }
             if (written == errSecSuccess && winner.state != State::Stored) {
                 // Read back, so that a store that let two writers in gives both the same one.
-                winner = read(*backend, key, service);
+                winner = read(backend, key, service);
             }
             return written;
         });
@@ -127,20 +263,24 @@ KeychainItemCache::Item KeychainItemCache::insertIfAbsent(const std::string& key
         }
     }
     if (status != errSecSuccess || winner.state != State::Stored) {
-        forget(*backend, key, service);
+        forget(backend, key, service);
         return {State::Failed, std::nullopt};
     }
-    wrote(*backend, key, service, winner.value);
+    // Kept, so that a caller whose read missed this write adopts it instead of racing again.
+    wrote(backend, key, service, winner.value, true);
     return winner;
 }
 
 void KeychainItemCache::wrote(const KeychainBackend& backend, const std::string& key,
-                              const std::string& service, const Text& stored) {
+                              const std::string& service, const Text& stored, bool keep) {
     const std::lock_guard lock(mutex_);
-    if (!isCached(backend)) {
+    if (backend_.lock().get() != &backend || !interval_) {
         return;
     }
     ++writes_;
+    if (keep) {
+        entries_.try_emplace({key, service});
+    }
     if (const auto found = entries_.find({key, service}); found != entries_.end()) {
         found->second.item = stored ? Item{State::Stored, stored} : Item{State::Missing, {}};
         found->second.known = true;
@@ -151,7 +291,7 @@ void KeychainItemCache::wrote(const KeychainBackend& backend, const std::string&
 void KeychainItemCache::forget(const KeychainBackend& backend, const std::string& key,
                                const std::string& service) {
     const std::lock_guard lock(mutex_);
-    if (!isCached(backend)) {
+    if (backend_.lock().get() != &backend || !interval_) {
         return;
     }
     ++writes_;
@@ -161,43 +301,66 @@ void KeychainItemCache::forget(const KeychainBackend& backend, const std::string
     }
 }
 
-void KeychainItemCache::refreshForever() {
-    for (;;) {
-        std::chrono::milliseconds interval{0};
-        {
-            const std::lock_guard lock(mutex_);
-            interval = interval_;
-        }
-        std::this_thread::sleep_for(interval);
-        std::shared_ptr<KeychainBackend> backend;
-        std::vector<std::pair<Key, std::uint64_t>> due;
-        {
-            const std::lock_guard lock(mutex_);
-            backend = backend_.lock();
-            for (const auto& [key, entry] : entries_) {
-                due.emplace_back(key, entry.version);
+void KeychainItemCache::run() {
+    std::unique_lock lock(mutex_);
+    Clock::time_point nextRefresh = Clock::now() + interval_.value_or(kLongestRetry);
+    while (!stopping_) {
+        const Clock::time_point now = Clock::now();
+        Clock::time_point wake = interval_ ? nextRefresh : Clock::time_point::max();
+        std::pair<Key, std::shared_ptr<PendingInsert>> due;
+        for (const auto& [key, insert] : pending_) {
+            if (insert->due <= now) {
+                due = {key, insert};
+                break;
             }
+            wake = std::min(wake, insert->due);
         }
-        if (!backend) {
-            continue;
+        if (due.second) {
+            lock.unlock();
+            attempt(due.first, due.second);
+            lock.lock();
+        } else if (interval_ && now >= nextRefresh) {
+            lock.unlock();
+            refresh();
+            lock.lock();
+            nextRefresh = Clock::now() + interval_.value_or(kLongestRetry);
+        } else if (wake == Clock::time_point::max()) {
+            changed_->wait(lock);
+        } else {
+            changed_->wait_until(lock, wake);
         }
-        for (const auto& [key, version] : due) {
-            // Nothing may leave this thread; a read that throws leaves the entry as it was.
-            try {
-                const Item stored = read(*backend, key.first, key.second);
-                // A store that failed for a moment keeps what was read before.
-                if (stored.state == State::Failed) {
-                    continue;
-                }
-                const std::lock_guard lock(mutex_);
-                const auto found = entries_.find(key);
-                if (isCached(*backend) && found != entries_.end() &&
-                    found->second.version == version) {
-                    found->second.item = stored;
-                    found->second.known = true;
-                }
-            } catch (...) {
+    }
+}
+
+void KeychainItemCache::refresh() {
+    std::shared_ptr<KeychainBackend> backend;
+    std::vector<std::pair<Key, std::uint64_t>> due;
+    {
+        const std::lock_guard lock(mutex_);
+        backend = backend_.lock();
+        for (const auto& [key, entry] : entries_) {
+            due.emplace_back(key, entry.version);
+        }
+    }
+    if (!backend) {
+        return;
+    }
+    for (const auto& [key, version] : due) {
+        // Nothing may leave this thread; a read that throws leaves the entry as it was.
+        try {
+            const Item stored = read(*backend, key.first, key.second);
+            // A store that failed for a moment keeps what was read before.
+            if (stored.state == State::Failed) {
+                continue;
             }
+            const std::lock_guard lock(mutex_);
+            const auto found = entries_.find(key);
+            if (backend_.lock() == backend && found != entries_.end() &&
+                found->second.version == version) {
+                found->second.item = stored;
+                found->second.known = true;
+            }
+        } catch (...) {
         }
     }
 }

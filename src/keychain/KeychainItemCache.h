@@ -3,23 +3,28 @@
 #include <NorvAnalytic/KeychainBackend.h>
 #include <NorvAnalytic/Types.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <utility>
 
 namespace NorvAnalytic {
 
 // The few items the SDK reads on every event, read from the store once and then from memory,
 // for stores that allow it (KeychainBackend::identityRefreshInterval). Writes through Keychain
-// in this process reach it in the order they commit; a thread of its own re-reads every item
-// at the store's interval, so that other processes' writes show up. Its lock is never held
-// while the store is read or written.
+// in this process reach it in the order they commit; a thread of its own (norv-keychain)
+// re-reads every item at the store's interval, so that other processes' writes show up, and
+// finishes the inserts a caller could not wait for. Its lock is never held while the store is
+// read or written.
 class KeychainItemCache {
 public:
-    enum class State { Stored, Missing, Unreadable, Failed };
+    // Pending: an insert not landed yet; the value is the candidate this process uses meanwhile.
+    enum class State { Stored, Missing, Unreadable, Failed, Pending };
     struct Item {
         State state = State::Failed;
         Text value;
@@ -30,20 +35,25 @@ public:
     // The item (no access group), from memory once it has been read.
     Item item(const std::string& key, const std::string& service);
     // Stores candidate unless a readable item is there (an unreadable one is replaced), in one
-    // write no other writer comes between, and answers what the store holds afterwards.
+    // write no other writer comes between, on the cache's thread. Waits up to `wait` for it and
+    // answers what the store holds afterwards; when the write has not landed by then, answers
+    // Pending with this process's candidate and goes on trying. Whatever that write finds
+    // stored is what this process holds from then on. Always answers a value.
     Item insertIfAbsent(const std::string& key, const std::string& service,
-                        const std::string& candidate);
+                        const std::string& candidate, std::chrono::milliseconds wait);
 
     // Held across every write through Keychain, so that this cache learns of writes in the
     // order they commit.
-    std::mutex& writeLock() { return writeLock_; }
-    // After a write through Keychain on backend: what the item (no access group) now is.
+    std::mutex& writeLock() { return *writeLock_; }
+    // After a write through Keychain on backend: what the item (no access group) now is. With
+    // keep, an item not cached yet is cached from here on.
     void wrote(const KeychainBackend& backend, const std::string& key, const std::string& service,
-               const Text& stored);
+               const Text& stored, bool keep = false);
     // After a write whose outcome for the item is unknown: the next read goes to the store.
     void forget(const KeychainBackend& backend, const std::string& key, const std::string& service);
 
 private:
+    using Clock = std::chrono::steady_clock;
     using Key = std::pair<std::string, std::string>;
     struct Entry {
         Item item;
@@ -51,19 +61,42 @@ private:
         // Counts writes through Keychain, so that a read that raced one is not kept.
         std::uint64_t version = 0;
     };
+    struct PendingInsert {
+        std::weak_ptr<KeychainBackend> backend;
+        std::string candidate;
+        Clock::time_point due;
+        std::chrono::milliseconds backoff{0};
+        bool done = false;
+        Item stored;
+    };
 
+    KeychainItemCache();
     static Item read(KeychainBackend& backend, const std::string& key, const std::string& service);
-    bool isCached(const KeychainBackend& backend) const;
-    void refreshForever();
+    Item storeIfAbsent(KeychainBackend& backend, const std::string& key, const std::string& service,
+                       const std::string& candidate);
+    // Under mutex_: makes backend the one cached, dropping what belonged to another.
+    void useBackend(const std::shared_ptr<KeychainBackend>& backend);
+    // Under mutex_: false when no thread can run (the process exits, or none could be had).
+    bool ensureThread();
+    void run();
+    void attempt(const Key& key, const std::shared_ptr<PendingInsert>& insert);
+    void refresh();
+    void stopAtExit();
+    void abandonAfterFork();
 
-    std::mutex writeLock_;
+    // Both replaced, never freed, in a forked child, where a vanished thread may hold them.
+    std::mutex* writeLock_;
+    std::condition_variable* changed_;
     std::mutex mutex_;
     std::weak_ptr<KeychainBackend> backend_;
-    std::chrono::milliseconds interval_{0};
+    std::optional<std::chrono::milliseconds> interval_;
     std::map<Key, Entry> entries_;
+    std::map<Key, std::shared_ptr<PendingInsert>> pending_;
     // Counts every write through Keychain, for reads of items not cached yet.
     std::uint64_t writes_ = 0;
-    bool refreshing_ = false;
+    // Left behind, never joined or freed, in a forked child: the thread is the parent's.
+    std::thread* thread_ = nullptr;
+    bool stopping_ = false;
 };
 
 }  // namespace NorvAnalytic

@@ -1,9 +1,17 @@
 #include "keychain/SecretServiceKeychainBackend.h"
 
+#include <fcntl.h>
 #include <libsecret/secret.h>
+#include <sys/file.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
 #include <mutex>
 #include <string_view>
+#include <thread>
+
+#include "keychain/FileKeychainBackend.h"
 
 namespace NorvAnalytic {
 
@@ -156,7 +164,8 @@ struct SecretServiceKeychainBackend::Session {
 
 SecretServiceKeychainBackend::SecretServiceKeychainBackend(const std::string& schemaName,
                                                            const std::string& collectionAlias)
-    : session_(std::make_unique<Session>(schemaName, collectionAlias)) {}
+    : session_(std::make_unique<Session>(schemaName, collectionAlias)),
+      lockPath_(FileKeychainBackend::defaultPath().parent_path() / (schemaName + ".lock")) {}
 
 SecretServiceKeychainBackend::~SecretServiceKeychainBackend() = default;
 
@@ -290,6 +299,31 @@ OSStatus SecretServiceKeychainBackend::remove(const KeychainQuery& query) {
 
 // A read is a D-Bus round trip of milliseconds, so the identity is re-read once a second at
 // most, and just often enough that another process's change shows up within one.
+OSStatus SecretServiceKeychainBackend::writeTransaction(const std::function<OSStatus()>& body) {
+    if (!FileKeychainBackend::makePrivateDirectories(lockPath_.parent_path())) {
+        return errSecInteractionNotAllowed;
+    }
+    const int descriptor =
+        ::open(lockPath_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (descriptor < 0) {
+        return errSecInteractionNotAllowed;
+    }
+    // Closing the descriptor lets the lock go, however body ends.
+    struct Closer {
+        int descriptor;
+        ~Closer() { ::close(descriptor); }
+    } closer{descriptor};
+    // A turn lasts a few D-Bus round trips; one held far longer belongs to a hung process.
+    const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (::flock(descriptor, LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK || std::chrono::steady_clock::now() > giveUp) {
+            return errSecInteractionNotAllowed;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return body();
+}
+
 std::optional<std::chrono::milliseconds> SecretServiceKeychainBackend::identityRefreshInterval()
     const {
     return std::chrono::milliseconds(900);

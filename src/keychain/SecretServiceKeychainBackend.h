@@ -2,6 +2,7 @@
 
 #include <NorvAnalytic/KeychainBackend.h>
 
+#include <filesystem>
 #include <memory>
 #include <string>
 
@@ -25,17 +26,22 @@ public:
     SecretServiceKeychainBackend& operator=(const SecretServiceKeychainBackend&) = delete;
 
     OSStatus copyMatching(const KeychainQuery& query, KeychainItemAttributes* result) override;
-    // Adds to the aliased collection. A duplicate is refused within this process; two
-    // processes adding the same item at one instant may both succeed.
+    // Adds to the aliased collection. A duplicate is refused within this process; across
+    // processes only inside writeTransaction.
     OSStatus add(const KeychainQuery& attributes) override;
     OSStatus update(const KeychainQuery& query, const KeychainQuery& changes) override;
     OSStatus remove(const KeychainQuery& query) override;
+    // The service has no transactions: processes on one schema take turns through a lock file,
+    // <data directory>/NorvAnalytic/<schema name>.lock, so no add comes between another's
+    // lookup and its add.
+    OSStatus writeTransaction(const std::function<OSStatus()>& body) override;
     std::optional<std::chrono::milliseconds> identityRefreshInterval() const override;
 
 private:
     // The libsecret objects, kept out of this header so a host never sees glib types.
     struct Session;
     std::unique_ptr<Session> session_;
+    std::filesystem::path lockPath_;
 };
 
 }  // namespace NorvAnalytic

@@ -1,17 +1,23 @@
 #include "platform/HeadlessApplication.h"
 
-#include <algorithm>
-#include <cctype>
-#include <cerrno>
-#include <csignal>
 #include <fcntl.h>
-#include <optional>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <condition_variable>
+#include <csignal>
+#include <cstdlib>
+#include <mutex>
+#include <optional>
+#include <thread>
 #include <vector>
+
+#include "platform/SdkThread.h"
 
 extern char** environ;
 
@@ -122,6 +128,72 @@ bool readUntilClosed(int fd, std::chrono::steady_clock::time_point deadline, std
     }
 }
 
+// Reaps the openers we started, on one thread (norv-reaper) that runs only while one is
+// unreaped and is ended at exit. An opener may live as long as the browser it starts, so it
+// is polled rather than waited for; SIGCHLD is the host's and never used.
+class OpenerReaper {
+public:
+    static OpenerReaper& shared() {
+        // Never destroyed: the exit handler ends its thread.
+        static auto* reaper = new OpenerReaper();
+        return *reaper;
+    }
+
+    void reap(pid_t child) {
+        std::unique_lock lock(mutex_);
+        children_.push_back(child);
+        if (running_ || stopping_) {
+            return;
+        }
+        if (thread_.joinable()) {
+            thread_.join();
+        }
+        try {
+            thread_ = startSdkThread("norv-reaper", [this] { run(); });
+            running_ = true;
+        } catch (const std::system_error&) {
+            // Left a zombie until the next opener's thread reaps it.
+        }
+        static std::once_flag registered;
+        std::call_once(registered, [] { std::atexit([] { shared().stop(); }); });
+    }
+
+private:
+    void run() {
+        std::unique_lock lock(mutex_);
+        while (!stopping_ && !children_.empty()) {
+            std::erase_if(children_, [](pid_t child) {
+                int status = 0;
+                const pid_t reaped = ::waitpid(child, &status, WNOHANG);
+                return reaped == child || (reaped == -1 && errno == ECHILD);
+            });
+            if (!children_.empty()) {
+                changed_.wait_for(lock, std::chrono::milliseconds(100));
+            }
+        }
+        running_ = false;
+    }
+
+    void stop() {
+        {
+            const std::lock_guard lock(mutex_);
+            stopping_ = true;
+        }
+        changed_.notify_all();
+        // The openers still running are reaped by init once the host has exited.
+        if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id()) {
+            thread_.join();
+        }
+    }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<pid_t> children_;
+    std::thread thread_;
+    bool running_ = false;
+    bool stopping_ = false;
+};
+
 }  // namespace
 
 HeadlessApplication::HeadlessApplication(std::string mimeQueryProgram, std::string openProgram,
@@ -164,8 +236,7 @@ bool HeadlessApplication::openURL(const URL& url) {
     if (!pid) {
         return false;
     }
-    // The opener may stay as long as the browser it starts; it is reaped whenever it ends.
-    std::thread([child = *pid] { waitForExit(child); }).detach();
+    OpenerReaper::shared().reap(*pid);
     return true;
 }
 

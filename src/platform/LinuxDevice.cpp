@@ -1,9 +1,14 @@
 #include "platform/LinuxDevice.h"
 
+#include <sys/utsname.h>
+
 #include <charconv>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sys/utsname.h>
+#include <set>
+
+#include "platform/SdkThread.h"
 
 namespace NorvAnalytic {
 
@@ -32,7 +37,42 @@ std::string osReleaseVersion(const std::string& path) {
     return {};
 }
 
+// The first reading is waited for this long; a battery slower than that reads as unknown once.
+constexpr std::chrono::milliseconds kFirstReadingWait{50};
+// A thread asked for no reading for this long ends; the next call starts one again.
+constexpr std::chrono::seconds kIdleEnd{10};
+
+// The devices alive, so that their threads are ended at exit.
+struct LiveDevices {
+    std::mutex mutex;
+    std::set<LinuxDevice*> devices;
+};
+
+LiveDevices& liveDevices() {
+    static auto* live = new LiveDevices();
+    return *live;
+}
+
 }  // namespace
+
+LinuxDevice::~LinuxDevice() {
+    {
+        const std::lock_guard lock(liveDevices().mutex);
+        liveDevices().devices.erase(this);
+    }
+    stopRefreshing();
+}
+
+void LinuxDevice::stopRefreshing() {
+    {
+        const std::lock_guard lock(batteryMutex_);
+        stopping_ = true;
+    }
+    batteryChanged_.notify_all();
+    if (batteryThread_.joinable() && batteryThread_.get_id() != std::this_thread::get_id()) {
+        batteryThread_.join();
+    }
+}
 
 LinuxDevice::LinuxDevice(std::string osReleasePath, std::string powerSupplyRoot)
     : powerSupplyRoot_(std::move(powerSupplyRoot)) {
@@ -44,6 +84,17 @@ LinuxDevice::LinuxDevice(std::string osReleasePath, std::string powerSupplyRoot)
     if (systemVersion_.empty()) {
         systemVersion_ = names.release;
     }
+    static std::once_flag registered;
+    std::call_once(registered, [] {
+        std::atexit([] {
+            const std::lock_guard lock(liveDevices().mutex);
+            for (LinuxDevice* device : liveDevices().devices) {
+                device->stopRefreshing();
+            }
+        });
+    });
+    const std::lock_guard lock(liveDevices().mutex);
+    liveDevices().devices.insert(this);
 }
 
 std::string LinuxDevice::systemVersion() { return systemVersion_; }
@@ -73,13 +124,55 @@ float LinuxDevice::batteryLevel() {
     if (monitoring_.load() <= 0) {
         return -1.0F;
     }
+    std::unique_lock lock(batteryMutex_);
+    batteryWanted_ = true;
+    if (!batteryThreadRunning_ && !stopping_) {
+        if (batteryThread_.joinable()) {
+            batteryThread_.join();
+        }
+        try {
+            batteryThread_ = startSdkThread("norv-battery", [this] { refreshBatteryLevel(); });
+            batteryThreadRunning_ = true;
+        } catch (const std::system_error&) {
+            return batteryLevel_;
+        }
+    }
+    batteryChanged_.notify_all();
+    batteryChanged_.wait_for(lock, kFirstReadingWait, [this] { return batteryRead_; });
+    return batteryLevel_;
+}
+
+void LinuxDevice::refreshBatteryLevel() {
+    std::unique_lock lock(batteryMutex_);
+    while (!stopping_) {
+        if (!batteryWanted_ && !batteryChanged_.wait_for(lock, kIdleEnd, [this] {
+                return batteryWanted_ || stopping_;
+            })) {
+            break;
+        }
+        if (stopping_) {
+            break;
+        }
+        batteryWanted_ = false;
+        lock.unlock();
+        const float level = readBatteryLevel();
+        lock.lock();
+        batteryLevel_ = level;
+        batteryRead_ = true;
+        batteryChanged_.notify_all();
+    }
+    batteryThreadRunning_ = false;
+}
+
+float LinuxDevice::readBatteryLevel() {
     const auto& capacityFile = batteryCapacityFile();
     if (!capacityFile) {
         return -1.0F;
     }
     const std::string capacity = readFirstLine(*capacityFile);
     int percent = -1;
-    const auto result = std::from_chars(capacity.data(), capacity.data() + capacity.size(), percent);
+    const auto result =
+        std::from_chars(capacity.data(), capacity.data() + capacity.size(), percent);
     if (result.ec == std::errc() && percent >= 0 && percent <= 100) {
         return static_cast<float>(percent) / 100.0F;
     }

@@ -3,10 +3,12 @@
 #include <NorvAnalytic/Device.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <filesystem>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 
 namespace NorvAnalytic {
 
@@ -17,9 +19,15 @@ public:
     // Both roots are parameters so that a test can point them at a tree of its own.
     explicit LinuxDevice(std::string osReleasePath = "/etc/os-release",
                          std::string powerSupplyRoot = "/sys/class/power_supply");
+    ~LinuxDevice() override;
+    LinuxDevice(const LinuxDevice&) = delete;
+    LinuxDevice& operator=(const LinuxDevice&) = delete;
 
     std::string systemVersion() override;
     void setBatteryMonitoringEnabled(bool enabled) override;
+    // The level our thread (norv-battery) read last: a battery's file may take an embedded
+    // controller's round trip to answer, which no caller's thread waits for. Each call asks
+    // for a fresh reading; only the first waits for one, and briefly.
     float batteryLevel() override;
     std::string machineIdentifier() override;
 
@@ -27,6 +35,9 @@ private:
     // The capacity file of the first battery, looked up once: batteries do not come and go
     // under a running host, and every app-open event reads the level.
     const std::optional<std::filesystem::path>& batteryCapacityFile();
+    float readBatteryLevel();
+    void refreshBatteryLevel();
+    void stopRefreshing();
 
     std::string powerSupplyRoot_;
     std::once_flag batteryLookup_;
@@ -35,6 +46,15 @@ private:
     std::string machineIdentifier_;
     // Monitoring is counted so that one thread switching it off cannot blind another's read.
     std::atomic<int> monitoring_{0};
+
+    std::mutex batteryMutex_;
+    std::condition_variable batteryChanged_;
+    std::thread batteryThread_;
+    float batteryLevel_ = -1.0F;
+    bool batteryRead_ = false;
+    bool batteryWanted_ = false;
+    bool batteryThreadRunning_ = false;
+    bool stopping_ = false;
 };
 
 }  // namespace NorvAnalytic

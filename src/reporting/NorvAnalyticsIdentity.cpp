@@ -3,9 +3,8 @@
 #include <NorvAnalytic/Platform.h>
 
 #include <array>
-#include <atomic>
 #include <charconv>
-#include <mutex>
+#include <chrono>
 
 #include "keychain/KeychainItemCache.h"
 #include "platform/Diagnostics.h"
@@ -17,50 +16,9 @@ namespace {
 
 using State = KeychainItemCache::State;
 
-// The UUID of a process whose store can neither give nor keep one: made once and kept for as
-// long as that store is in use, so that all its events still carry one identity.
-struct UnstoredIdentity {
-    std::mutex mutex;
-    std::weak_ptr<KeychainBackend> backend;
-    std::string uuid;
-    // Read on every event before the lock, so that a working store costs nothing here.
-    std::atomic<bool> inUse{false};
-};
-
-UnstoredIdentity& unstored() {
-    static auto* identity = new UnstoredIdentity();
-    return *identity;
-}
-
-std::optional<std::string> unstoredUUID(const std::shared_ptr<KeychainBackend>& backend) {
-    auto& identity = unstored();
-    if (!identity.inUse.load(std::memory_order_acquire)) {
-        return std::nullopt;
-    }
-    const std::lock_guard lock(identity.mutex);
-    if (identity.backend.lock() != backend) {
-        return std::nullopt;
-    }
-    return identity.uuid;
-}
-
-std::string keepUnstoredUUID(const std::shared_ptr<KeychainBackend>& backend) {
-    auto& identity = unstored();
-    std::string uuid;
-    {
-        const std::lock_guard lock(identity.mutex);
-        if (identity.inUse && identity.backend.lock() == backend) {
-            return identity.uuid;
-        }
-        identity.backend = backend;
-        identity.uuid = uuid = DeviceIdentity::newUUID();
-        identity.inUse.store(true, std::memory_order_release);
-    }
-    Diagnostics::report(DiagnosticLevel::Error,
-                        "The keychain store can neither give nor keep the device UUID: this "
-                        "process uses one kept in memory until it ends.");
-    return uuid;
-}
+// How long a caller (initWithKey, an event call) waits for the first UUID to be stored when the
+// store is held by another process; the write then finishes on the keychain's own thread.
+constexpr std::chrono::milliseconds kFirstStoreWait{100};
 
 std::string statusText(const std::optional<Error>& error) {
     if (!error) {
@@ -77,22 +35,15 @@ std::string statusText(const std::optional<Error>& error) {
 void NorvAnalytics::setUUID() { getNorvAnalyticUUID(); }
 
 std::string NorvAnalytics::getNorvAnalyticUUID() {
-    const std::shared_ptr<KeychainBackend> backend = Platform::keychainBackend();
-    if (auto kept = unstoredUUID(backend)) {
-        return *kept;
-    }
     auto& cache = KeychainItemCache::shared();
     const std::string& key = *DeviceIdentity::deviceUUIDKey();
     const std::string& service = *DeviceIdentity::service();
     KeychainItemCache::Item stored = cache.item(key, service);
-    if (stored.state == State::Missing || stored.state == State::Unreadable) {
-        // Of callers racing here, in threads or processes, all end with the one that won.
-        stored = cache.insertIfAbsent(key, service, DeviceIdentity::newUUID());
+    if (stored.state != State::Stored && stored.state != State::Pending) {
+        // Of callers racing here, in threads or processes, all end with the one stored first.
+        stored = cache.insertIfAbsent(key, service, DeviceIdentity::newUUID(), kFirstStoreWait);
     }
-    if (stored.state == State::Stored) {
-        return *stored.value;
-    }
-    return keepUnstoredUUID(backend);
+    return stored.value.value_or(std::string());
 }
 
 void NorvAnalytics::saveStoreUserID(const Text& userId) {

@@ -3,6 +3,7 @@
 #include <NorvAnalytic/Platform.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <libsecret/secret.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -10,6 +11,7 @@
 
 #include <atomic>
 #include <fstream>
+#include <functional>
 #include <stdexcept>
 #include <thread>
 
@@ -19,6 +21,7 @@
 #include "keychain/SecretServiceKeychainBackend.h"
 #include "support/ChildProcess.h"
 #include "support/FakeKeychainBackend.h"
+#include "support/ThreadList.h"
 
 namespace NorvAnalytic {
 namespace {
@@ -362,6 +365,207 @@ TEST(SystemFileKeychainTest, AnotherProcesssSaveReplacesTheCachedUserIdWithinASe
     }
     EXPECT_LT(std::chrono::steady_clock::now() - saved, std::chrono::seconds(1));
     EXPECT_EQ(cache.item("user_id", "NorvAnalyticDeviceUUID").value, "there");
+}
+
+// Two processes of four threads and four threads here ask a fresh store for the device UUID at
+// one instant, trials times: every answer, in every process, is the one the store holds after,
+// and so is what every process holds from then on. A caller waits 100 ms at most for the first
+// write, which a sanitized process under this contention may need longer for: there, only what
+// the processes end holding is checked.
+// freshStore installs the store and gives the writer's extra arguments; storedItems counts the
+// UUID items the store holds.
+void expectOneUUIDFromConcurrentFirstStarts(
+    int trials, const std::function<std::vector<std::string>(const ScratchDirectory&)>& freshStore,
+    const std::function<int()>& storedItems) {
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+    const bool firstAnswersInTime = false;
+#else
+    const bool firstAnswersInTime = true;
+#endif
+    for (int trial = 0; trial < trials; ++trial) {
+        const ScratchDirectory scratch;
+        const std::vector<std::string> writerArguments = freshStore(scratch);
+        const auto start = std::chrono::steady_clock::now() + std::chrono::milliseconds(150);
+        const std::string startText =
+            std::to_string(std::chrono::nanoseconds(start.time_since_epoch()).count());
+        std::vector<std::string> answers(4);
+        {
+            std::vector<std::jthread> callers;
+            for (int child = 0; child < 2; ++child) {
+                callers.emplace_back([&] {
+                    std::vector<std::string> argv{Testing::siblingExecutable("keychain_writer"),
+                                                  scratch.path, "uuid", startText};
+                    argv.insert(argv.end(), writerArguments.begin(), writerArguments.end());
+                    EXPECT_EQ(Testing::runChildProcess(argv, {}), 0);
+                });
+            }
+            for (auto& answer : answers) {
+                callers.emplace_back([&answer, start] {
+                    std::this_thread::sleep_until(start);
+                    answer = NorvAnalytics::getNorvAnalyticUUID();
+                });
+            }
+        }
+        std::vector<std::string> held;
+        for (const auto& entry : fs::directory_iterator(scratch.path)) {
+            const std::string name = entry.path().filename().string();
+            auto& into = name.starts_with("held-") ? held : answers;
+            if (name.starts_with("uuids-") || name.starts_with("held-")) {
+                std::ifstream in(entry.path());
+                for (std::string line; std::getline(in, line);) {
+                    into.push_back(line);
+                }
+            }
+        }
+        const Text stored = Keychain::itemForKey("device_uuid", "NorvAnalyticDeviceUUID", nullptr);
+        ASSERT_TRUE(stored.has_value()) << "trial " << trial;
+        const auto settled = std::chrono::steady_clock::now();
+        while (NorvAnalytics::getNorvAnalyticUUID() != *stored &&
+               std::chrono::steady_clock::now() - settled < std::chrono::seconds(5)) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        held.push_back(NorvAnalytics::getNorvAnalyticUUID());
+        ASSERT_EQ(answers.size(), 12U) << "trial " << trial;
+        ASSERT_THAT(held, ::testing::ElementsAre(*stored, *stored, *stored)) << "trial " << trial;
+        if (firstAnswersInTime) {
+            ASSERT_THAT(answers, ::testing::Each(*stored)) << "trial " << trial;
+        }
+        ASSERT_EQ(storedItems(), 1) << "trial " << trial;
+    }
+}
+
+TEST(SystemFileKeychainTest, ConcurrentFirstStartsInThreadsAndProcessesEndWithTheStoredUUID) {
+    expectOneUUIDFromConcurrentFirstStarts(
+        50,
+        [](const ScratchDirectory& scratch) {
+            scratch.keychain();
+            return std::vector<std::string>{};
+        },
+        [] { return 1; });  // the file's primary key allows no second
+}
+
+TEST(SystemKeychainTest, ConcurrentFirstStartsOnTheSecretServiceEndWithTheStoredUUID) {
+    if (!secretService()) {
+        GTEST_SKIP() << "no Secret Service";
+    }
+    static int run = 0;
+    std::string schema;
+    expectOneUUIDFromConcurrentFirstStarts(
+        20,
+        [&](const ScratchDirectory&) {
+            schema =
+                "com.norvanalytic.race" + std::to_string(::getpid()) + "." + std::to_string(++run);
+            Platform::setKeychainBackend(
+                std::make_shared<SecretServiceKeychainBackend>(schema, "session"));
+            return std::vector<std::string>{schema};
+        },
+        [&] {
+            SecretSchema* search = secret_schema_new(schema.c_str(), SECRET_SCHEMA_NONE, "account",
+                                                     SECRET_SCHEMA_ATTRIBUTE_STRING, nullptr);
+            GHashTable* attributes =
+                g_hash_table_new_full(g_str_hash, g_str_equal, nullptr, nullptr);
+            g_hash_table_insert(attributes, const_cast<char*>("account"),
+                                const_cast<char*>("device_uuid"));
+            SecretService* service = secret_service_get_sync(SECRET_SERVICE_NONE, nullptr, nullptr);
+            GList* items = secret_service_search_sync(service, search, attributes,
+                                                      SECRET_SEARCH_ALL, nullptr, nullptr);
+            const int count = static_cast<int>(g_list_length(items));
+            g_list_free_full(items, g_object_unref);
+            g_object_unref(service);
+            g_hash_table_unref(attributes);
+            secret_schema_unref(search);
+            return count;
+        });
+    Platform::setKeychainBackend(nullptr);
+}
+
+// Another process holds the store's write lock, its own UUID written but not committed:
+// initWithKey goes on within a moment with a UUID in memory, and once the lock is let go this
+// process holds the UUID that was stored first, as the store does.
+TEST(SystemFileKeychainTest, AHeldStoreDelaysNoCallAndTheUUIDStoredFirstIsAdopted) {
+    const ScratchDirectory scratch;
+    scratch.keychain();
+    const std::string theirs = "0E99A1B2-C3D4-4E5F-8A6B-7C8D9E0F1A2B";
+    std::jthread holder([&] {
+        EXPECT_EQ(Testing::runChildProcess({Testing::siblingExecutable("keychain_writer"),
+                                            scratch.path, "hold", "700", theirs},
+                                           {}),
+                  0);
+    });
+    while (!fs::exists(scratch.path + "/held")) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    const auto start = std::chrono::steady_clock::now();
+    NorvAnalytics::initWithKey(std::string("key"));
+    const std::string meanwhile = NorvAnalytics::getNorvAnalyticUUID();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(400));
+    EXPECT_NE(meanwhile, theirs);
+    // The write goes on on a thread of ours, named, that takes none of the host's signals.
+    EXPECT_TRUE(Testing::runsWithSignalBlocked("norv-keychain", SIGTERM));
+    holder.join();
+    while (NorvAnalytics::getNorvAnalyticUUID() != theirs &&
+           std::chrono::steady_clock::now() - start < std::chrono::seconds(5)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_EQ(NorvAnalytics::getNorvAnalyticUUID(), theirs);
+    EXPECT_EQ(Keychain::itemForKey("device_uuid", "NorvAnalyticDeviceUUID", nullptr), theirs);
+}
+
+// fork() while another thread writes: the child never touches the connection or locks it
+// inherited (a thread of the parent's may have held them), keeps the identity, and its cache
+// follows the store again, as its thread starts anew.
+TEST(SystemFileKeychainTest, AForkedChildWritesThroughItsOwnConnectionAndFollowsTheStore) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "ThreadSanitizer ends a child forked from a threaded process";
+#endif
+    const ScratchDirectory scratch;
+    scratch.keychain();
+    const std::string uuid = NorvAnalytics::getNorvAnalyticUUID();
+    NorvAnalytics::saveStoreUserID(std::string("parent"));
+    const auto waitForChild = [](pid_t child) {
+        int status = 0;
+        const auto start = std::chrono::steady_clock::now();
+        while (::waitpid(child, &status, WNOHANG) == 0) {
+            if (std::chrono::steady_clock::now() - start > std::chrono::seconds(5)) {
+                ::kill(child, SIGKILL);
+                ::waitpid(child, &status, 0);
+                return -1;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    };
+    std::atomic<bool> churning = true;
+    std::jthread writer([&] {
+        for (int round = 0; churning; ++round) {
+            Keychain::saveItem(std::string(1024, static_cast<char>('a' + round % 26)), "churn",
+                               "fork", nullptr);
+        }
+    });
+    for (int fork = 0; fork < 20; ++fork) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            const bool works = Keychain::saveItem("child", "mine", "fork", nullptr) &&
+                               NorvAnalytics::getNorvAnalyticUUID() == uuid;
+            ::_exit(works ? 0 : 1);
+        }
+        EXPECT_EQ(waitForChild(child), 0) << "fork " << fork;
+    }
+    churning = false;
+    writer.join();
+
+    const pid_t child = ::fork();
+    if (child == 0) {
+        auto& cache = KeychainItemCache::shared();
+        const auto start = std::chrono::steady_clock::now();
+        while (cache.item("user_id", "NorvAnalyticDeviceUUID").value != "later" &&
+               std::chrono::steady_clock::now() - start < std::chrono::seconds(3)) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        ::_exit(cache.item("user_id", "NorvAnalyticDeviceUUID").value == "later" ? 0 : 1);
+    }
+    NorvAnalytics::saveStoreUserID(std::string("later"));
+    EXPECT_EQ(waitForChild(child), 0);
 }
 
 }  // namespace

@@ -19,6 +19,7 @@
 
 #include "platform/HeadlessApplication.h"
 #include "support/LocalHttpServer.h"
+#include "support/ThreadList.h"
 
 // The platform's parts that meet real system pieces: sockets and TLS, and the desktop's programs.
 namespace NorvAnalytic {
@@ -217,6 +218,16 @@ TEST(HeadlessApplicationTest, AsksTheDesktopAndOpensWithoutAShellLeavingNoProces
     EXPECT_TRUE(fs::exists(directory / "opened"));
     EXPECT_FALSE(fs::exists(directory / "a") || fs::exists(directory / "b"));
     EXPECT_FALSE(HeadlessApplication(mime, directory / "none").openURL(store));
+
+    // An opener that lingers is waited for by a thread of ours, named and with the host's
+    // signals blocked, that ends once the opener is reaped.
+    const auto lingering = script("lingering", "exec sleep 0.5\n");
+    ASSERT_TRUE(HeadlessApplication(mime, lingering).openURL(store));
+    std::this_thread::sleep_for(100ms);
+    EXPECT_TRUE(Testing::runsWithSignalBlocked("norv-reaper", SIGTERM));
+    ASSERT_TRUE(noChildrenWithin(10s));
+    std::this_thread::sleep_for(300ms);
+    EXPECT_EQ(Testing::threadsByName().count("norv-reaper"), 0U);
     fs::remove_all(directory);
 }
 

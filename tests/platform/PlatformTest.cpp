@@ -3,6 +3,7 @@
 #include <NorvAnalytic/URL.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/stat.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
@@ -127,6 +128,67 @@ TEST(URLTest, AcceptsWhatRfc3986AcceptsAndKeepsTheTextAsGiven) {
         EXPECT_EQ(url ? url->absoluteString() + " " + url->scheme() : "",
                   scheme.empty() ? "" : text + " " + scheme);
     }
+}
+
+TEST(LinuxDeviceTest, ReadsTheDistributionsVersionAndTheFirstBattery) {
+    const auto root =
+        std::filesystem::temp_directory_path() / ("norv-device-" + std::to_string(::getpid()));
+    std::filesystem::create_directories(root / "power/AC");
+    std::filesystem::create_directories(root / "power/BAT0");
+    std::ofstream(root / "os-release")
+        << "NAME=\"Debian GNU/Linux\"\nVERSION_ID=\"12\"\nID=debian\n";
+    std::ofstream(root / "power/AC/type") << "Mains\n";
+    std::ofstream(root / "power/BAT0/type") << "Battery\n";
+    std::ofstream(root / "power/BAT0/capacity") << "75\n";
+    LinuxDevice device((root / "os-release").string(), (root / "power").string());
+    LinuxDevice bare((root / "missing").string(), (root / "none").string());
+    utsname names{};
+    ::uname(&names);
+    // No os-release: the kernel's release stands in.
+    EXPECT_EQ(
+        device.systemVersion() + " " + device.machineIdentifier() + " " + bare.systemVersion(),
+        std::string("12 ") + names.machine + " " + names.release);
+
+    // The level is known only while monitoring is on, counted across callers; no battery, or
+    // an unreadable one: unknown. It is read on a thread of ours, so a change shows a little
+    // later.
+    const auto soon = [](LinuxDevice& reader, float expected) {
+        const auto start = std::chrono::steady_clock::now();
+        while (reader.batteryLevel() != expected &&
+               std::chrono::steady_clock::now() - start < std::chrono::seconds(2)) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        return reader.batteryLevel();
+    };
+    std::vector<float> levels{device.batteryLevel()};
+    for (bool enabled : {true, true, false}) {
+        device.setBatteryMonitoringEnabled(enabled);
+        bare.setBatteryMonitoringEnabled(enabled);
+    }
+    levels.insert(levels.end(), {soon(device, 0.75F), bare.batteryLevel()});
+    std::ofstream(root / "power/BAT0/capacity") << "not a number\n";
+    levels.push_back(soon(device, -1.0F));
+    std::ofstream(root / "power/BAT0/capacity") << "40\n";
+    // One more stop than starts is ignored, so the next start turns monitoring on.
+    for (bool enabled : {false, false}) {
+        device.setBatteryMonitoringEnabled(enabled);
+        levels.push_back(device.batteryLevel());
+    }
+    device.setBatteryMonitoringEnabled(true);
+    levels.push_back(soon(device, 0.4F));
+    EXPECT_EQ(levels, (std::vector<float>{-1.0F, 0.75F, -1.0F, -1.0F, -1.0F, -1.0F, 0.4F}));
+
+    // A battery whose file does not answer (a FIFO nobody writes) keeps no caller waiting.
+    std::filesystem::remove(root / "power/BAT0/capacity");
+    ASSERT_EQ(::mkfifo((root / "power/BAT0/capacity").c_str(), 0600), 0);
+    LinuxDevice slow((root / "os-release").string(), (root / "power").string());
+    slow.setBatteryMonitoringEnabled(true);
+    auto level = std::async(std::launch::async, [&] { return slow.batteryLevel(); });
+    const bool answered = level.wait_for(std::chrono::seconds(1)) == std::future_status::ready;
+    std::ofstream(root / "power/BAT0/capacity") << "55\n";
+    EXPECT_TRUE(answered);
+    EXPECT_EQ(level.get(), -1.0F);
+    std::filesystem::remove_all(root);
 }
 
 }  // namespace

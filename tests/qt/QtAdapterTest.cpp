@@ -1,7 +1,9 @@
 #include <NorvAnalytic/Bundle.h>
+#include <NorvAnalytic/MainQueue.h>
 #include <NorvAnalytic/NorvAnalytics.h>
 #include <NorvAnalytic/Platform.h>
 #include <NorvAnalytic/QtAdapter.h>
+#include <NorvAnalytic/URL.h>
 #include <gtest/gtest.h>
 
 #include <QApplication>
@@ -10,6 +12,9 @@
 #include <QPushButton>
 #include <QTest>
 #include <QThread>
+#include <atomic>
+#include <chrono>
+#include <thread>
 
 #include "support/FakeKeychainBackend.h"
 #include "support/RecordingHttpClient.h"
@@ -90,6 +95,44 @@ TEST(QtAdapter, TheAlertIsAModalBoxOverTheActiveWindowDrivenFromTheGuiThread) {
     EXPECT_EQ(browser.opened.size(), 1);
     EXPECT_EQ(answeredOnGuiThread, (std::vector<bool>{true, true, true}));
     QDesktopServices::unsetUrlHandler("https");
+}
+
+// A desktop that takes its time to name a handler, as xdg-mime may; it knows only "x-test".
+class SlowDesktop final : public Application {
+public:
+    std::shared_ptr<Window> keyWindow() const override { return nullptr; }
+    bool canOpenURL(const URL& url) override {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        return url.scheme() == "x-test";
+    }
+    bool openURL(const URL&) override { return false; }
+};
+
+TEST(QtAdapter, TheGuiThreadNeverWaitsForTheDesktopAndNoTaskIsLostWithTheApplication) {
+    Platform::setApplication(std::make_shared<SlowDesktop>());
+    std::atomic<int> ran = 0;
+    {
+        int argc = 1;
+        char name[] = "qt_adapter_test";
+        char* argv[] = {name, nullptr};
+        QApplication application(argc, argv);
+        ASSERT_TRUE(QtAdapter::install());
+        const URL url = *URL::URLWithString("x-test://a");
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_FALSE(Platform::application()->canOpenURL(url));  // not asked yet
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100));
+        EXPECT_TRUE(QTest::qWaitFor([&] { return Platform::application()->canOpenURL(url); }));
+        // Posted to the GUI thread, whose loop never turns again.
+        for (int task = 0; task < 5; ++task) {
+            MainQueue::main().async([&] { ++ran; });
+        }
+    }
+    const auto gone = std::chrono::steady_clock::now();
+    while (ran < 5 && std::chrono::steady_clock::now() - gone < std::chrono::seconds(5)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_EQ(ran, 5);
+    Platform::setApplication(nullptr);
 }
 
 }  // namespace

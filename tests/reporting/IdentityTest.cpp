@@ -3,6 +3,9 @@
 #include <NorvAnalytic/Platform.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <thread>
+
 #include "reporting/DeviceIdentity.h"
 #include "support/FakeKeychainBackend.h"
 #include "support/RecordingLogSink.h"
@@ -57,6 +60,15 @@ TEST(Identity, OneUUIDIsMadeKeptAndRepairedAndTheUserIdFollowsTheHost) {
     Platform::setDiagnosticsSink(nullptr);
     EXPECT_EQ(reports, std::vector<DiagnosticLevel>(2, DiagnosticLevel::Error));
     EXPECT_EQ(log.lines(), std::vector<std::string>{});
+
+    // Once the store answers again, the process takes the UUID it holds.
+    keychain->failWith(std::nullopt);
+    const auto unlocked = std::chrono::steady_clock::now();
+    while (NorvAnalytics::getNorvAnalyticUUID() == first &&
+           std::chrono::steady_clock::now() - unlocked < std::chrono::seconds(5)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_EQ(NorvAnalytics::getNorvAnalyticUUID(), replacement);
     Platform::setKeychainBackend(nullptr);
 }
 

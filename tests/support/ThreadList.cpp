@@ -1,0 +1,35 @@
+#include "support/ThreadList.h"
+
+#include <filesystem>
+#include <fstream>
+
+namespace NorvAnalytic::Testing {
+
+std::multimap<std::string, unsigned long long> threadsByName() {
+    std::multimap<std::string, unsigned long long> threads;
+    std::error_code ignored;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task", ignored)) {
+        std::string name;
+        std::getline(std::ifstream(task.path() / "comm"), name);
+        std::ifstream status(task.path() / "status");
+        unsigned long long blocked = 0;
+        for (std::string line; std::getline(status, line);) {
+            if (line.starts_with("SigBlk:")) {
+                blocked = std::stoull(line.substr(7), nullptr, 16);
+            }
+        }
+        // A thread that ended between the listing and the reads has no name.
+        if (!name.empty()) {
+            threads.emplace(name, blocked);
+        }
+    }
+    return threads;
+}
+
+bool runsWithSignalBlocked(const std::string& name, int signal) {
+    const auto threads = threadsByName();
+    const auto found = threads.find(name);
+    return found != threads.end() && (found->second & (1ULL << (signal - 1))) != 0;
+}
+
+}  // namespace NorvAnalytic::Testing
