@@ -7,7 +7,7 @@
 #include "BuildConfig.h"
 #include "events/TextFormat.h"
 #include "keychain/KeychainItemCache.h"
-#include "reporting/DeviceIdentity.h"
+#include "events/DeviceIdentity.h"
 
 namespace NorvAnalytic {
 

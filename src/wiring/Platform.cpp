@@ -9,7 +9,7 @@
 #include "keychain/FileKeychainBackend.h"
 #include "platform/ConsoleLog.h"
 #include "platform/Diagnostics.h"
-#include "platform/HeadlessApplication.h"
+#include "ui/HeadlessApplication.h"
 #include "platform/LinuxDevice.h"
 #include "reachability/NetlinkReachabilityService.h"
 

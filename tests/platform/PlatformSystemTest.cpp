@@ -17,7 +17,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/HeadlessApplication.h"
+#include "ui/HeadlessApplication.h"
 #include "support/LocalHttpServer.h"
 #include "support/ThreadList.h"
 

@@ -2,7 +2,7 @@
 
 #include <regex>
 
-#include "reporting/DeviceIdentity.h"
+#include "events/DeviceIdentity.h"
 
 namespace NorvAnalytic {
 namespace {

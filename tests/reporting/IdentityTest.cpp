@@ -6,7 +6,7 @@
 #include <chrono>
 #include <thread>
 
-#include "reporting/DeviceIdentity.h"
+#include "events/DeviceIdentity.h"
 #include "support/FakeKeychainBackend.h"
 #include "support/RecordingLogSink.h"
 

@@ -5,7 +5,7 @@
 #include <NorvAnalytic/MainQueue.h>
 #include <NorvAnalytic/Platform.h>
 
-#include "reporting/DeviceIdentity.h"
+#include "events/DeviceIdentity.h"
 #include "delivery/DeliveryQueue.h"
 #include "events/EventTable.h"
 #include "events/TextFormat.h"

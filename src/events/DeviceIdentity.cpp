@@ -1,4 +1,4 @@
-#include "reporting/DeviceIdentity.h"
+#include "events/DeviceIdentity.h"
 
 #include <uuid/uuid.h>
 

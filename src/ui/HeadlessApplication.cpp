@@ -1,4 +1,4 @@
-#include "platform/HeadlessApplication.h"
+#include "ui/HeadlessApplication.h"
 
 #include <fcntl.h>
 #include <poll.h>

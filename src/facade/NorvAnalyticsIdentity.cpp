@@ -8,7 +8,7 @@
 
 #include "keychain/KeychainItemCache.h"
 #include "platform/Diagnostics.h"
-#include "reporting/DeviceIdentity.h"
+#include "events/DeviceIdentity.h"
 
 namespace NorvAnalytic {
 
