@@ -78,10 +78,10 @@ TEST_F(CollectorTest, StoresAndListsEveryBodyAsItArrived) {
     EXPECT_EQ(
         std::regex_replace(table, std::regex(R"(20\d\d-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z)"),
                            "YYYY-MM-DDThh:mm:ss.sssZ"),
-        R"(ID    RECEIVED                 STATUS TYPE                  VALUE       DEVICE    DETAIL                            BYTES
-1     YYYY-MM-DDThh:mm:ss.sssZ 200    5 User Login          -           0123456~  username=al                       80
+        R"(ID    RECEIVED                 STATUS TYPE                  VALUE       DEVICE    SUMMARY                           BYTES
+1     YYYY-MM-DDThh:mm:ss.sssZ 200    5 User Login          -           0123456~  al                                80
 2     YYYY-MM-DDThh:mm:ss.sssZ 503    -                     -           -                                           0
-3     YYYY-MM-DDThh:mm:ss.sssZ 200    -                     12345678.0~ -         endpoint=eeeeeeeeeeeeeeeeeeeeeee~ 204831
+3     YYYY-MM-DDThh:mm:ss.sssZ 200    -                     12345678.0~ -         endpoint: eeeeeeeeeeeeeeeeeeeeee~ 204831
 3 events
 )");
     const std::string raw = cli({"list", "--db", database_, "--raw"}).second;
