@@ -2,6 +2,8 @@
 #include <httplib.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <regex>
@@ -10,6 +12,7 @@
 
 #include "CollectorCli.h"
 #include "CollectorServer.h"
+#include "EventSummary.h"
 
 namespace NorvAnalytic::Collector {
 namespace {
@@ -184,6 +187,133 @@ TEST_F(CollectorTest, StreamsTheNewEventsItsFiltersMatch) {
     sender.join();
     EXPECT_EQ(received.find(R"("device":"A")"), std::string::npos) << received;
     EXPECT_NE(received.find("id: 2\nevent: events\n"), std::string::npos) << received;
+}
+
+// Live pages filter events in memory, the list and the counts in SQL: they must agree.
+TEST_F(CollectorTest, FiltersAgreeOnLivePagesInTheListCountsAndRates) {
+    for (const char* body :
+         {"type=2&device_uuid=AAAA-1&username=Ann", "type=7&device_uuid=AAAB-2&pageName=Orders",
+          "type=7&device_uuid=BAAA-3&pageName=ann%27s", "type=70&device_uuid=aaaa-4", "error=x",
+          "type=2&device_uuid=AAAA-5&username=ANNE%20B"}) {
+        post(body);
+    }
+    EventFilter type7;
+    type7.typeId = "7";
+    EventFilter prefix;
+    prefix.device = "AAA";
+    EventFilter text;
+    text.text = "aNn";
+    EventFilter both = text;
+    both.typeId = "2";
+    both.device = "AAAA-";
+    for (const EventFilter& filter : {EventFilter{}, type7, prefix, text, both}) {
+        std::vector<std::int64_t> inSql;
+        for (const StoredEvent& event : store_.events(filter)) {
+            inSql.push_back(event.id);
+        }
+        std::vector<std::int64_t> inMemory;
+        for (const StoredEvent& event : store_.events()) {
+            if (filter.matches(event)) {
+                inMemory.push_back(event.id);
+            }
+        }
+        EXPECT_EQ(inMemory, inSql) << filter.typeId.value_or("") << filter.device.value_or("")
+                                   << filter.text.value_or("");
+        EXPECT_EQ(store_.counts(filter).total, static_cast<std::int64_t>(inSql.size()));
+        std::int64_t rated = 0;
+        for (const RateBucket& bucket : store_.rates(filter, false)) {
+            rated += bucket.count;
+        }
+        EXPECT_EQ(rated, static_cast<std::int64_t>(inSql.size()));
+    }
+    EXPECT_EQ(store_.counts(both).byType, (std::vector<std::pair<std::string, std::int64_t>>{{"2", 2}}));
+    EXPECT_EQ(store_.counts(both).lastId, 6);
+}
+
+TEST(EventSummaryTest, TellsEventsOfATypeApart) {
+    const std::string offered =
+        R"({"message":"Event saved","code":200,"payload":{"analytics_enabled":false,)"
+        R"("force_version":null,"offer_version":{"no":"9.9.9","download_url":"d"}}})";
+    const std::tuple<std::string, std::string, std::string> cases[] = {
+        {"type=7&value=0.000000&pageName=Orders&username=ann", "", "Orders"},
+        {"type=2&value=1.000000&username=ann&device_name=Till", offered,
+         "open · ann · Till · collection off · offered 9.9.9"},
+        {"type=2&value=0.000000", R"({"payload":null})", "close"},
+        {"type=15&parameters=user%3Dbob&error=wrong password", "", "wrong password · user%3Dbob"},
+        {"type=1&endpoint=/api/orders&value=0.250000", "", "/api/orders · 0.250000"},
+        {"type=99&pageName=x", "", ""},
+        {"value=0.000000&warehouse=North&username=ann", "", "username: ann"},
+        {"", "not json", ""},
+    };
+    for (const auto& [body, answer, expected] : cases) {
+        StoredEvent event;
+        event.pairs = CollectorStore::parsePairs(body);
+        event.answer = answer;
+        EXPECT_EQ(EventSummary::of(event), expected) << body;
+    }
+}
+
+// The command line and the page's download link write the same file.
+TEST_F(CollectorTest, ExportsWhatItsFiltersMatchAsJsonLinesAndCsv) {
+    post("type=7&pageName=Orders, \"new\"\r\nline&device_uuid=D1");
+    post("type=2&device_uuid=D2");
+    post("type=7&pageName=Stock&device_uuid=D3");
+    const auto [status, csv] = cli({"export", "--db", database_, "--format", "csv", "--type", "7"});
+    EXPECT_EQ(status, 0);
+    const std::string header = "id,received_at,status,type,type_name,device,summary,body,answer\r\n";
+    ASSERT_TRUE(csv.starts_with(header)) << csv;
+    EXPECT_NE(csv.find(R"(,200,7,Page Open,D1,"Orders, ""new"")" "\r\nline\","), std::string::npos) << csv;
+    EXPECT_NE(csv.find("\r\n3,"), std::string::npos) << csv;
+    EXPECT_EQ(csv.find(",D2,"), std::string::npos) << csv;
+
+    const std::string jsonl = cli({"export", "--db", database_, "--format", "jsonl", "--device", "D3"}).second;
+    EXPECT_EQ(std::count(jsonl.begin(), jsonl.end(), '\n'), 1) << jsonl;
+    const Json line = Json::parse(jsonl);
+    EXPECT_EQ(line.at("body"), "type=7&pageName=Stock&device_uuid=D3");
+    EXPECT_EQ(line.at("summary"), "Stock");
+
+    EXPECT_EQ(client_.Get("/api/export?format=csv&type=7")->body, csv);
+    EXPECT_EQ(client_.Get("/api/export?format=jsonl&device=D3")->body, jsonl);
+    EXPECT_EQ(client_.Get("/api/export?format=xml")->status, 400);
+    EXPECT_EQ(cli({"export", "--db", database_, "--format", "xml"}).first, 2);
+}
+
+// Each live page holds a server thread; the SDK's events must still be answered, and every
+// page must get them, with more pages open than the server keeps threads for requests.
+TEST_F(CollectorTest, ManyLivePagesGetEveryEventWhileEventsAreAnswered) {
+    constexpr int kPages = static_cast<int>(CollectorServer::kRequestThreads) + 8;
+    std::atomic<int> reached{0};
+    // Pages give up then, so that a server that starves them fails the test, not hangs it.
+    const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    std::vector<std::thread> pages;
+    for (int index = 0; index < kPages; ++index) {
+        pages.emplace_back([this, &reached, giveUp] {
+            std::string received;
+            httplib::Client stream("127.0.0.1", port_);
+            stream.set_read_timeout(std::chrono::seconds(10));
+            stream.Get("/api/stream", [&](const char* data, std::size_t length) {
+                received.append(data, length);
+                const bool seen = received.find(R"("device":"late")") != std::string::npos;
+                reached += seen ? 1 : 0;
+                return !seen && std::chrono::steady_clock::now() < giveUp;
+            });
+        });
+    }
+    const auto livePages = [this] {
+        const auto state = client_.Get("/control/state");
+        return state ? Json::parse(state->body).at("live_pages").get<int>() : -1;
+    };
+    while (livePages() < kPages && std::chrono::steady_clock::now() < giveUp) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    httplib::Client sdk("127.0.0.1", port_);
+    sdk.set_read_timeout(std::chrono::seconds(5));
+    const auto answer = sdk.Post("/api/v3/saveEvent", "type=7&device_uuid=late", "text/plain");
+    EXPECT_TRUE(answer && answer->status == 200);
+    for (std::thread& page : pages) {
+        page.join();
+    }
+    EXPECT_EQ(reached, kPages);
 }
 
 // A page the developer visits on another site must not steer the collector or read its events.
