@@ -51,8 +51,9 @@ function eventRow(event) {
   tr.dataset.id = event.id;
   const time = cell(tr, event.received_at.slice(11, 23));
   time.title = event.received_at;
+  if (event.type !== null && event.type_name) typeNames.set(event.type, event.type_name);
   const type = cell(tr, typeLabel(event.type), "type");
-  if (event.type !== null) type.append(Object.assign(document.createElement("small"), { textContent: event.type }));
+  if (event.type !== null) type.append(" ", Object.assign(document.createElement("small"), { textContent: event.type }));
   cell(tr, decoded(event.summary), "summary");
   cell(tr, event.device.slice(0, 8), "device").title = event.device;
   cell(tr, event.status, event.status === 200 ? "ok" : "refused");
