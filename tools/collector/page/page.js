@@ -83,6 +83,7 @@ function toggleBody(tr, event) {
   }
   if (event.answer) {
     const row = pairs.insertRow();
+    row.className = "answer";
     cell(row, "answer", "key");
     cell(row, `${event.status} ${event.answer}`, "value");
     cell(row, "", "sent");
@@ -125,7 +126,9 @@ async function load() {
   }
   if (source) source.close();
   $("rows").replaceChildren();
-  await Promise.all([fetchOlder(0), loadCounts(), loadRate()]);
+  await Promise.all([fetchOlder(0), loadCounts()]);
+  // The chart names and colours its types by the counts' list.
+  await loadRate();
   const newest = $("rows").querySelector("tr.event");
   params.set("after", newest ? newest.dataset.id : 0);
   source = new EventSource("/api/stream?" + params);
@@ -291,7 +294,8 @@ function drawRate() {
     }
   }
   svg.replaceChildren(...shapes);
-  $("legend").replaceChildren(...[...seen].map((type) => {
+  const inOrder = ["", ...typeNames.keys()].filter((type) => seen.has(type));
+  $("legend").replaceChildren(...inOrder.map((type) => {
     const item = document.createElement("span");
     const swatch = document.createElement("i");
     swatch.style.background = colour(type);
