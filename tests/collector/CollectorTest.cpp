@@ -13,6 +13,7 @@
 #include "CollectorCli.h"
 #include "CollectorServer.h"
 #include "EventSummary.h"
+#include "LiveStreams.h"
 
 namespace NorvAnalytic::Collector {
 namespace {
@@ -314,6 +315,56 @@ TEST_F(CollectorTest, ManyLivePagesGetEveryEventWhileEventsAreAnswered) {
         page.join();
     }
     EXPECT_EQ(reached, kPages);
+}
+
+// A page reads what came before it opened from the store and the rest from its queue: each
+// event exactly once, in order. A page that stops reading is cut off, not left to grow.
+TEST(LiveStreamsTest, GivesEachEventOnceAndCutsOffAPageThatFallsBehind) {
+    const std::filesystem::path directory =
+        std::filesystem::temp_directory_path() / ("norv-streams-" + std::to_string(getpid()));
+    {
+        CollectorStore store((directory / "collector.sqlite").string());
+        const auto now = std::chrono::system_clock::now();
+        for (const char* body : {"a1", "a2", "a3"}) {
+            store.save(body, now, 200);
+        }
+        LiveStreams streams(store, [](const StoredEvent& event) { return event.body; },
+                            [] { return std::string("{}"); });
+        streams.start();
+        EventFilter after1;
+        after1.afterId = 1;
+        const auto page = streams.open(after1);
+        for (const char* body : {"a4", "a5"}) {
+            store.save(body, now, 200);
+            streams.publish();
+        }
+        std::string seen;
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (seen.find("a5") == std::string::npos && std::chrono::steady_clock::now() < deadline) {
+            const std::string text = streams.next(*page, std::chrono::milliseconds(100)).value_or("");
+            const std::regex body("a\\d");
+            for (auto match = std::sregex_iterator(text.begin(), text.end(), body);
+                 match != std::sregex_iterator(); ++match) {
+                seen += match->str() + " ";
+            }
+        }
+        EXPECT_EQ(seen, "a2 a3 a4 a5 ");
+        streams.leave(page);
+
+        const auto idle = streams.open({});
+        const std::string large(LiveStreams::kMaxQueuedBytes / 3, 'x');
+        for (int index = 0; index < 4; ++index) {
+            store.save(large, now, 200);
+            streams.publish();
+        }
+        while (streams.pagesCut() == 0 && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        EXPECT_EQ(streams.pagesCut(), 1U);
+        EXPECT_EQ(streams.next(*idle, std::chrono::milliseconds(0)), std::nullopt);
+        streams.close();
+    }
+    std::filesystem::remove_all(directory);
 }
 
 // A page the developer visits on another site must not steer the collector or read its events.

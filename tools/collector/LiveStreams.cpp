@@ -90,6 +90,12 @@ void LiveStreams::leave(const std::shared_ptr<Page>& page) {
 }
 
 std::optional<std::string> LiveStreams::next(Page& page, std::chrono::milliseconds timeout) {
+    {
+        std::lock_guard lock(mutex_);
+        if (closed_ || page.cut) {
+            return std::nullopt;
+        }
+    }
     if (page.filter.afterId < page.catchUpTo) {
         page.filter.beforeId = page.catchUpTo + 1;
         const std::vector<StoredEvent> events = store_.events(page.filter);
