@@ -22,7 +22,7 @@ namespace NorvAnalytic::Collector {
 class LiveStreams {
 public:
     static constexpr std::size_t kMaxPages = 128;
-    // What one page may have waiting; a burst of 10,000 events is about 8 MB for all pages.
+    // What one page may have waiting before it is cut off.
     static constexpr std::size_t kMaxQueuedBytes = 2 * 1024 * 1024;
 
     struct Page;
