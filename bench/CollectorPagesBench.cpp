@@ -34,7 +34,7 @@ using WallClock = std::chrono::system_clock;
 struct LivePage {
     std::atomic<long long> lastId{0};
     std::atomic<long long> worstMillis{0};
-    std::atomic<bool> open{false};
+    std::atomic<int> reconnects{0};
     std::string pending;
 
     void take(const char* data, std::size_t length) {
@@ -130,13 +130,18 @@ int main(int argc, char** argv) {
     std::vector<std::thread> readers;
     for (LivePage& page : pages) {
         readers.emplace_back([&page, &stopping, port] {
-            httplib::Client client("127.0.0.1", port);
-            client.set_read_timeout(std::chrono::seconds(10));
-            client.Get("/api/stream", [&](const char* data, std::size_t length) {
-                page.open = true;
-                page.take(data, length);
-                return !stopping.load();
-            });
+            // As a browser does, a page that loses its stream opens it again where it left off.
+            while (!stopping) {
+                httplib::Client client("127.0.0.1", port);
+                client.set_read_timeout(std::chrono::seconds(10));
+                const httplib::Headers from{{"Last-Event-ID", std::to_string(page.lastId.load())}};
+                client.Get("/api/stream", from, [&](const char* data, std::size_t length) {
+                    page.take(data, length);
+                    return !stopping.load();
+                });
+                page.pending.clear();
+                page.reconnects += stopping ? 0 : 1;
+            }
         });
     }
     httplib::Client control("127.0.0.1", port);
@@ -184,7 +189,9 @@ int main(int argc, char** argv) {
     const auto state = control.Get("/control/state");
     long long worst = 0;
     int behind = 0;
+    int reconnects = 0;
     for (const LivePage& page : pages) {
+        reconnects += page.reconnects;
         worst = std::max<long long>(worst, page.worstMillis);
         behind += page.lastId < lastId ? 1 : 0;
     }
@@ -201,7 +208,7 @@ int main(int argc, char** argv) {
     std::printf("events sent            %d in %.2f s (every one answered: %s, dropped lines: %d)\n",
                 eventCount, burstSeconds, answered ? "yes" : "NO", dropped.load());
     std::printf("events stored          %lld\n", lastId);
-    std::printf("pages behind at end    %d\n", behind);
+    std::printf("pages behind at end    %d (streams opened again: %d)\n", behind, reconnects);
     std::printf("slowest page, worst    %lld ms after arrival\n", worst);
     std::printf("collector peak RSS     %.1f MB\n", static_cast<double>(peakKb) / 1024.0);
     std::printf("state at end           %s\n", state ? state->body.substr(state->body.find("\"live_pages\"")).c_str() : "-");

@@ -195,9 +195,10 @@ CollectorServer::CollectorServer(CollectorStore& store, Steering steering)
     server_->set_tcp_nodelay(true);
     // httplib's default also sets SO_REUSEPORT, which would let a second collector share the
     // port silently; a restart only needs SO_REUSEADDR.
-    server_->set_socket_options([](int socket) {
+    server_->set_socket_options([this](int socket) {
         const int on = 1;
         setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+        listenSocket_ = socket;
     });
     route();
 }
@@ -210,6 +211,9 @@ int CollectorServer::start(const std::string& host, int port) {
     if (bound <= 0) {
         throw std::runtime_error("cannot listen on " + host + ":" + std::to_string(port));
     }
+    // httplib listens with a backlog of 5, which drops connections when many pages open at
+    // once; listening again on the bound socket raises it.
+    ::listen(listenSocket_, 256);
     listenHost_ = host;
     streams_.start();
     thread_ = startSdkThread("norv-listen", [this] { server_->listen_after_bind(); });

@@ -78,6 +78,7 @@ private:
     std::unique_ptr<httplib::Server> server_;
     std::thread thread_;
     std::string listenHost_;
+    int listenSocket_ = -1;
     mutable std::mutex mutex_;
     Steering steering_;
     Refusal refusal_;
