@@ -410,7 +410,13 @@ void CollectorServer::route() {
                                                      httplib::DataSink& sink) mutable {
                 std::string text = started ? "" : EventExport::header(format);
                 started = true;
-                const std::vector<StoredEvent> events = store_.events(*filter);
+                std::vector<StoredEvent> events;
+                try {
+                    events = store_.events(*filter);
+                } catch (const std::exception&) {
+                    // The file ends cut short, which the browser reports as a failed download.
+                    return false;
+                }
                 for (const StoredEvent& event : events) {
                     text += EventExport::line(format, event);
                 }

@@ -98,7 +98,13 @@ std::optional<std::string> LiveStreams::next(Page& page, std::chrono::millisecon
     }
     if (page.filter.afterId < page.catchUpTo) {
         page.filter.beforeId = page.catchUpTo + 1;
-        const std::vector<StoredEvent> events = store_.events(page.filter);
+        std::vector<StoredEvent> events;
+        try {
+            events = store_.events(page.filter);
+        } catch (const std::exception&) {
+            // Ends this stream; the browser opens it again where it left off.
+            return std::nullopt;
+        }
         if (events.empty()) {
             page.filter.afterId = page.catchUpTo;
             return "";
@@ -163,12 +169,19 @@ void LiveStreams::run() {
         unread.afterId = lastId_;
         unread.limit = kBatch;
         lock.unlock();
-        const std::string state = state_();
-        const std::vector<StoredEvent> events = store_.events(unread);
+        std::string state;
+        std::vector<StoredEvent> events;
         std::vector<std::string> rows;
-        rows.reserve(events.size());
-        for (const StoredEvent& event : events) {
-            rows.push_back(eventJson_(event));
+        try {
+            state = state_();
+            events = store_.events(unread);
+            for (const StoredEvent& event : events) {
+                rows.push_back(eventJson_(event));
+            }
+        } catch (const std::exception&) {
+            // A store that failed once may not fail again: the pages wait for the next change.
+            lock.lock();
+            continue;
         }
         lock.lock();
         if (state != lastState_) {
