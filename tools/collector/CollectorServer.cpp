@@ -381,12 +381,14 @@ void CollectorServer::route() {
         EventFilter filter = filterFrom(request);
         filter.since = CollectorStore::isoTime(now - std::chrono::seconds(span));
         Json rows = Json::array();
-        for (const RateBucket& bucket : store_.rates(filter, perMinute)) {
+        std::int64_t lastId = 0;
+        for (const RateBucket& bucket : store_.rates(filter, perMinute, &lastId)) {
             rows.push_back(Json::array({bucket.time, bucket.typeId, bucket.refused, bucket.count}));
         }
         response.set_content(dumpJson(Json{{"now", CollectorStore::isoTime(now)},
                                            {"span", span},
                                            {"bucket", perMinute ? 60 : 1},
+                                           {"last_id", lastId},
                                            {"rows", rows}}),
                              "application/json");
     });

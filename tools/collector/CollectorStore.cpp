@@ -270,7 +270,8 @@ EventCounts CollectorStore::counts(const EventFilter& filter) const {
     return counts;
 }
 
-std::vector<RateBucket> CollectorStore::rates(const EventFilter& filter, bool perMinute) const {
+std::vector<RateBucket> CollectorStore::rates(const EventFilter& filter, bool perMinute,
+                                              std::int64_t* lastId) const {
     EventFilter all = filter;
     all.afterId = 0;
     all.beforeId = 0;
@@ -288,6 +289,11 @@ std::vector<RateBucket> CollectorStore::rates(const EventFilter& filter, bool pe
         buckets.push_back({columnText(select.get(), 0), columnText(select.get(), 1),
                            sqlite3_column_int(select.get(), 2) != 0,
                            sqlite3_column_int64(select.get(), 3)});
+    }
+    if (lastId != nullptr) {
+        Statement newest = prepare(database_, "SELECT COALESCE(MAX(id), 0) FROM events");
+        sqlite3_step(newest.get());
+        *lastId = sqlite3_column_int64(newest.get(), 0);
     }
     return buckets;
 }

@@ -93,7 +93,9 @@ public:
     EventCounts counts(const EventFilter& filter = {}) const;
     // The events the filter matches from filter.since on, counted per second (or per minute
     // with perMinute), type and refusal; buckets are times cut to "2026-11-22T06:30:01".
-    std::vector<RateBucket> rates(const EventFilter& filter, bool perMinute) const;
+    // lastId, when given, receives the newest event id they include.
+    std::vector<RateBucket> rates(const EventFilter& filter, bool perMinute,
+                                  std::int64_t* lastId = nullptr) const;
     // The id of the newest stored event, 0 when there is none.
     std::int64_t lastId() const;
 

@@ -104,6 +104,11 @@ async function fetchOlder(before) {
   const events = await (await fetch("/api/events?" + query)).json();
   $("rows").append(...events.map(eventRow));
   $("older").hidden = events.length < kPage;
+  // Events that arrived after the counts and the chart were read, before the stream opens.
+  for (const event of events) {
+    count(event);
+    chart(event);
+  }
 }
 
 function trimWindow() {
@@ -126,9 +131,10 @@ async function load() {
   }
   if (source) source.close();
   $("rows").replaceChildren();
-  await Promise.all([fetchOlder(0), loadCounts()]);
-  // The chart names and colours its types by the counts' list.
+  // The chart names and colours its types by the counts' list; the rows come after both.
+  await loadCounts();
   await loadRate();
+  await fetchOlder(0);
   const newest = $("rows").querySelector("tr.event");
   params.set("after", newest ? newest.dataset.id : 0);
   source = new EventSource("/api/stream?" + params);
@@ -213,6 +219,7 @@ async function loadRate() {
   rate = {
     span: loaded.span * 1000,
     bucket: loaded.bucket * 1000,
+    lastId: loaded.last_id,
     // Server time minus ours: the buckets are in the server's clock.
     offset: Date.parse(loaded.now) - Date.now(),
     buckets: new Map(),
@@ -231,8 +238,9 @@ function add(start, type, refused, value) {
   if (refused) bucket.refused += value;
 }
 
+// Events the chart already holds (those up to its last id) are not drawn twice.
 function chart(event) {
-  if (!rate) return;
+  if (!rate || event.id <= rate.lastId) return;
   const time = Date.parse(event.received_at);
   add(time - (time % rate.bucket), event.type === null ? "" : event.type, event.status !== 200, 1);
 }
