@@ -109,6 +109,7 @@ async function fetchOlder(before) {
     count(event);
     chart(event);
   }
+  redrawSoon();
 }
 
 function trimWindow() {
