@@ -70,8 +70,10 @@ class PageTest(unittest.TestCase):
         return [cell.text for cell in self.browser.find_elements(By.CSS_SELECTOR, selector)]
 
     def counts(self):
-        return dict(row.text.rsplit(" ", 1) for row in self.browser.find_elements(By.CSS_SELECTOR, "#counts tr")
-                    if row.is_displayed())
+        # Read in one step: the page rebuilds the table as events arrive.
+        return dict(self.browser.execute_script(
+            "return [...document.querySelectorAll('#counts tr:not(.zero)')]"
+            ".map((row) => [row.cells[0].textContent, row.cells[1].textContent])"))
 
     def run_host(self):
         environment = dict(os.environ, XDG_DATA_HOME=os.path.join(self.work.name, "data"))
