@@ -17,6 +17,9 @@ std::string eventsMessage(std::int64_t lastId, const std::string& rows) {
 
 struct LiveStreams::Page {
     EventFilter filter;
+    // The page asked for the events after this one; the events the store had not yet handed
+    // out when it opened may be older.
+    std::int64_t startAfter = 0;
     // Events after filter.afterId up to this id are read from the store by the page's thread;
     // the later ones come through the queue.
     std::int64_t catchUpTo = 0;
@@ -71,6 +74,7 @@ std::shared_ptr<LiveStreams::Page> LiveStreams::open(const EventFilter& filter) 
         if (closed_ || pages_.size() >= kMaxPages) {
             return nullptr;
         }
+        page->startAfter = filter.afterId;
         page->catchUpTo = lastId_;
         page->queue.push_back(state);
         page->queuedBytes = state.size();
@@ -194,7 +198,7 @@ void LiveStreams::run() {
             std::string matching;
             std::int64_t lastMatching = 0;
             for (std::size_t index = 0; index < events.size(); ++index) {
-                if (page->filter.matches(events[index])) {
+                if (events[index].id > page->startAfter && page->filter.matches(events[index])) {
                     matching += (matching.empty() ? "" : ",") + rows[index];
                     lastMatching = events[index].id;
                 }
