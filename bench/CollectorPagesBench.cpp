@@ -1,6 +1,5 @@
-#include <NorvAnalytic/NorvAnalytic.h>
-
 #include <NorvAnalytic/Bundle.h>
+#include <NorvAnalytic/NorvAnalytic.h>
 #include <httplib.h>
 #include <signal.h>
 #include <spawn.h>
@@ -54,7 +53,8 @@ struct LivePage {
             lastId = id;
             const std::size_t at = message.find("\"received_at\":\"");
             if (at != std::string::npos) {
-                worstMillis = std::max<long long>(worstMillis, now - millisOf(message.substr(at + 15, 24)));
+                worstMillis =
+                    std::max<long long>(worstMillis, now - millisOf(message.substr(at + 15, 24)));
             }
         }
     }
@@ -177,7 +177,8 @@ int main(int argc, char** argv) {
 
     const auto counts = control.Get("/api/counts");
     const std::size_t at = counts ? counts->body.find("\"last_id\":") : std::string::npos;
-    const long long lastId = at == std::string::npos ? -1 : std::atoll(counts->body.c_str() + at + 10);
+    const long long lastId =
+        at == std::string::npos ? -1 : std::atoll(counts->body.c_str() + at + 10);
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     const auto allSeen = [&] {
         return std::all_of(pages.begin(), pages.end(),
@@ -211,9 +212,10 @@ int main(int argc, char** argv) {
     std::printf("pages behind at end    %d (streams opened again: %d)\n", behind, reconnects);
     std::printf("slowest page, worst    %lld ms after arrival\n", worst);
     std::printf("collector peak RSS     %.1f MB\n", static_cast<double>(peakKb) / 1024.0);
-    std::printf("state at end           %s\n", state ? state->body.substr(state->body.find("\"live_pages\"")).c_str() : "-");
-    const bool met = answered && lastId == eventCount && behind == 0 && worst <= 1000 &&
-                     peakKb < 100 * 1024;
+    std::printf("state at end           %s\n",
+                state ? state->body.substr(state->body.find("\"live_pages\"")).c_str() : "-");
+    const bool met =
+        answered && lastId == eventCount && behind == 0 && worst <= 1000 && peakKb < 100 * 1024;
     std::printf("%s\n", met ? "targets met" : "TARGETS MISSED");
     return met ? 0 : 1;
 }

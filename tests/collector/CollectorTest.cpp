@@ -218,8 +218,8 @@ TEST_F(CollectorTest, FiltersAgreeOnLivePagesInTheListCountsAndRates) {
                 inMemory.push_back(event.id);
             }
         }
-        EXPECT_EQ(inMemory, inSql) << filter.typeId.value_or("") << filter.device.value_or("")
-                                   << filter.text.value_or("");
+        EXPECT_EQ(inMemory, inSql)
+            << filter.typeId.value_or("") << filter.device.value_or("") << filter.text.value_or("");
         EXPECT_EQ(store_.counts(filter).total, static_cast<std::int64_t>(inSql.size()));
         std::int64_t rated = 0;
         for (const RateBucket& bucket : store_.rates(filter, false)) {
@@ -227,7 +227,8 @@ TEST_F(CollectorTest, FiltersAgreeOnLivePagesInTheListCountsAndRates) {
         }
         EXPECT_EQ(rated, static_cast<std::int64_t>(inSql.size()));
     }
-    EXPECT_EQ(store_.counts(both).byType, (std::vector<std::pair<std::string, std::int64_t>>{{"2", 2}}));
+    EXPECT_EQ(store_.counts(both).byType,
+              (std::vector<std::pair<std::string, std::int64_t>>{{"2", 2}}));
     EXPECT_EQ(store_.counts(both).lastId, 6);
 }
 
@@ -261,13 +262,18 @@ TEST_F(CollectorTest, ExportsWhatItsFiltersMatchAsJsonLinesAndCsv) {
     post("type=7&pageName=Stock&device_uuid=D3");
     const auto [status, csv] = cli({"export", "--db", database_, "--format", "csv", "--type", "7"});
     EXPECT_EQ(status, 0);
-    const std::string header = "id,received_at,status,type,type_name,device,summary,body,answer\r\n";
+    const std::string header =
+        "id,received_at,status,type,type_name,device,summary,body,answer\r\n";
     ASSERT_TRUE(csv.starts_with(header)) << csv;
-    EXPECT_NE(csv.find(R"(,200,7,Page Open,D1,"Orders, ""new"")" "\r\nline\","), std::string::npos) << csv;
+    EXPECT_NE(csv.find(R"(,200,7,Page Open,D1,"Orders, ""new"")"
+                       "\r\nline\","),
+              std::string::npos)
+        << csv;
     EXPECT_NE(csv.find("\r\n3,"), std::string::npos) << csv;
     EXPECT_EQ(csv.find(",D2,"), std::string::npos) << csv;
 
-    const std::string jsonl = cli({"export", "--db", database_, "--format", "jsonl", "--device", "D3"}).second;
+    const std::string jsonl =
+        cli({"export", "--db", database_, "--format", "jsonl", "--device", "D3"}).second;
     EXPECT_EQ(std::count(jsonl.begin(), jsonl.end(), '\n'), 1) << jsonl;
     const Json line = Json::parse(jsonl);
     EXPECT_EQ(line.at("body"), "type=7&pageName=Stock&device_uuid=D3");
@@ -328,8 +334,9 @@ TEST(LiveStreamsTest, GivesEachEventOnceAndCutsOffAPageThatFallsBehind) {
         for (const char* body : {"a1", "a2", "a3"}) {
             store.save(body, now, 200);
         }
-        LiveStreams streams(store, [](const StoredEvent& event) { return event.body; },
-                            [] { return std::string("{}"); });
+        LiveStreams streams(
+            store, [](const StoredEvent& event) { return event.body; },
+            [] { return std::string("{}"); });
         streams.start();
         EventFilter after1;
         after1.afterId = 1;
@@ -340,8 +347,10 @@ TEST(LiveStreamsTest, GivesEachEventOnceAndCutsOffAPageThatFallsBehind) {
         }
         std::string seen;
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (seen.find("a5") == std::string::npos && std::chrono::steady_clock::now() < deadline) {
-            const std::string text = streams.next(*page, std::chrono::milliseconds(100)).value_or("");
+        while (seen.find("a5") == std::string::npos &&
+               std::chrono::steady_clock::now() < deadline) {
+            const std::string text =
+                streams.next(*page, std::chrono::milliseconds(100)).value_or("");
             const std::regex body("a\\d");
             for (auto match = std::sregex_iterator(text.begin(), text.end(), body);
                  match != std::sregex_iterator(); ++match) {

@@ -338,44 +338,43 @@ void CollectorServer::route() {
                      response.set_content(dumpJson(events), "application/json");
                  });
 
-    server_->Get("/api/counts", [this](const httplib::Request& request,
-                                       httplib::Response& response) {
-        const EventCounts counts = store_.counts(filterFrom(request));
-        // Every type the SDK sends, then any other type that arrived.
-        Json types = Json::array();
-        const auto add = [&types](const std::string& type, std::int64_t count) {
-            for (Json& known : types) {
-                if (known["type"] == type) {
-                    known["count"] = count;
-                    return;
+    server_->Get(
+        "/api/counts", [this](const httplib::Request& request, httplib::Response& response) {
+            const EventCounts counts = store_.counts(filterFrom(request));
+            // Every type the SDK sends, then any other type that arrived.
+            Json types = Json::array();
+            const auto add = [&types](const std::string& type, std::int64_t count) {
+                for (Json& known : types) {
+                    if (known["type"] == type) {
+                        known["count"] = count;
+                        return;
+                    }
                 }
+                types.push_back(Json{
+                    {"type", type}, {"name", EventCatalogue::typeName(type)}, {"count", count}});
+            };
+            for (std::int32_t index = 0; const Text type = EventCatalogue::typeId(index); ++index) {
+                add(*type, 0);
             }
-            types.push_back(
-                Json{{"type", type}, {"name", EventCatalogue::typeName(type)}, {"count", count}});
-        };
-        for (std::int32_t index = 0; const Text type = EventCatalogue::typeId(index); ++index) {
-            add(*type, 0);
-        }
-        for (const auto& [type, count] : counts.byType) {
-            add(type, count);
-        }
-        Json statuses = Json::array();
-        for (const auto& [status, count] : counts.byStatus) {
-            statuses.push_back(Json{{"status", status}, {"count", count}});
-        }
-        response.set_content(dumpJson(Json{{"total", counts.total},
-                                           {"last_id", counts.lastId},
-                                           {"types", types},
-                                           {"statuses", statuses}}),
-                             "application/json");
-    });
+            for (const auto& [type, count] : counts.byType) {
+                add(type, count);
+            }
+            Json statuses = Json::array();
+            for (const auto& [status, count] : counts.byStatus) {
+                statuses.push_back(Json{{"status", status}, {"count", count}});
+            }
+            response.set_content(dumpJson(Json{{"total", counts.total},
+                                               {"last_id", counts.lastId},
+                                               {"types", types},
+                                               {"statuses", statuses}}),
+                                 "application/json");
+        });
 
     // Events per second over spans up to 15 minutes, per minute over longer ones.
-    server_->Get("/api/rate", [this](const httplib::Request& request,
-                                     httplib::Response& response) {
+    server_->Get("/api/rate", [this](const httplib::Request& request, httplib::Response& response) {
         constexpr std::int64_t kLongestSpan = 24 * 3600;
-        const std::int64_t span = std::clamp<std::int64_t>(
-            numberParameter(request, "span", 300), 10, kLongestSpan);
+        const std::int64_t span =
+            std::clamp<std::int64_t>(numberParameter(request, "span", 300), 10, kLongestSpan);
         const bool perMinute = span > 15 * 60;
         const auto now = std::chrono::system_clock::now();
         EventFilter filter = filterFrom(request);
@@ -408,8 +407,7 @@ void CollectorServer::route() {
                             "attachment; filename=\"norv-events." + format + "\"");
         response.set_chunked_content_provider(
             EventExport::contentType(format),
-            [this, filter, format, started = false](std::size_t,
-                                                     httplib::DataSink& sink) mutable {
+            [this, filter, format, started = false](std::size_t, httplib::DataSink& sink) mutable {
                 std::string text = started ? "" : EventExport::header(format);
                 started = true;
                 std::vector<StoredEvent> events;
@@ -492,8 +490,7 @@ void CollectorServer::stream(const httplib::Request& request, httplib::Response&
     response.set_chunked_content_provider(
         "text/event-stream",
         [this, page](std::size_t, httplib::DataSink& sink) {
-            const std::optional<std::string> text =
-                streams_.next(*page, std::chrono::seconds(2));
+            const std::optional<std::string> text = streams_.next(*page, std::chrono::seconds(2));
             if (!text) {
                 return false;
             }

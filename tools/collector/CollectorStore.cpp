@@ -58,9 +58,12 @@ bool EventFilter::matches(const StoredEvent& event) const {
     }
     if (text) {
         // SQLite's lower() folds ASCII letters only; so does this.
-        const auto fold = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
-        const auto found = std::search(event.body.begin(), event.body.end(), text->begin(),
-                                       text->end(), [&](char a, char b) { return fold(a) == fold(b); });
+        const auto fold = [](char c) {
+            return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c;
+        };
+        const auto found =
+            std::search(event.body.begin(), event.body.end(), text->begin(), text->end(),
+                        [&](char a, char b) { return fold(a) == fold(b); });
         if (found == event.body.end() && !text->empty()) {
             return false;
         }
@@ -94,7 +97,8 @@ CollectorStore::CollectorStore(const std::string& path) {
     execute("CREATE INDEX IF NOT EXISTS pairs_by_key ON pairs (key, value, event_id)");
     execute("CREATE INDEX IF NOT EXISTS events_by_status ON events (status)");
     // Files written before answers were kept gain the column; their events show no answer.
-    Statement columns = prepare(database_, "SELECT 1 FROM pragma_table_info('events') WHERE name = 'answer'");
+    Statement columns =
+        prepare(database_, "SELECT 1 FROM pragma_table_info('events') WHERE name = 'answer'");
     if (sqlite3_step(columns.get()) != SQLITE_ROW) {
         execute("ALTER TABLE events ADD COLUMN answer TEXT NOT NULL DEFAULT ''");
     }
@@ -246,7 +250,8 @@ EventCounts CollectorStore::counts(const EventFilter& filter) const {
     std::lock_guard lock(mutex_);
     EventCounts counts;
     Statement byType = prepare(database_, ("SELECT value, COUNT(*) FROM pairs WHERE key = 'type'"
-                                           " AND event_id IN (" + matching + ") GROUP BY value")
+                                           " AND event_id IN (" +
+                                           matching + ") GROUP BY value")
                                               .c_str());
     bind(byType.get(), all);
     while (sqlite3_step(byType.get()) == SQLITE_ROW) {
@@ -275,12 +280,12 @@ std::vector<RateBucket> CollectorStore::rates(const EventFilter& filter, bool pe
     EventFilter all = filter;
     all.afterId = 0;
     all.beforeId = 0;
-    const std::string sql = std::string("SELECT substr(received_at, 1, ") +
-                            (perMinute ? "16" : "19") +
-                            ") AS bucket, COALESCE((SELECT value FROM pairs WHERE event_id = events.id "
-                            "AND key = 'type'), '') AS type, status != 200 AS refused, COUNT(*) "
-                            "FROM events WHERE id > ?1" +
-                            conditions(all) + " GROUP BY bucket, type, refused ORDER BY bucket";
+    const std::string sql =
+        std::string("SELECT substr(received_at, 1, ") + (perMinute ? "16" : "19") +
+        ") AS bucket, COALESCE((SELECT value FROM pairs WHERE event_id = events.id "
+        "AND key = 'type'), '') AS type, status != 200 AS refused, COUNT(*) "
+        "FROM events WHERE id > ?1" +
+        conditions(all) + " GROUP BY bucket, type, refused ORDER BY bucket";
     std::lock_guard lock(mutex_);
     Statement select = prepare(database_, sql.c_str());
     bind(select.get(), all);

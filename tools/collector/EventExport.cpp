@@ -47,15 +47,12 @@ std::string EventExport::line(const std::string& format, const StoredEvent& even
         }
         return line + "\r\n";
     }
-    nlohmann::ordered_json json{{"id", event.id},
-                                {"received_at", fields[1]},
-                                {"status", event.status},
-                                {"type", type ? nlohmann::ordered_json(*type) : nullptr},
-                                {"type_name", fields[4]},
-                                {"device", fields[5]},
-                                {"summary", fields[6]},
-                                {"body", fields[7]},
-                                {"answer", fields[8]}};
+    nlohmann::ordered_json json{
+        {"id", event.id},         {"received_at", fields[1]},
+        {"status", event.status}, {"type", type ? nlohmann::ordered_json(*type) : nullptr},
+        {"type_name", fields[4]}, {"device", fields[5]},
+        {"summary", fields[6]},   {"body", fields[7]},
+        {"answer", fields[8]}};
     // Bodies are bytes from anywhere: what is not UTF-8 is written replaced.
     return json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
 }

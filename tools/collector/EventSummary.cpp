@@ -83,8 +83,8 @@ std::string EventSummary::ofAnswer(const std::string& answer) {
     if (payload.contains("analytics_enabled") && payload["analytics_enabled"] == false) {
         summary = "collection off";
     }
-    for (const auto& [key, word] : {std::pair{"force_version", "forced "},
-                                    std::pair{"offer_version", "offered "}}) {
+    for (const auto& [key, word] :
+         {std::pair{"force_version", "forced "}, std::pair{"offer_version", "offered "}}) {
         if (payload.contains(key) && payload[key].is_object() && payload[key].contains("no") &&
             payload[key]["no"].is_string()) {
             appendPart(summary, word + payload[key]["no"].get<std::string>());

@@ -121,8 +121,7 @@ std::optional<std::string> LiveStreams::next(Page& page, std::chrono::millisecon
         return eventsMessage(page.filter.afterId, rows);
     }
     std::unique_lock lock(mutex_);
-    page.ready.wait_for(lock, timeout,
-                        [&] { return closed_ || page.cut || !page.queue.empty(); });
+    page.ready.wait_for(lock, timeout, [&] { return closed_ || page.cut || !page.queue.empty(); });
     if (closed_ || page.cut) {
         return std::nullopt;
     }

@@ -28,7 +28,8 @@ public:
     struct Page;
 
     // eventJson turns an event into its JSON text; state gives the steering state as JSON.
-    LiveStreams(const CollectorStore& store, std::function<std::string(const StoredEvent&)> eventJson,
+    LiveStreams(const CollectorStore& store,
+                std::function<std::string(const StoredEvent&)> eventJson,
                 std::function<std::string()> state);
     ~LiveStreams();
     LiveStreams(const LiveStreams&) = delete;
