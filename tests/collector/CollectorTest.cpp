@@ -232,6 +232,41 @@ TEST_F(CollectorTest, FiltersAgreeOnLivePagesInTheListCountsAndRates) {
     EXPECT_EQ(store_.counts(both).lastId, 6);
 }
 
+// The chart's bars: per second or per minute, by type, refused answers apart.
+TEST_F(CollectorTest, RatesCountEventsPerSecondOrMinuteByTypeAndRefusal) {
+    const auto minute = std::chrono::sys_days{std::chrono::November / 25 / 2026} +
+                        std::chrono::hours(7) + std::chrono::minutes(30);
+    store_.save("type=7", minute + std::chrono::milliseconds(100), 200);
+    store_.save("type=7", minute + std::chrono::milliseconds(900), 503);
+    store_.save("type=7", minute + std::chrono::milliseconds(950), 200);
+    store_.save("type=2", minute + std::chrono::milliseconds(1200), 200);
+    store_.save("", minute + std::chrono::seconds(59), 200);
+    store_.save("type=7", minute + std::chrono::seconds(61), 200);
+    store_.save("type=7", minute - std::chrono::seconds(1), 200);
+    EventFilter filter;
+    filter.since = "2026-11-25T07:30";
+    const auto text = [&](bool perMinute) {
+        std::string buckets;
+        for (const RateBucket& bucket : store_.rates(filter, perMinute)) {
+            buckets += bucket.time + " " + bucket.typeId + (bucket.refused ? " refused " : " ") +
+                       std::to_string(bucket.count) + "\n";
+        }
+        return buckets;
+    };
+    EXPECT_EQ(text(false),
+              "2026-11-25T07:30:00 7 2\n"
+              "2026-11-25T07:30:00 7 refused 1\n"
+              "2026-11-25T07:30:01 2 1\n"
+              "2026-11-25T07:30:59  1\n"
+              "2026-11-25T07:31:01 7 1\n");
+    EXPECT_EQ(text(true),
+              "2026-11-25T07:30  1\n"
+              "2026-11-25T07:30 2 1\n"
+              "2026-11-25T07:30 7 2\n"
+              "2026-11-25T07:30 7 refused 1\n"
+              "2026-11-25T07:31 7 1\n");
+}
+
 TEST(EventSummaryTest, TellsEventsOfATypeApart) {
     const std::string offered =
         R"({"message":"Event saved","code":200,"payload":{"analytics_enabled":false,)"

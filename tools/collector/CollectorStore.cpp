@@ -285,7 +285,7 @@ std::vector<RateBucket> CollectorStore::rates(const EventFilter& filter, bool pe
         ") AS bucket, COALESCE((SELECT value FROM pairs WHERE event_id = events.id "
         "AND key = 'type'), '') AS type, status != 200 AS refused, COUNT(*) "
         "FROM events WHERE id > ?1" +
-        conditions(all) + " GROUP BY bucket, type, refused ORDER BY bucket";
+        conditions(all) + " GROUP BY bucket, type, refused ORDER BY bucket, type, refused";
     std::lock_guard lock(mutex_);
     Statement select = prepare(database_, sql.c_str());
     bind(select.get(), all);
