@@ -46,7 +46,11 @@ void ServerThreads::work() {
             tasks_.pop_front();
         }
         changed_.notify_all();
-        task();
+        try {
+            task();
+        } catch (...) {
+            // One connection that failed must not take its thread with it.
+        }
     }
 }
 
