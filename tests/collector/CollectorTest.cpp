@@ -2,6 +2,8 @@
 #include <httplib.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <regex>
@@ -10,6 +12,8 @@
 
 #include "CollectorCli.h"
 #include "CollectorServer.h"
+#include "EventSummary.h"
+#include "LiveStreams.h"
 
 namespace NorvAnalytic::Collector {
 namespace {
@@ -78,10 +82,10 @@ TEST_F(CollectorTest, StoresAndListsEveryBodyAsItArrived) {
     EXPECT_EQ(
         std::regex_replace(table, std::regex(R"(20\d\d-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z)"),
                            "YYYY-MM-DDThh:mm:ss.sssZ"),
-        R"(ID    RECEIVED                 STATUS TYPE                  VALUE       DEVICE    DETAIL                            BYTES
-1     YYYY-MM-DDThh:mm:ss.sssZ 200    5 User Login          -           0123456~  username=al                       80
+        R"(ID    RECEIVED                 STATUS TYPE                  VALUE       DEVICE    SUMMARY                           BYTES
+1     YYYY-MM-DDThh:mm:ss.sssZ 200    5 User Login          -           0123456~  al                                80
 2     YYYY-MM-DDThh:mm:ss.sssZ 503    -                     -           -                                           0
-3     YYYY-MM-DDThh:mm:ss.sssZ 200    -                     12345678.0~ -         endpoint=eeeeeeeeeeeeeeeeeeeeeee~ 204831
+3     YYYY-MM-DDThh:mm:ss.sssZ 200    -                     12345678.0~ -         endpoint: eeeeeeeeeeeeeeeeeeeeee~ 204831
 3 events
 )");
     const std::string raw = cli({"list", "--db", database_, "--raw"}).second;
@@ -184,6 +188,227 @@ TEST_F(CollectorTest, StreamsTheNewEventsItsFiltersMatch) {
     sender.join();
     EXPECT_EQ(received.find(R"("device":"A")"), std::string::npos) << received;
     EXPECT_NE(received.find("id: 2\nevent: events\n"), std::string::npos) << received;
+}
+
+// Live pages filter events in memory, the list and the counts in SQL: they must agree.
+TEST_F(CollectorTest, FiltersAgreeOnLivePagesInTheListCountsAndRates) {
+    for (const char* body :
+         {"type=2&device_uuid=AAAA-1&username=Ann", "type=7&device_uuid=AAAB-2&pageName=Orders",
+          "type=7&device_uuid=BAAA-3&pageName=ann%27s", "type=70&device_uuid=aaaa-4", "error=x",
+          "type=2&device_uuid=AAAA-5&username=ANNE%20B"}) {
+        post(body);
+    }
+    EventFilter type7;
+    type7.typeId = "7";
+    EventFilter prefix;
+    prefix.device = "AAA";
+    EventFilter text;
+    text.text = "aNn";
+    EventFilter both = text;
+    both.typeId = "2";
+    both.device = "AAAA-";
+    for (const EventFilter& filter : {EventFilter{}, type7, prefix, text, both}) {
+        std::vector<std::int64_t> inSql;
+        for (const StoredEvent& event : store_.events(filter)) {
+            inSql.push_back(event.id);
+        }
+        std::vector<std::int64_t> inMemory;
+        for (const StoredEvent& event : store_.events()) {
+            if (filter.matches(event)) {
+                inMemory.push_back(event.id);
+            }
+        }
+        EXPECT_EQ(inMemory, inSql)
+            << filter.typeId.value_or("") << filter.device.value_or("") << filter.text.value_or("");
+        EXPECT_EQ(store_.counts(filter).total, static_cast<std::int64_t>(inSql.size()));
+        std::int64_t rated = 0;
+        for (const RateBucket& bucket : store_.rates(filter, false)) {
+            rated += bucket.count;
+        }
+        EXPECT_EQ(rated, static_cast<std::int64_t>(inSql.size()));
+    }
+    EXPECT_EQ(store_.counts(both).byType,
+              (std::vector<std::pair<std::string, std::int64_t>>{{"2", 2}}));
+    EXPECT_EQ(store_.counts(both).lastId, 6);
+}
+
+// The chart's bars: per second or per minute, by type, refused answers apart.
+TEST_F(CollectorTest, RatesCountEventsPerSecondOrMinuteByTypeAndRefusal) {
+    const auto minute = std::chrono::sys_days{std::chrono::November / 25 / 2026} +
+                        std::chrono::hours(7) + std::chrono::minutes(30);
+    store_.save("type=7", minute + std::chrono::milliseconds(100), 200);
+    store_.save("type=7", minute + std::chrono::milliseconds(900), 503);
+    store_.save("type=7", minute + std::chrono::milliseconds(950), 200);
+    store_.save("type=2", minute + std::chrono::milliseconds(1200), 200);
+    store_.save("", minute + std::chrono::seconds(59), 200);
+    store_.save("type=7", minute + std::chrono::seconds(61), 200);
+    store_.save("type=7", minute - std::chrono::seconds(1), 200);
+    EventFilter filter;
+    filter.since = "2026-11-25T07:30";
+    const auto text = [&](bool perMinute) {
+        std::string buckets;
+        for (const RateBucket& bucket : store_.rates(filter, perMinute)) {
+            buckets += bucket.time + " " + bucket.typeId + (bucket.refused ? " refused " : " ") +
+                       std::to_string(bucket.count) + "\n";
+        }
+        return buckets;
+    };
+    EXPECT_EQ(text(false),
+              "2026-11-25T07:30:00 7 2\n"
+              "2026-11-25T07:30:00 7 refused 1\n"
+              "2026-11-25T07:30:01 2 1\n"
+              "2026-11-25T07:30:59  1\n"
+              "2026-11-25T07:31:01 7 1\n");
+    EXPECT_EQ(text(true),
+              "2026-11-25T07:30  1\n"
+              "2026-11-25T07:30 2 1\n"
+              "2026-11-25T07:30 7 2\n"
+              "2026-11-25T07:30 7 refused 1\n"
+              "2026-11-25T07:31 7 1\n");
+}
+
+TEST(EventSummaryTest, TellsEventsOfATypeApart) {
+    const std::string offered =
+        R"({"message":"Event saved","code":200,"payload":{"analytics_enabled":false,)"
+        R"("force_version":null,"offer_version":{"no":"9.9.9","download_url":"d"}}})";
+    const std::tuple<std::string, std::string, std::string> cases[] = {
+        {"type=7&value=0.000000&pageName=Orders&username=ann", "", "Orders"},
+        {"type=2&value=1.000000&username=ann&device_name=Till", offered,
+         "open · ann · Till · collection off · offered 9.9.9"},
+        {"type=2&value=0.000000", R"({"payload":null})", "close"},
+        {"type=15&parameters=user%3Dbob&error=wrong password", "", "wrong password · user%3Dbob"},
+        {"type=1&endpoint=/api/orders&value=0.250000", "", "/api/orders · 0.250000"},
+        {"type=99&pageName=x", "", ""},
+        {"value=0.000000&warehouse=North&username=ann", "", "username: ann"},
+        {"", "not json", ""},
+    };
+    for (const auto& [body, answer, expected] : cases) {
+        StoredEvent event;
+        event.pairs = CollectorStore::parsePairs(body);
+        event.answer = answer;
+        EXPECT_EQ(EventSummary::of(event), expected) << body;
+    }
+}
+
+// The command line and the page's download link write the same file.
+TEST_F(CollectorTest, ExportsWhatItsFiltersMatchAsJsonLinesAndCsv) {
+    post("type=7&pageName=Orders, \"new\"\r\nline&device_uuid=D1");
+    post("type=2&device_uuid=D2");
+    post("type=7&pageName=Stock&device_uuid=D3");
+    const auto [status, csv] = cli({"export", "--db", database_, "--format", "csv", "--type", "7"});
+    EXPECT_EQ(status, 0);
+    const std::string header =
+        "id,received_at,status,type,type_name,device,summary,body,answer\r\n";
+    ASSERT_TRUE(csv.starts_with(header)) << csv;
+    EXPECT_NE(csv.find(R"(,200,7,Page Open,D1,"Orders, ""new"")"
+                       "\r\nline\","),
+              std::string::npos)
+        << csv;
+    EXPECT_NE(csv.find("\r\n3,"), std::string::npos) << csv;
+    EXPECT_EQ(csv.find(",D2,"), std::string::npos) << csv;
+
+    const std::string jsonl =
+        cli({"export", "--db", database_, "--format", "jsonl", "--device", "D3"}).second;
+    EXPECT_EQ(std::count(jsonl.begin(), jsonl.end(), '\n'), 1) << jsonl;
+    const Json line = Json::parse(jsonl);
+    EXPECT_EQ(line.at("body"), "type=7&pageName=Stock&device_uuid=D3");
+    EXPECT_EQ(line.at("summary"), "Stock");
+
+    EXPECT_EQ(client_.Get("/api/export?format=csv&type=7")->body, csv);
+    EXPECT_EQ(client_.Get("/api/export?format=jsonl&device=D3")->body, jsonl);
+    EXPECT_EQ(client_.Get("/api/export?format=xml")->status, 400);
+    EXPECT_EQ(cli({"export", "--db", database_, "--format", "xml"}).first, 2);
+}
+
+// Each live page holds a server thread; the SDK's events must still be answered, and every
+// page must get them, with more pages open than the server keeps threads for requests.
+TEST_F(CollectorTest, ManyLivePagesGetEveryEventWhileEventsAreAnswered) {
+    constexpr int kPages = static_cast<int>(CollectorServer::kRequestThreads) + 8;
+    std::atomic<int> reached{0};
+    // Pages give up then, so that a server that starves them fails the test, not hangs it.
+    const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    std::vector<std::thread> pages;
+    for (int index = 0; index < kPages; ++index) {
+        pages.emplace_back([this, &reached, giveUp] {
+            std::string received;
+            httplib::Client stream("127.0.0.1", port_);
+            stream.set_read_timeout(std::chrono::seconds(10));
+            stream.Get("/api/stream", [&](const char* data, std::size_t length) {
+                received.append(data, length);
+                const bool seen = received.find(R"("device":"late")") != std::string::npos;
+                reached += seen ? 1 : 0;
+                return !seen && std::chrono::steady_clock::now() < giveUp;
+            });
+        });
+    }
+    const auto livePages = [this] {
+        const auto state = client_.Get("/control/state");
+        return state ? Json::parse(state->body).at("live_pages").get<int>() : -1;
+    };
+    while (livePages() < kPages && std::chrono::steady_clock::now() < giveUp) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    httplib::Client sdk("127.0.0.1", port_);
+    sdk.set_read_timeout(std::chrono::seconds(5));
+    const auto answer = sdk.Post("/api/v3/saveEvent", "type=7&device_uuid=late", "text/plain");
+    EXPECT_TRUE(answer && answer->status == 200);
+    for (std::thread& page : pages) {
+        page.join();
+    }
+    EXPECT_EQ(reached, kPages);
+}
+
+// A page reads what came before it opened from the store and the rest from its queue: each
+// event exactly once, in order. A page that stops reading is cut off, not left to grow.
+TEST(LiveStreamsTest, GivesEachEventOnceAndCutsOffAPageThatFallsBehind) {
+    const std::filesystem::path directory =
+        std::filesystem::temp_directory_path() / ("norv-streams-" + std::to_string(getpid()));
+    {
+        CollectorStore store((directory / "collector.sqlite").string());
+        const auto now = std::chrono::system_clock::now();
+        for (const char* body : {"a1", "a2", "a3"}) {
+            store.save(body, now, 200);
+        }
+        LiveStreams streams(
+            store, [](const StoredEvent& event) { return event.body; },
+            [] { return std::string("{}"); });
+        streams.start();
+        EventFilter after1;
+        after1.afterId = 1;
+        const auto page = streams.open(after1);
+        for (const char* body : {"a4", "a5"}) {
+            store.save(body, now, 200);
+            streams.publish();
+        }
+        std::string seen;
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (seen.find("a5") == std::string::npos &&
+               std::chrono::steady_clock::now() < deadline) {
+            const std::string text =
+                streams.next(*page, std::chrono::milliseconds(100)).value_or("");
+            const std::regex body("a\\d");
+            for (auto match = std::sregex_iterator(text.begin(), text.end(), body);
+                 match != std::sregex_iterator(); ++match) {
+                seen += match->str() + " ";
+            }
+        }
+        EXPECT_EQ(seen, "a2 a3 a4 a5 ");
+        streams.leave(page);
+
+        const auto idle = streams.open({});
+        const std::string large(LiveStreams::kMaxQueuedBytes / 3, 'x');
+        for (int index = 0; index < 4; ++index) {
+            store.save(large, now, 200);
+            streams.publish();
+        }
+        while (streams.pagesCut() == 0 && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        EXPECT_EQ(streams.pagesCut(), 1U);
+        EXPECT_EQ(streams.next(*idle, std::chrono::milliseconds(0)), std::nullopt);
+        streams.close();
+    }
+    std::filesystem::remove_all(directory);
 }
 
 // A page the developer visits on another site must not steer the collector or read its events.

@@ -8,7 +8,9 @@ import re
 import subprocess
 import sys
 import tempfile
+import threading
 import unittest
+import urllib.error
 import urllib.request
 
 from selenium import webdriver
@@ -53,6 +55,26 @@ class PageTest(unittest.TestCase):
     def rows(self):
         return [row.text for row in self.browser.find_elements(By.CSS_SELECTOR, "#rows tr.event")]
 
+    def post(self, body):
+        """The status the event was answered with."""
+        try:
+            return urllib.request.urlopen(self.url + "/api/v3/saveEvent", body.encode()).status
+        except urllib.error.HTTPError as error:
+            return error.code
+
+    def control(self, path, body):
+        request = urllib.request.Request(self.url + path, body.encode(), {"Content-Type": "application/json"})
+        urllib.request.urlopen(request).read()
+
+    def cells(self, selector):
+        return [cell.text for cell in self.browser.find_elements(By.CSS_SELECTOR, selector)]
+
+    def counts(self):
+        # Read in one step: the page rebuilds the table as events arrive.
+        return dict(self.browser.execute_script(
+            "return [...document.querySelectorAll('#counts tr:not(.zero)')]"
+            ".map((row) => [row.cells[0].textContent, row.cells[1].textContent])"))
+
     def run_host(self):
         environment = dict(os.environ, XDG_DATA_HOME=os.path.join(self.work.name, "data"))
         return subprocess.run(
@@ -64,11 +86,68 @@ class PageTest(unittest.TestCase):
         before = len(self.rows())
         self.run_host()
         rows = self.until(lambda: self.rows() if len(self.rows()) >= before + 2 else None)
-        self.assertIn("Page Open (7)", rows[0])
-        self.assertIn("App Open (2)", rows[1])
+        self.assertRegex(rows[0], r"Page Open\s*7\s+Dashboard\s")
+        self.assertRegex(rows[1], r"App Open\s*2\s+open\s")
         # Loaded afresh, the page shows the same rows, newest first, each once.
         self.open_live()
         self.until(lambda: self.rows() == rows)
+
+    def test_a_list_that_follows_prints_an_event_that_arrives_after_it_starts(self):
+        follow = subprocess.Popen([COLLECTOR, "list", "--follow", "--db", os.path.join(self.work.name, "c.sqlite"),
+                                   "--type", "Page Open"], stdout=subprocess.PIPE, text=True)
+        timer = threading.Timer(15, follow.kill)
+        timer.start()
+        try:
+            self.assertTrue(follow.stdout.readline().startswith("ID "))
+            self.post("type=7&pageName=Followed&device_uuid=FOLLOW")
+            self.post("type=2&username=NotAPage&device_uuid=FOLLOW")
+            line = next((line for line in follow.stdout if "FOLLOW" in line), "")
+            self.assertIn("Followed", line)
+        finally:
+            timer.cancel()
+            follow.kill()
+            follow.wait()
+
+    def test_rows_tell_events_apart_and_an_opened_row_shows_each_pair_once(self):
+        for body in ("type=7&pageName=Caf%C3%A9&device_uuid=GLANCE-1",
+                     "type=15&parameters=user=bob&error=wrong password&device_uuid=GLANCE-1",
+                     "type=23&deviceCustomName=Till 3&device_uuid=GLANCE-1",
+                     "type=23&deviceCustomName=Other&device_uuid=ELSEWHERE"):
+            self.post(body)
+        self.open_live("?device=GLANCE")
+        self.until(lambda: len(self.rows()) == 3)
+        self.assertEqual(self.cells("#rows td.summary"), ["Till 3", "wrong password · user=bob", "Café"])
+        self.assertEqual(self.cells("#rows td.type"), ["Device custom name 23", "User can not login 15", "Page Open 7"])
+        self.browser.find_elements(By.CSS_SELECTOR, "#rows tr.event")[2].click()
+        keys = self.cells("#rows tr.body td.key")
+        self.assertEqual(keys, ["type", "pageName", "device_uuid", "answer"])
+        # The text as sent stands beside a value only where decoding changed it.
+        self.assertEqual(self.cells("#rows tr.body td.sent"), ["", "Caf%C3%A9", "", ""])
+        self.assertEqual(self.cells("#rows tr.body td.value")[1], "Café")
+        # The counts are those of the filtered view, and the type filter offers every type the
+        # SDK sends, received or not.
+        self.until(lambda: self.counts().get("All events") == "3")
+        self.assertEqual(self.counts().get("Device custom name"), "1")
+        options = self.cells("#type option")
+        self.assertIn("Location service status (18)", options)
+        self.assertIn("Onesignal player id (22)", options)
+        self.assertEqual(len(options), 18)
+
+    def test_counts_chart_and_download_follow_live_events_and_the_filters(self):
+        self.open_live("?device=CHART")
+        self.control("/control/refuse", '{"status": 503, "count": 1}')
+        self.assertEqual(self.post("type=7&pageName=Refused&device_uuid=CHART"), 503)
+        self.post("type=7&pageName=Kept&device_uuid=CHART")
+        self.post("type=7&pageName=Elsewhere&device_uuid=OTHER")
+        self.until(lambda: len(self.rows()) == 2 and self.counts().get("All events") == "2")
+        self.assertEqual(self.counts().get("Answered 503"), "1")
+        self.assertEqual(self.counts().get("Answered 200"), "1")
+        self.until(lambda: self.browser.find_elements(By.CSS_SELECTOR, "#rate rect.refused"))
+        self.assertGreaterEqual(len(self.browser.find_elements(By.CSS_SELECTOR, "#rate rect:not(.refused)")), 1)
+        link = self.browser.find_element(By.ID, "exportCsv").get_attribute("href")
+        self.assertEqual(link, self.url + "/api/export?device=CHART&format=csv")
+        lines = urllib.request.urlopen(link).read().decode().splitlines()
+        self.assertEqual([line.split(",")[2] for line in lines], ["status", "503", "200"])
 
     def test_steering_in_the_page_changes_the_next_app_open_answer(self):
         self.open_live()

@@ -14,6 +14,8 @@
 #include <thread>
 
 #include "CollectorServer.h"
+#include "EventExport.h"
+#include "EventSummary.h"
 #include "events/EventCatalogue.h"
 
 namespace NorvAnalytic::Collector {
@@ -202,21 +204,25 @@ int list(const CollectorStore& store, EventFilter filter, bool raw, bool follow,
     return 0;
 }
 
-std::string cut(const std::string& text, std::size_t width) {
-    return text.size() <= width ? text : text.substr(0, width - 1) + "~";
+// Reads the store a batch at a time, so that a large file never sits in memory whole.
+int exportEvents(const CollectorStore& store, EventFilter filter, const std::string& format,
+                 std::ostream& out) {
+    filter.limit = 500;
+    out << EventExport::header(format);
+    while (true) {
+        const std::vector<StoredEvent> events = store.events(filter);
+        for (const StoredEvent& event : events) {
+            out << EventExport::line(format, event);
+        }
+        if (events.size() < filter.limit) {
+            return out ? 0 : 1;
+        }
+        filter.afterId = events.back().id;
+    }
 }
 
-// The first of the fields that tell events of one device apart, as "key=value".
-std::string detail(const StoredEvent& event) {
-    static const char* const kKeys[] = {"pageName",  "username",         "endpoint",
-                                        "player_id", "deviceCustomName", "device_name",
-                                        "error",     "warehouse",        "parameters"};
-    for (const char* key : kKeys) {
-        if (const std::optional<std::string> value = event.value(key); value) {
-            return std::string(key) + "=" + *value;
-        }
-    }
-    return "";
+std::string cut(const std::string& text, std::size_t width) {
+    return text.size() <= width ? text : text.substr(0, width - 1) + "~";
 }
 
 }  // namespace
@@ -266,17 +272,28 @@ int CollectorCli::run(const std::vector<std::string>& arguments, std::ostream& o
     refuseCommand.add_option("--body", body, "Answer body (default: a JSON refusal)");
 
     CLI::App& listCommand = *app.add_subcommand("list", "Print the stored events");
+    CLI::App& exportCommand = *app.add_subcommand(
+        "export", "Write the stored events as JSON Lines or CSV to standard output");
     bool raw = false;
     bool follow = false;
+    std::string format;
     std::optional<std::string> type;
     std::optional<std::string> device;
     std::optional<std::string> since;
-    listCommand.add_option("--db", db, "SQLite file of the events")->capture_default_str();
+    std::optional<std::string> text;
     listCommand.add_flag("--raw", raw, "Print each body exactly as it arrived");
     listCommand.add_flag("--follow,-f", follow, "Keep printing events as they arrive");
-    listCommand.add_option("--type", type, "Only this type: a name (\"App Open\") or an id");
-    listCommand.add_option("--device", device, "Only this device UUID, or its beginning");
-    listCommand.add_option("--since", since, "Only from this time (2026-11-22T06:30) or age (15m)");
+    exportCommand.add_option("--format", format, "jsonl or csv")
+        ->required()
+        ->check(CLI::IsMember({"jsonl", "csv"}));
+    for (CLI::App* command : {&listCommand, &exportCommand}) {
+        command->add_option("--db", db, "SQLite file of the events")->capture_default_str();
+        command->add_option("--type", type, "Only this type: a name (\"App Open\") or an id");
+        command->add_option("--device", device, "Only this device UUID, or its beginning");
+        command->add_option("--since", since,
+                            "Only from this time (2026-11-22T06:30) or age (15m)");
+        command->add_option("--text", text, "Only events whose body holds this, in any case");
+    }
 
     try {
         if (arguments.empty()) {
@@ -303,6 +320,10 @@ int CollectorCli::run(const std::vector<std::string>& arguments, std::ostream& o
         filter.device = device;
         filter.since = since ? std::optional(sinceTime(*since, std::chrono::system_clock::now()))
                              : std::nullopt;
+        filter.text = text;
+        if (exportCommand) {
+            return exportEvents(CollectorStore(db), filter, format, out);
+        }
         return list(CollectorStore(db), filter, raw, follow, out);
     } catch (const CLI::ParseError& error) {
         return app.exit(error, out, err) == 0 ? 0 : 2;
@@ -315,7 +336,7 @@ int CollectorCli::run(const std::vector<std::string>& arguments, std::ostream& o
 void CollectorCli::printHeader(std::ostream& out) {
     out << std::left << std::setw(6) << "ID" << std::setw(25) << "RECEIVED" << std::setw(7)
         << "STATUS" << std::setw(22) << "TYPE" << std::setw(12) << "VALUE" << std::setw(10)
-        << "DEVICE" << std::setw(34) << "DETAIL"
+        << "DEVICE" << std::setw(34) << "SUMMARY"
         << "BYTES\n";
 }
 
@@ -328,7 +349,7 @@ void CollectorCli::printRows(const std::vector<StoredEvent>& events, std::ostrea
             << cut(type.value_or("-") + (name.empty() ? "" : " " + name), 21) << std::setw(12)
             << cut(event.value("value").value_or("-"), 11) << std::setw(10)
             << cut(event.value("device_uuid").value_or("-"), 8) << std::setw(34)
-            << cut(detail(event), 33) << event.body.size() << "\n";
+            << cut(EventSummary::of(event), 33) << event.body.size() << "\n";
     }
 }
 

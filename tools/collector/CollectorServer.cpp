@@ -13,6 +13,10 @@
 #include <tuple>
 
 #include "CollectorPage.h"
+#include "EventExport.h"
+#include "EventSummary.h"
+#include "ServerThreads.h"
+#include "platform/SdkThread.h"
 #include "events/EventCatalogue.h"
 
 namespace NorvAnalytic::Collector {
@@ -105,6 +109,8 @@ Json eventJson(const StoredEvent& event) {
                 {"type_name", EventCatalogue::typeName(type)},
                 {"value", event.value("value").value_or("")},
                 {"device", event.value("device_uuid").value_or("")},
+                {"summary", EventSummary::of(event)},
+                {"answer", event.answer},
                 {"bytes", event.body.size()},
                 {"pairs", std::move(pairs)}};
 }
@@ -174,14 +180,25 @@ void answerBadRequest(httplib::Response& response, const std::string& reason) {
 }  // namespace
 
 CollectorServer::CollectorServer(CollectorStore& store, Steering steering)
-    : store_(store), server_(std::make_unique<httplib::Server>()), steering_(std::move(steering)) {
+    : store_(store),
+      server_(std::make_unique<httplib::Server>()),
+      steering_(std::move(steering)),
+      streams_(
+          store, [](const StoredEvent& event) { return dumpJson(eventJson(event)); },
+          [this] { return stateJson(); }) {
+    // Every live page holds a thread while it watches; the SDK's requests keep threads of
+    // their own beside the most pages there may be.
+    server_->new_task_queue = [] {
+        return new ServerThreads(kRequestThreads + LiveStreams::kMaxPages, 256);
+    };
     // Without it every answer waits for the client's delayed acknowledgement.
     server_->set_tcp_nodelay(true);
     // httplib's default also sets SO_REUSEPORT, which would let a second collector share the
     // port silently; a restart only needs SO_REUSEADDR.
-    server_->set_socket_options([](int socket) {
+    server_->set_socket_options([this](int socket) {
         const int on = 1;
         setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+        listenSocket_ = socket;
     });
     route();
 }
@@ -194,8 +211,12 @@ int CollectorServer::start(const std::string& host, int port) {
     if (bound <= 0) {
         throw std::runtime_error("cannot listen on " + host + ":" + std::to_string(port));
     }
+    // httplib listens with a backlog of 5, which drops connections when many pages open at
+    // once; listening again on the bound socket raises it.
+    ::listen(listenSocket_, 256);
     listenHost_ = host;
-    thread_ = std::thread([this] { server_->listen_after_bind(); });
+    streams_.start();
+    thread_ = startSdkThread("norv-listen", [this] { server_->listen_after_bind(); });
     // stop() only reaches a server that is already running.
     while (!server_->is_running()) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -205,7 +226,7 @@ int CollectorServer::start(const std::string& host, int port) {
 
 void CollectorServer::stop() {
     if (thread_.joinable()) {
-        feed_.close();
+        streams_.close();
         server_->stop();
         thread_.join();
     }
@@ -221,7 +242,7 @@ void CollectorServer::setSteering(Steering steering) {
         std::lock_guard lock(mutex_);
         steering_ = std::move(steering);
     }
-    feed_.publish();
+    streams_.publish();
 }
 
 Refusal CollectorServer::refusal() const {
@@ -234,7 +255,7 @@ void CollectorServer::refuse(int status, int count, std::optional<std::string> b
         std::lock_guard lock(mutex_);
         refusal_ = Refusal{status, count, std::move(body)};
     }
-    feed_.publish();
+    streams_.publish();
 }
 
 void CollectorServer::route() {
@@ -255,8 +276,8 @@ void CollectorServer::route() {
             std::tie(status, answer) = answerFor(steering_, refusal_, isAppOpen(body));
             refusal_.remaining = std::max(0, refusal_.remaining - 1);
         }
-        store_.save(body, receivedAt, status);
-        feed_.publish();
+        store_.save(body, receivedAt, status, answer);
+        streams_.publish();
         response.status = status;
         response.set_content(answer, "application/json");
     });
@@ -281,7 +302,7 @@ void CollectorServer::route() {
                 }
                 steering_ = steering;
                 answerJson(response, 200, steeringJson(steering_));
-                feed_.publish();
+                streams_.publish();
             } catch (const Json::exception& error) {
                 answerBadRequest(response, error.what());
             }
@@ -317,20 +338,99 @@ void CollectorServer::route() {
                      response.set_content(dumpJson(events), "application/json");
                  });
 
-    server_->Get("/api/counts", [this](const httplib::Request&, httplib::Response& response) {
-        const EventCounts counts = store_.counts();
-        Json types = Json::array();
-        for (const auto& [type, count] : counts.byType) {
-            types.push_back(
-                Json{{"type", type}, {"name", EventCatalogue::typeName(type)}, {"count", count}});
+    server_->Get(
+        "/api/counts", [this](const httplib::Request& request, httplib::Response& response) {
+            const EventCounts counts = store_.counts(filterFrom(request));
+            // Every type the SDK sends, then any other type that arrived.
+            Json types = Json::array();
+            const auto add = [&types](const std::string& type, std::int64_t count) {
+                for (Json& known : types) {
+                    if (known["type"] == type) {
+                        known["count"] = count;
+                        return;
+                    }
+                }
+                types.push_back(Json{
+                    {"type", type}, {"name", EventCatalogue::typeName(type)}, {"count", count}});
+            };
+            for (std::int32_t index = 0; const Text type = EventCatalogue::typeId(index); ++index) {
+                add(*type, 0);
+            }
+            for (const auto& [type, count] : counts.byType) {
+                add(type, count);
+            }
+            Json statuses = Json::array();
+            for (const auto& [status, count] : counts.byStatus) {
+                statuses.push_back(Json{{"status", status}, {"count", count}});
+            }
+            response.set_content(dumpJson(Json{{"total", counts.total},
+                                               {"last_id", counts.lastId},
+                                               {"types", types},
+                                               {"statuses", statuses}}),
+                                 "application/json");
+        });
+
+    // Events per second over spans up to 15 minutes, per minute over longer ones.
+    server_->Get("/api/rate", [this](const httplib::Request& request, httplib::Response& response) {
+        constexpr std::int64_t kLongestSpan = 24 * 3600;
+        const std::int64_t span =
+            std::clamp<std::int64_t>(numberParameter(request, "span", 300), 10, kLongestSpan);
+        const bool perMinute = span > 15 * 60;
+        const auto now = std::chrono::system_clock::now();
+        EventFilter filter = filterFrom(request);
+        filter.since = CollectorStore::isoTime(now - std::chrono::seconds(span));
+        Json rows = Json::array();
+        std::int64_t lastId = 0;
+        for (const RateBucket& bucket : store_.rates(filter, perMinute, &lastId)) {
+            rows.push_back(Json::array({bucket.time, bucket.typeId, bucket.refused, bucket.count}));
         }
-        Json statuses = Json::array();
-        for (const auto& [status, count] : counts.byStatus) {
-            statuses.push_back(Json{{"status", status}, {"count", count}});
+        response.set_content(dumpJson(Json{{"now", CollectorStore::isoTime(now)},
+                                           {"span", span},
+                                           {"bucket", perMinute ? 60 : 1},
+                                           {"last_id", lastId},
+                                           {"rows", rows}}),
+                             "application/json");
+    });
+
+    // The filtered events as a file, read from the store a batch at a time.
+    server_->Get("/api/export", [this](const httplib::Request& request,
+                                       httplib::Response& response) {
+        const std::string format = request.get_param_value("format");
+        if (!EventExport::knows(format)) {
+            answerBadRequest(response, "format is jsonl or csv");
+            return;
         }
-        response.set_content(
-            dumpJson(Json{{"total", counts.total}, {"types", types}, {"statuses", statuses}}),
-            "application/json");
+        auto filter = std::make_shared<EventFilter>(filterFrom(request));
+        filter->limit = 500;
+        filter->newestFirst = false;
+        response.set_header("Content-Disposition",
+                            "attachment; filename=\"norv-events." + format + "\"");
+        response.set_chunked_content_provider(
+            EventExport::contentType(format),
+            [this, filter, format, started = false](std::size_t, httplib::DataSink& sink) mutable {
+                std::string text = started ? "" : EventExport::header(format);
+                started = true;
+                std::vector<StoredEvent> events;
+                try {
+                    events = store_.events(*filter);
+                } catch (const std::exception&) {
+                    // The file ends cut short, which the browser reports as a failed download.
+                    return false;
+                }
+                for (const StoredEvent& event : events) {
+                    text += EventExport::line(format, event);
+                }
+                if (!events.empty()) {
+                    filter->afterId = events.back().id;
+                }
+                if (!text.empty() && !sink.write(text.data(), text.size())) {
+                    return false;
+                }
+                if (events.size() < filter->limit) {
+                    sink.done();
+                }
+                return true;
+            });
     });
 
     server_->Get("/api/stream", [this](const httplib::Request& request,
@@ -370,54 +470,33 @@ std::string CollectorServer::stateJson() const {
     const auto [status, body] = answerFor(steering_, refusal_, true);
     return dumpJson(Json{{"steering", steeringJson(steering_)},
                          {"refusal", refusalJson(refusal_)},
-                         {"next_app_open", Json{{"status", status}, {"body", body}}}});
+                         {"next_app_open", Json{{"status", status}, {"body", body}}},
+                         {"live_pages", streams_.pagesOpen()},
+                         {"live_pages_cut", streams_.pagesCut()}});
 }
 
 // Server-Sent Events: the state at once and on every change, and each new event that matches
 // the filters; a comment line now and then finds a page that has gone.
 void CollectorServer::stream(const httplib::Request& request, httplib::Response& response) {
-    if (!feed_.enter()) {
+    EventFilter filter = filterFrom(request);
+    const std::string lastEventId = request.get_header_value("Last-Event-ID");
+    std::from_chars(lastEventId.data(), lastEventId.data() + lastEventId.size(), filter.afterId);
+    std::shared_ptr<LiveStreams::Page> page = streams_.open(filter);
+    if (!page) {
         answerJson(response, 503, Json{{"error", "too many live pages"}});
         return;
     }
-    struct Position {
-        EventFilter filter;
-        std::uint64_t seen = 0;
-    };
-    auto position = std::make_shared<Position>(Position{filterFrom(request)});
-    const std::string lastEventId = request.get_header_value("Last-Event-ID");
-    std::from_chars(lastEventId.data(), lastEventId.data() + lastEventId.size(),
-                    position->filter.afterId);
     response.set_header("Cache-Control", "no-store");
     response.set_chunked_content_provider(
         "text/event-stream",
-        [this, position](std::size_t, httplib::DataSink& sink) {
-            const std::optional<std::uint64_t> changes =
-                feed_.waitPast(position->seen, std::chrono::seconds(2));
-            if (!changes) {
+        [this, page](std::size_t, httplib::DataSink& sink) {
+            const std::optional<std::string> text = streams_.next(*page, std::chrono::seconds(2));
+            if (!text) {
                 return false;
             }
-            if (*changes == position->seen) {
-                return sink.write(":\n\n", 3);
-            }
-            const std::vector<StoredEvent> events = store_.events(position->filter);
-            std::string message = "event: state\ndata: " + stateJson() + "\n\n";
-            if (!events.empty()) {
-                Json rows = Json::array();
-                for (const StoredEvent& event : events) {
-                    rows.push_back(eventJson(event));
-                }
-                position->filter.afterId = events.back().id;
-                message += "id: " + std::to_string(position->filter.afterId) +
-                           "\nevent: events\ndata: " + dumpJson(rows) + "\n\n";
-            }
-            // A full batch may have left events behind: look again before waiting.
-            if (events.size() < position->filter.limit) {
-                position->seen = *changes;
-            }
-            return sink.write(message.data(), message.size());
+            return text->empty() ? sink.write(":\n\n", 3) : sink.write(text->data(), text->size());
         },
-        [this](bool) { feed_.leave(); });
+        [this, page](bool) { streams_.leave(page); });
 }
 
 }  // namespace NorvAnalytic::Collector

@@ -7,7 +7,7 @@
 #include <thread>
 
 #include "CollectorStore.h"
-#include "EventFeed.h"
+#include "LiveStreams.h"
 
 namespace httplib {
 class Server;
@@ -42,10 +42,15 @@ struct Refusal {
 // The development collection server: stores every event posted to "/api/v3/saveEvent" and
 // answers it, steering the SDK as configured. "/control/steer", "/control/refuse" and
 // "/control/state" change and show that configuration while it runs; "/" is a page that shows
-// events as they arrive and steers, fed by "/api/events", "/api/counts" and "/api/stream".
-// Only the SDK's endpoint answers requests from other web origins.
+// events as they arrive and steers, fed by "/api/events", "/api/counts", "/api/rate" and the
+// live "/api/stream"; "/api/export" downloads what the filters show. Only the SDK's endpoint
+// answers requests from other web origins. Live pages have threads of their own, so the SDK's
+// events are answered however many pages watch.
 class CollectorServer {
 public:
+    // Threads kept for everything but the live pages' streams.
+    static constexpr std::size_t kRequestThreads = 16;
+
     explicit CollectorServer(CollectorStore& store, Steering steering = {});
     ~CollectorServer();
     CollectorServer(const CollectorServer&) = delete;
@@ -73,10 +78,11 @@ private:
     std::unique_ptr<httplib::Server> server_;
     std::thread thread_;
     std::string listenHost_;
-    EventFeed feed_;
+    int listenSocket_ = -1;
     mutable std::mutex mutex_;
     Steering steering_;
     Refusal refusal_;
+    LiveStreams streams_;
 };
 
 }  // namespace NorvAnalytic::Collector

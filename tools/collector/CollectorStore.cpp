@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
@@ -45,6 +46,31 @@ std::optional<std::string> StoredEvent::value(const std::string& key) const {
     return std::nullopt;
 }
 
+bool EventFilter::matches(const StoredEvent& event) const {
+    if (typeId && event.value("type") != typeId) {
+        return false;
+    }
+    if (device) {
+        const std::optional<std::string> uuid = event.value("device_uuid");
+        if (!uuid || !uuid->starts_with(*device)) {
+            return false;
+        }
+    }
+    if (text) {
+        // SQLite's lower() folds ASCII letters only; so does this.
+        const auto fold = [](char c) {
+            return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c;
+        };
+        const auto found =
+            std::search(event.body.begin(), event.body.end(), text->begin(), text->end(),
+                        [&](char a, char b) { return fold(a) == fold(b); });
+        if (found == event.body.end() && !text->empty()) {
+            return false;
+        }
+    }
+    return true;
+}
+
 CollectorStore::CollectorStore(const std::string& path) {
     const std::filesystem::path parent = std::filesystem::path(path).parent_path();
     if (!parent.empty()) {
@@ -70,6 +96,12 @@ CollectorStore::CollectorStore(const std::string& path) {
     // The page filters and counts by type and device, and counts by status, over many events.
     execute("CREATE INDEX IF NOT EXISTS pairs_by_key ON pairs (key, value, event_id)");
     execute("CREATE INDEX IF NOT EXISTS events_by_status ON events (status)");
+    // Files written before answers were kept gain the column; their events show no answer.
+    Statement columns =
+        prepare(database_, "SELECT 1 FROM pragma_table_info('events') WHERE name = 'answer'");
+    if (sqlite3_step(columns.get()) != SQLITE_ROW) {
+        execute("ALTER TABLE events ADD COLUMN answer TEXT NOT NULL DEFAULT ''");
+    }
 }
 
 CollectorStore::~CollectorStore() { sqlite3_close(database_); }
@@ -97,17 +129,20 @@ std::vector<FormPair> CollectorStore::parsePairs(const std::string& body) {
 }
 
 std::int64_t CollectorStore::save(const std::string& body,
-                                  std::chrono::system_clock::time_point receivedAt, int status) {
+                                  std::chrono::system_clock::time_point receivedAt, int status,
+                                  const std::string& answer) {
     const std::vector<FormPair> pairs = parsePairs(body);
     std::lock_guard lock(mutex_);
     execute("BEGIN IMMEDIATE");
     try {
         Statement insertEvent =
-            prepare(database_, "INSERT INTO events (received_at, status, body) VALUES (?, ?, ?)");
+            prepare(database_,
+                    "INSERT INTO events (received_at, status, body, answer) VALUES (?, ?, ?, ?)");
         bindText(insertEvent.get(), 1, isoTime(receivedAt));
         sqlite3_bind_int(insertEvent.get(), 2, status);
         sqlite3_bind_blob(insertEvent.get(), 3, body.data(), static_cast<int>(body.size()),
                           SQLITE_TRANSIENT);
+        bindText(insertEvent.get(), 4, answer);
         if (sqlite3_step(insertEvent.get()) != SQLITE_DONE) {
             throw std::runtime_error(std::string("SQLite: ") + sqlite3_errmsg(database_));
         }
@@ -136,8 +171,8 @@ std::int64_t CollectorStore::save(const std::string& body,
     }
 }
 
-std::vector<StoredEvent> CollectorStore::events(const EventFilter& filter) const {
-    std::string sql = "SELECT id, received_at, status, body FROM events WHERE id > ?1";
+std::string CollectorStore::conditions(const EventFilter& filter) {
+    std::string sql;
     if (filter.beforeId > 0) {
         sql += " AND id < ?2";
     }
@@ -155,6 +190,22 @@ std::vector<StoredEvent> CollectorStore::events(const EventFilter& filter) const
     if (filter.text) {
         sql += " AND instr(lower(CAST(body AS TEXT)), lower(?6)) > 0";
     }
+    return sql;
+}
+
+void CollectorStore::bind(sqlite3_stmt* statement, const EventFilter& filter) {
+    sqlite3_bind_int64(statement, 1, filter.afterId);
+    sqlite3_bind_int64(statement, 2, filter.beforeId);
+    bindText(statement, 3, filter.since.value_or(""));
+    bindText(statement, 4, filter.typeId.value_or(""));
+    bindText(statement, 5, filter.device.value_or(""));
+    bindText(statement, 6, filter.text.value_or(""));
+    sqlite3_bind_int64(statement, 7, static_cast<sqlite3_int64>(filter.limit));
+}
+
+std::vector<StoredEvent> CollectorStore::events(const EventFilter& filter) const {
+    std::string sql = "SELECT id, received_at, status, body, answer FROM events WHERE id > ?1" +
+                      conditions(filter);
     sql += filter.newestFirst ? " ORDER BY id DESC" : " ORDER BY id";
     if (filter.limit > 0) {
         sql += " LIMIT ?7";
@@ -162,13 +213,7 @@ std::vector<StoredEvent> CollectorStore::events(const EventFilter& filter) const
 
     std::lock_guard lock(mutex_);
     Statement selectEvents = prepare(database_, sql.c_str());
-    sqlite3_bind_int64(selectEvents.get(), 1, filter.afterId);
-    sqlite3_bind_int64(selectEvents.get(), 2, filter.beforeId);
-    bindText(selectEvents.get(), 3, filter.since.value_or(""));
-    bindText(selectEvents.get(), 4, filter.typeId.value_or(""));
-    bindText(selectEvents.get(), 5, filter.device.value_or(""));
-    bindText(selectEvents.get(), 6, filter.text.value_or(""));
-    sqlite3_bind_int64(selectEvents.get(), 7, static_cast<sqlite3_int64>(filter.limit));
+    bind(selectEvents.get(), filter);
     std::vector<StoredEvent> events;
     while (sqlite3_step(selectEvents.get()) == SQLITE_ROW) {
         StoredEvent event;
@@ -178,6 +223,7 @@ std::vector<StoredEvent> CollectorStore::events(const EventFilter& filter) const
         const auto* bytes = static_cast<const char*>(sqlite3_column_blob(selectEvents.get(), 3));
         event.body.assign(bytes ? bytes : "",
                           static_cast<std::size_t>(sqlite3_column_bytes(selectEvents.get(), 3)));
+        event.answer = columnText(selectEvents.get(), 4);
         events.push_back(std::move(event));
     }
     Statement selectPairs =
@@ -196,22 +242,72 @@ std::vector<StoredEvent> CollectorStore::events(const EventFilter& filter) const
     return events;
 }
 
-EventCounts CollectorStore::counts() const {
+EventCounts CollectorStore::counts(const EventFilter& filter) const {
+    EventFilter all = filter;
+    all.afterId = 0;
+    all.beforeId = 0;
+    const std::string matching = "SELECT id FROM events WHERE id > ?1" + conditions(all);
     std::lock_guard lock(mutex_);
     EventCounts counts;
-    Statement byType =
-        prepare(database_, "SELECT value, COUNT(*) FROM pairs WHERE key = 'type' GROUP BY value");
+    Statement byType = prepare(database_, ("SELECT value, COUNT(*) FROM pairs WHERE key = 'type'"
+                                           " AND event_id IN (" +
+                                           matching + ") GROUP BY value")
+                                              .c_str());
+    bind(byType.get(), all);
     while (sqlite3_step(byType.get()) == SQLITE_ROW) {
         counts.byType.emplace_back(columnText(byType.get(), 0),
                                    sqlite3_column_int64(byType.get(), 1));
     }
-    Statement byStatus = prepare(database_, "SELECT status, COUNT(*) FROM events GROUP BY status");
+    Statement byStatus =
+        prepare(database_, ("SELECT status, COUNT(*), MAX(id) FROM events WHERE id IN (" +
+                            matching + ") GROUP BY status")
+                               .c_str());
+    bind(byStatus.get(), all);
     while (sqlite3_step(byStatus.get()) == SQLITE_ROW) {
         counts.byStatus.emplace_back(sqlite3_column_int(byStatus.get(), 0),
                                      sqlite3_column_int64(byStatus.get(), 1));
         counts.total += counts.byStatus.back().second;
     }
+    // The newest of all events, not only the matching ones: a page counts what comes after.
+    Statement newest = prepare(database_, "SELECT COALESCE(MAX(id), 0) FROM events");
+    sqlite3_step(newest.get());
+    counts.lastId = sqlite3_column_int64(newest.get(), 0);
     return counts;
+}
+
+std::vector<RateBucket> CollectorStore::rates(const EventFilter& filter, bool perMinute,
+                                              std::int64_t* lastId) const {
+    EventFilter all = filter;
+    all.afterId = 0;
+    all.beforeId = 0;
+    const std::string sql =
+        std::string("SELECT substr(received_at, 1, ") + (perMinute ? "16" : "19") +
+        ") AS bucket, COALESCE((SELECT value FROM pairs WHERE event_id = events.id "
+        "AND key = 'type'), '') AS type, status != 200 AS refused, COUNT(*) "
+        "FROM events WHERE id > ?1" +
+        conditions(all) + " GROUP BY bucket, type, refused ORDER BY bucket, type, refused";
+    std::lock_guard lock(mutex_);
+    Statement select = prepare(database_, sql.c_str());
+    bind(select.get(), all);
+    std::vector<RateBucket> buckets;
+    while (sqlite3_step(select.get()) == SQLITE_ROW) {
+        buckets.push_back({columnText(select.get(), 0), columnText(select.get(), 1),
+                           sqlite3_column_int(select.get(), 2) != 0,
+                           sqlite3_column_int64(select.get(), 3)});
+    }
+    if (lastId != nullptr) {
+        Statement newest = prepare(database_, "SELECT COALESCE(MAX(id), 0) FROM events");
+        sqlite3_step(newest.get());
+        *lastId = sqlite3_column_int64(newest.get(), 0);
+    }
+    return buckets;
+}
+
+std::int64_t CollectorStore::lastId() const {
+    std::lock_guard lock(mutex_);
+    Statement newest = prepare(database_, "SELECT COALESCE(MAX(id), 0) FROM events");
+    sqlite3_step(newest.get());
+    return sqlite3_column_int64(newest.get(), 0);
 }
 
 std::string CollectorStore::isoTime(std::chrono::system_clock::time_point time) {

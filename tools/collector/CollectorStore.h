@@ -9,6 +9,7 @@
 #include <vector>
 
 struct sqlite3;
+struct sqlite3_stmt;
 
 namespace NorvAnalytic::Collector {
 
@@ -25,6 +26,8 @@ struct StoredEvent {
     int status = 0;
     std::string body;
     std::vector<FormPair> pairs;
+    // The body the collector answered with; empty for events stored before it was kept.
+    std::string answer;
 
     // The value of the first pair with this key, if any.
     std::optional<std::string> value(const std::string& key) const;
@@ -45,6 +48,10 @@ struct EventFilter {
     // 0 for no limit.
     std::size_t limit = 0;
     bool newestFirst = false;
+
+    // Whether an event passes the type, device and text filters, as the store's query
+    // decides it (ids, time and limit aside): live pages filter events already read.
+    bool matches(const StoredEvent& event) const;
 };
 
 // How many events are stored, per type id and per answered status.
@@ -52,6 +59,16 @@ struct EventCounts {
     std::vector<std::pair<std::string, std::int64_t>> byType;
     std::vector<std::pair<int, std::int64_t>> byStatus;
     std::int64_t total = 0;
+    // The newest event counted, so that a page adds only events after it.
+    std::int64_t lastId = 0;
+};
+
+// Events of one type that arrived within one second or minute, refused or answered 200.
+struct RateBucket {
+    std::string time;
+    std::string typeId;
+    bool refused = false;
+    std::int64_t count = 0;
 };
 
 // The collector's SQLite file: every event with its raw body, its pairs, when it arrived and
@@ -69,10 +86,18 @@ public:
 
     // Stores one event and returns its id.
     std::int64_t save(const std::string& body, std::chrono::system_clock::time_point receivedAt,
-                      int status);
+                      int status, const std::string& answer = {});
     // The stored events the filter matches, oldest first unless it says otherwise.
     std::vector<StoredEvent> events(const EventFilter& filter = {}) const;
-    EventCounts counts() const;
+    // Counts of the events the filter matches (its ids and limit aside).
+    EventCounts counts(const EventFilter& filter = {}) const;
+    // The events the filter matches from filter.since on, counted per second (or per minute
+    // with perMinute), type and refusal; buckets are times cut to "2026-11-22T06:30:01".
+    // lastId, when given, receives the newest event id they include.
+    std::vector<RateBucket> rates(const EventFilter& filter, bool perMinute,
+                                  std::int64_t* lastId = nullptr) const;
+    // The id of the newest stored event, 0 when there is none.
+    std::int64_t lastId() const;
 
     // "2026-11-21T05:40:01.123Z": sorts as it reads, and says which clock it is.
     static std::string isoTime(std::chrono::system_clock::time_point time);
@@ -82,6 +107,9 @@ public:
 
 private:
     void execute(const char* sql) const;
+    // The "AND …" conditions of a filter over table "events", numbered as bind() binds them.
+    static std::string conditions(const EventFilter& filter);
+    static void bind(sqlite3_stmt* statement, const EventFilter& filter);
 
     mutable std::mutex mutex_;
     sqlite3* database_ = nullptr;
