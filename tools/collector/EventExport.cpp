@@ -3,7 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include "EventSummary.h"
-#include "reporting/EventCatalogue.h"
+#include "events/EventCatalogue.h"
 
 namespace NorvAnalytic::Collector {
 
