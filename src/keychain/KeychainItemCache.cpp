@@ -45,7 +45,10 @@ void KeychainItemCache::abandonAfterFork() {
     writeLock_ = new std::mutex();
     changed_ = new std::condition_variable();
     // The thread is started again by the child's first call that needs it.
-    thread_ = nullptr;
+    if (thread_) {
+        abandonParentsThread(*thread_);
+        thread_.reset();
+    }
     for (auto& [key, insert] : pending_) {
         insert->due = Clock::now();
     }
@@ -81,14 +84,14 @@ void KeychainItemCache::useBackend(const std::shared_ptr<KeychainBackend>& backe
 }
 
 bool KeychainItemCache::ensureThread() {
-    if (thread_ != nullptr) {
+    if (thread_) {
         return true;
     }
     if (stopping_) {
         return false;
     }
     try {
-        thread_ = new std::thread(startSdkThread("norv-keychain", [this] { run(); }));
+        thread_ = startSdkThread("norv-keychain", [this] { run(); });
     } catch (const std::system_error&) {
         return false;
     }
@@ -98,20 +101,18 @@ bool KeychainItemCache::ensureThread() {
 }
 
 void KeychainItemCache::stopAtExit() {
-    std::thread* thread = nullptr;
+    std::optional<std::thread> thread;
     {
         const std::lock_guard lock(mutex_);
         stopping_ = true;
         std::swap(thread, thread_);
     }
     changed_->notify_all();
-    if (thread != nullptr && thread->get_id() != std::this_thread::get_id()) {
+    if (thread && thread->get_id() != std::this_thread::get_id()) {
         thread->join();
-        delete thread;
-    } else if (thread != nullptr) {
+    } else if (thread) {
         // exit() called from a host callback on this very thread: it ends with the process.
         thread->detach();
-        delete thread;
     }
 }
 

@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -94,8 +95,8 @@ private:
     std::map<Key, std::shared_ptr<PendingInsert>> pending_;
     // Counts every write through Keychain, for reads of items not cached yet.
     std::uint64_t writes_ = 0;
-    // Left behind, never joined or freed, in a forked child: the thread is the parent's.
-    std::thread* thread_ = nullptr;
+    // Let go of, never joined, in a forked child: the thread is the parent's.
+    std::optional<std::thread> thread_;
     bool stopping_ = false;
 };
 
