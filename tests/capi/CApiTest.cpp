@@ -31,59 +31,6 @@ struct Lines {
     }
 };
 
-TEST(CApi, EachEventCallSendsWhatItsCppTwinSends) {
-    ReportingHarness harness;
-    norv_save_store_user_id("store-user-7");
-    const std::vector<std::pair<std::function<void()>, Testing::ExpectedEvent>> rows = {
-        {[] { norv_send_username("ann"); }, {.username = "ann"}},
-        {[] { norv_send_warehouse("north"); }, {.warehouse = "north"}},
-        {[] { norv_send_error("boom"); }, {.error = "boom"}},
-        {[] { norv_send_device_name("sc"); }, {.deviceName = "sc"}},
-        {[] { norv_send_device_custom_name("Till"); }, {.typeId = "23", .deviceCustomName = "Till"}},
-        {[] { norv_send_event_with_player_id("p-1"); }, {.typeId = "22", .playerId = "p-1"}},
-        {[] { norv_send_event_with_page_name("Orders"); }, {.typeId = "7", .pageName = "Orders"}},
-        {[] { norv_send_user_login_event("p", "r", "ann", "n"); },
-         {.typeId = "5", .parameters = "p", .response = "r", .username = "ann", .warehouse = "n"}},
-        {[] { norv_send_user_login_event("p", nullptr, nullptr, "n"); },
-         {.typeId = "5", .parameters = "p", .warehouse = "n"}},
-        {[] { norv_send_user_can_not_login_event("p", "r", "denied"); },
-         {.typeId = "15", .parameters = "p", .response = "r", .error = "denied"}},
-        {[] { norv_send_user_logout_event(); }, {.typeId = "6"}},
-        {[] { norv_send_location_service_status_event(2); }, {.typeId = "18", .value = 2.0F}},
-        {[] { norv_send_bluetooth_status_event(3); }, {.typeId = "17", .value = 3.0F}},
-        {[] { norv_send_external_accessory_battery_is_low_event(); }, {.typeId = "20"}},
-        {[] { norv_send_external_accessory_battery_status(16); }, {.typeId = "21", .value = 16.0F}},
-        {[] { norv_send_app_open_event(); }, {.typeId = "2", .value = 1.0F}},
-        {[] { norv_send_app_open_event_with_device_name("sc"); },
-         {.typeId = "2", .value = 1.0F, .deviceName = "sc"}},
-        {[] { norv_send_app_open_event_with_username("ann", "sc"); },
-         {.typeId = "2", .value = 1.0F, .username = "ann", .deviceName = "sc"}},
-        {[] { norv_send_app_close_event(); }, {.typeId = "2", .value = 0.0F}},
-        {[] { norv_send_data_not_retrieved_event("/o", "p", "r"); },
-         {.typeId = "16", .endpoint = "/o", .parameters = "p", .response = "r"}},
-        {[] { norv_send_event_with_type(7, 0.25F, "/e", nullptr, "r"); },
-         {.typeId = "8", .value = 0.25F, .endpoint = "/e", .response = "r"}},
-        {[] {
-             norv_send_request_start_time(1000.0, "/t");
-             norv_send_request_end_time(1002.5, "/t", "p", nullptr);
-         },
-         {.typeId = "1", .value = 2.5F, .endpoint = "/t", .parameters = "p"}},
-        {[] {
-             norv_send_request_start_time(1000.0, "/t");
-             norv_send_request_end_time(NAN, "/t", nullptr, nullptr);
-         },
-         {.typeId = "1", .endpoint = "/t"}},
-    };
-    for (std::size_t i = 0; i < rows.size(); ++i) {
-        harness.http->clear();
-        rows[i].first();
-        const bool appOpen = rows[i].second.typeId == "2";
-        EXPECT_EQ(harness.http->bodies(),
-                  std::vector<std::string>{harness.body(rows[i].second, appOpen, "store-user-7")})
-            << "row " << i;
-    }
-}
-
 TEST(CApi, BadArgumentsAreSaidOnTheSinkAndChangeNothing) {
     ReportingHarness harness;
     Lines received;

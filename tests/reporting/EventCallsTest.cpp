@@ -1,7 +1,9 @@
 #include <NorvAnalytic/MainQueue.h>
 #include <NorvAnalytic/NorvAnalytics.h>
+#include <NorvAnalytic/norv.h>
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <functional>
 #include <algorithm>
 #include <iterator>
@@ -16,59 +18,110 @@ namespace {
 
 using Testing::ReportingHarness;
 
-TEST(EventCalls, EachCallSendsItsTypeValueAndSlots) {
+// Each call and its C twin send the same body.
+TEST(EventCalls, EachCallAndItsCTwinSendItsTypeValueAndSlots) {
     ReportingHarness harness;
     NorvAnalytics::saveStoreUserID("store-user-7");
     const std::string p = "p", r = "r", longName(300, 'n');
-    // Each call, and the slots it must send.
-    const std::vector<std::pair<std::function<void()>, Testing::ExpectedEvent>> rows = {
-        {[&] { NorvAnalytics::sendUsername(longName); }, {.username = longName}},
-        {[] { NorvAnalytics::sendWarehouse("north"); }, {.warehouse = "north"}},
-        {[] { NorvAnalytics::sendError("boom"); }, {.error = "boom"}},
-        {[] { NorvAnalytics::sendDeviceName("sc"); }, {.deviceName = "sc"}},
-        {[] { NorvAnalytics::sendEventWithPlayerId("p-1"); }, {.typeId = "22", .playerId = "p-1"}},
+    const Date t1000 = Date(std::chrono::seconds(1000));
+    struct Row {
+        std::function<void()> call, c;
+        Testing::ExpectedEvent sent;
+    };
+    const std::vector<Row> rows = {
+        {[&] { NorvAnalytics::sendUsername(longName); },
+         [&] { norv_send_username(longName.c_str()); }, {.username = longName}},
+        {[] { NorvAnalytics::sendWarehouse("north"); }, [] { norv_send_warehouse("north"); },
+         {.warehouse = "north"}},
+        {[] { NorvAnalytics::sendError("boom"); }, [] { norv_send_error("boom"); },
+         {.error = "boom"}},
+        {[] { NorvAnalytics::sendDeviceName("sc"); }, [] { norv_send_device_name("sc"); },
+         {.deviceName = "sc"}},
+        {[] { NorvAnalytics::sendEventWithPlayerId("p-1"); },
+         [] { norv_send_event_with_player_id("p-1"); }, {.typeId = "22", .playerId = "p-1"}},
+        {[] { NorvAnalytics::sendEventWithPageName("Orders"); },
+         [] { norv_send_event_with_page_name("Orders"); }, {.typeId = "7", .pageName = "Orders"}},
         {[&] { NorvAnalytics::sendUserLoginEventWithParameters(p, r); },
+         [] { norv_send_user_login_event("p", "r", nullptr, nullptr); },
          {.typeId = "5", .parameters = p, .response = r}},
         {[&] { NorvAnalytics::sendUserLoginEventWithParameters(p, r, "ann"); },
+         [] { norv_send_user_login_event("p", "r", "ann", nullptr); },
          {.typeId = "5", .parameters = p, .response = r, .username = "ann"}},
         {[&] { NorvAnalytics::sendUserLoginEventWithParameters(p, r, "ann", "n"); },
+         [] { norv_send_user_login_event("p", "r", "ann", "n"); },
          {.typeId = "5", .parameters = p, .response = r, .username = "ann", .warehouse = "n"}},
         {[&] { NorvAnalytics::sendUserCanNotLoginEventWithParameters(p, r); },
+         [] { norv_send_user_can_not_login_event("p", "r", nullptr); },
          {.typeId = "15", .parameters = p, .response = r}},
         {[&] { NorvAnalytics::sendUserCanNotLoginEventWithParameters(p, r, "denied"); },
+         [] { norv_send_user_can_not_login_event("p", "r", "denied"); },
          {.typeId = "15", .parameters = p, .response = r, .error = "denied"}},
-        {[] { NorvAnalytics::sendUserLogoutEvent(); }, {.typeId = "6"}},
+        {[] { NorvAnalytics::sendUserLogoutEvent(); }, [] { norv_send_user_logout_event(); },
+         {.typeId = "6"}},
         {[] { NorvAnalytics::sendDeviceCustomName("Till"); },
+         [] { norv_send_device_custom_name("Till"); },
          {.typeId = "23", .deviceCustomName = "Till"}},
         {[] { NorvAnalytics::sendLocationServiceStatusEventWithValue(2); },
-         {.typeId = "18", .value = 2.0F}},
+         [] { norv_send_location_service_status_event(2); }, {.typeId = "18", .value = 2.0F}},
         {[] { NorvAnalytics::sendBluetoothStatusEventWithValue(3); },
-         {.typeId = "17", .value = 3.0F}},
-        {[] { NorvAnalytics::sendExternalAccessoryBatteryIsLowEvent(); }, {.typeId = "20"}},
+         [] { norv_send_bluetooth_status_event(3); }, {.typeId = "17", .value = 3.0F}},
+        {[] { NorvAnalytics::sendExternalAccessoryBatteryIsLowEvent(); },
+         [] { norv_send_external_accessory_battery_is_low_event(); }, {.typeId = "20"}},
         {[] { NorvAnalytics::sendExternalAccessoryBatteryStatusWithValue(16777217); },
+         [] { norv_send_external_accessory_battery_status(16777217); },
          {.typeId = "21", .value = 16777216.0F}},
+        {[] { NorvAnalytics::sendAppOpenEvent(); }, [] { norv_send_app_open_event(); },
+         {.typeId = "2", .value = 1.0F}},
         {[] { NorvAnalytics::sendAppOpenEventWithDeviceName("sc"); },
+         [] { norv_send_app_open_event_with_device_name("sc"); },
          {.typeId = "2", .value = 1.0F, .deviceName = "sc"}},
         {[] { NorvAnalytics::sendAppOpenEventWithUsername("ann"); },
+         [] { norv_send_app_open_event_with_username("ann", nullptr); },
          {.typeId = "2", .value = 1.0F, .username = "ann"}},
         {[] { NorvAnalytics::sendAppOpenEventWithUsername("ann", "sc"); },
+         [] { norv_send_app_open_event_with_username("ann", "sc"); },
          {.typeId = "2", .value = 1.0F, .username = "ann", .deviceName = "sc"}},
         // App close goes under the app-open type; the value tells them apart.
-        {[] { NorvAnalytics::sendAppCloseEvent(); }, {.typeId = "2", .value = 0.0F}},
+        {[] { NorvAnalytics::sendAppCloseEvent(); }, [] { norv_send_app_close_event(); },
+         {.typeId = "2", .value = 0.0F}},
         {[&] { NorvAnalytics::sendDataNotRetrievedEventWithEndpoint("/o", p, r); },
+         [] { norv_send_data_not_retrieved_event("/o", "p", "r"); },
          {.typeId = "16", .endpoint = "/o", .parameters = p, .response = r}},
         {[] { NorvAnalytics::sendEventWithType(7, 0.25F, "/e", std::nullopt, std::nullopt); },
+         [] { norv_send_event_with_type(7, 0.25F, "/e", nullptr, nullptr); },
          {.typeId = "8", .value = 0.25F, .endpoint = "/e"}},
         {[] { NorvAnalytics::sendEventWithType(17, 1.0F, std::nullopt, "x", std::nullopt); },
+         [] { norv_send_event_with_type(17, 1.0F, nullptr, "x", nullptr); },
          {.value = 1.0F, .parameters = "x"}},
+        {[&] {
+             NorvAnalytics::sendRequestStartTime(t1000, "/t");
+             NorvAnalytics::sendRequestEndTime(t1000 + std::chrono::milliseconds(2500), "/t", "p",
+                                               std::nullopt);
+         },
+         [] {
+             norv_send_request_start_time(1000.0, "/t");
+             norv_send_request_end_time(1002.5, "/t", "p", nullptr);
+         },
+         {.typeId = "1", .value = 2.5F, .endpoint = "/t", .parameters = "p"}},
+        // A C host says "no end time" with NaN.
+        {[&] {
+             NorvAnalytics::sendRequestStartTime(t1000, "/t");
+             NorvAnalytics::sendRequestEndTime(std::nullopt, "/t", std::nullopt, std::nullopt);
+         },
+         [] {
+             norv_send_request_start_time(1000.0, "/t");
+             norv_send_request_end_time(NAN, "/t", nullptr, nullptr);
+         },
+         {.typeId = "1", .endpoint = "/t"}},
     };
     for (std::size_t i = 0; i < rows.size(); ++i) {
-        harness.http->clear();
-        rows[i].first();
-        const bool appOpen = rows[i].second.typeId == "2";
-        EXPECT_EQ(harness.http->bodies(),
-                  std::vector<std::string>{harness.body(rows[i].second, appOpen, "store-user-7")})
-            << "row " << i;
+        const bool appOpen = rows[i].sent.typeId == "2";
+        const std::string expected = harness.body(rows[i].sent, appOpen, "store-user-7");
+        for (const auto& call : {rows[i].call, rows[i].c}) {
+            harness.http->clear();
+            call();
+            EXPECT_EQ(harness.http->bodies(), std::vector<std::string>{expected}) << "row " << i;
+        }
         EXPECT_EQ(harness.http->requests().at(0).url, ReportingHarness::kUrl);
     }
 }
