@@ -17,9 +17,9 @@
 #include <thread>
 #include <vector>
 
-#include "ui/HeadlessApplication.h"
 #include "support/LocalHttpServer.h"
 #include "support/ThreadList.h"
+#include "ui/HeadlessApplication.h"
 
 // The platform's parts that meet real system pieces: sockets and TLS, and the desktop's programs.
 namespace NorvAnalytic {
@@ -137,7 +137,8 @@ TEST(CurlHttpClientTest, AnAnswerPastTheCapArrivesEmptyWithItsStatusAndAFullQueu
     for (std::size_t index = 1; index < outcomes.size(); ++index) {
         const std::string outcome = outcomes[index].get();
         answered += outcome == "500 [{}]";
-        EXPECT_TRUE(outcome == "500 [{}]" || outcome.starts_with("-1 no data error 2: ")) << outcome;
+        EXPECT_TRUE(outcome == "500 [{}]" || outcome.starts_with("-1 no data error 2: "))
+            << outcome;
     }
     EXPECT_GE(answered, CurlHttpClient::kMaxWaitingRequests);
 }
@@ -227,7 +228,8 @@ TEST(HeadlessApplicationTest, AsksTheDesktopAndOpensWithoutAShellLeavingNoProces
     EXPECT_TRUE(Testing::runsWithSignalBlocked("norv-reaper", SIGTERM));
     ASSERT_TRUE(noChildrenWithin(10s));
     std::this_thread::sleep_for(300ms);
-    EXPECT_EQ(Testing::threadsByName().count("norv-reaper"), 0U);
+    EXPECT_EQ(std::ranges::count(Testing::threadList(), "norv-reaper", &Testing::ThreadInfo::name),
+              0);
     fs::remove_all(directory);
 }
 

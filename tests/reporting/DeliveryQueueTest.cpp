@@ -46,15 +46,6 @@ TEST(DeliveryQueue, AWindowAtATimeInOrderAlsoToAClientThatAnswersInsideSend) {
     EXPECT_EQ(sentPages(harness), pages(0, kEvents));
 }
 
-// The host's call only adds the record; bodies are built and sent on the SDK's own thread.
-TEST(DeliveryQueue, AHostCallHandsNothingToTheClientItself) {
-    ReportingHarness harness;
-    std::ranges::for_each(pages(0, 3), &NorvAnalytics::sendEventWithPageName);
-    const std::vector<std::thread::id> senders = harness.http->senders();
-    ASSERT_EQ(senders.size(), 3U);
-    EXPECT_EQ(std::ranges::count(senders, std::this_thread::get_id()), 0);
-}
-
 // Each event finds the delivery thread asleep, or falling asleep, from two host threads at once:
 // an event whose wake-up were lost would wait for the next call, and the flush would fail.
 TEST(DeliveryQueue, EveryEventWakesTheHandOverEvenWhileItFallsAsleep) {

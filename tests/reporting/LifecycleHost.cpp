@@ -7,11 +7,11 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <string>
 #include <thread>
+
+#include "support/ThreadList.h"
 
 namespace {
 
@@ -70,22 +70,11 @@ int threads() {
         return 5;
     }
     int failures = 0;
-    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-        if (task.path().filename() == std::to_string(::getpid())) {
-            continue;
-        }
-        std::string name;
-        std::getline(std::ifstream(task.path() / "comm"), name);
-        std::ifstream status(task.path() / "status");
-        unsigned long long blocked = 0;
-        for (std::string line; std::getline(status, line);) {
-            if (line.starts_with("SigBlk:")) {
-                blocked = std::stoull(line.substr(7), nullptr, 16);
-            }
-        }
+    for (const auto& thread : NorvAnalytic::Testing::threadList()) {
         for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGUSR1, SIGCHLD}) {
-            if ((blocked & (1ULL << (signal - 1))) == 0 || !name.starts_with("norv-")) {
-                std::cerr << "thread \"" << name << "\" takes signal " << signal << "\n";
+            if (thread.id != ::getpid() &&
+                (!thread.name.starts_with("norv-") || !thread.blocks(signal))) {
+                std::cerr << "thread \"" << thread.name << "\" takes signal " << signal << "\n";
                 ++failures;
             }
         }

@@ -1,12 +1,13 @@
 #include "support/ThreadList.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 
 namespace NorvAnalytic::Testing {
 
-std::multimap<std::string, unsigned long long> threadsByName() {
-    std::multimap<std::string, unsigned long long> threads;
+std::vector<ThreadInfo> threadList() {
+    std::vector<ThreadInfo> threads;
     std::error_code ignored;
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task", ignored)) {
         std::string name;
@@ -20,16 +21,16 @@ std::multimap<std::string, unsigned long long> threadsByName() {
         }
         // A thread that ended between the listing and the reads has no name.
         if (!name.empty()) {
-            threads.emplace(name, blocked);
+            threads.push_back({std::stol(task.path().filename().string()), name, blocked});
         }
     }
     return threads;
 }
 
 bool runsWithSignalBlocked(const std::string& name, int signal) {
-    const auto threads = threadsByName();
-    const auto found = threads.find(name);
-    return found != threads.end() && (found->second & (1ULL << (signal - 1))) != 0;
+    const auto threads = threadList();
+    const auto found = std::ranges::find(threads, name, &ThreadInfo::name);
+    return found != threads.end() && found->blocks(signal);
 }
 
 }  // namespace NorvAnalytic::Testing
