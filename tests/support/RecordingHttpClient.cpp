@@ -9,7 +9,6 @@ namespace NorvAnalytic::Testing {
 void RecordingHttpClient::send(HttpRequest request, Completion completion) {
     std::unique_lock lock(mutex_);
     requests_.push_back(std::move(request));
-    senders_.push_back(std::this_thread::get_id());
     if (!answerInsideSend) {
         open_.push_back(std::move(completion));
         return;
@@ -33,12 +32,6 @@ std::vector<HttpRequest> RecordingHttpClient::requests() const {
     return requests_;
 }
 
-std::vector<std::thread::id> RecordingHttpClient::senders() const {
-    beforeReading();
-    std::lock_guard lock(mutex_);
-    return senders_;
-}
-
 std::vector<std::string> RecordingHttpClient::bodies() const {
     beforeReading();
     std::lock_guard lock(mutex_);
@@ -51,7 +44,6 @@ void RecordingHttpClient::clear() {
     beforeReading();
     std::lock_guard lock(mutex_);
     requests_.clear();
-    senders_.clear();
 }
 
 std::size_t RecordingHttpClient::completeAll(const std::optional<std::string>& data,

@@ -24,8 +24,6 @@ public:
     // Every request sent since the last clear(), oldest first, and their bodies.
     std::vector<HttpRequest> requests() const;
     std::vector<std::string> bodies() const;
-    // The thread that sent each of them.
-    std::vector<std::thread::id> senders() const;
     void clear();
 
     // Once set, each request is answered (200, empty) before send() returns, as a stopped
@@ -49,7 +47,6 @@ private:
 
     mutable std::mutex mutex_;
     std::vector<HttpRequest> requests_;
-    std::vector<std::thread::id> senders_;
     std::vector<Completion> open_;
 };
 
