@@ -42,6 +42,11 @@ protected:
 };
 
 TEST_F(Lifecycle, AForkedChildSendsItsOwnEventsOnceAndItsFlushMeansIt) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    // The sanitizers' own allocators are not fork-safe: a child forked while another thread
+    // allocates can hang in its first allocation, whatever the SDK does.
+    GTEST_SKIP() << "a sanitizer's allocator cannot be used in a child of a threaded process";
+#endif
     // The parent's events are still unanswered when it forks.
     server.setResponder([](const std::string&, const std::string& body) {
         return Testing::LocalHttpServer::Answer{
