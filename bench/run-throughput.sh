@@ -91,7 +91,8 @@ for round in 1 2 3; do
     "$bare" "$tls" "$work/cert.pem"
     NORV_THROUGHPUT_URL="$tls" NORV_THROUGHPUT_CA="$work/cert.pem" "$bench" "$@"
     if command -v h2load >/dev/null; then
-        h2load -n 100000 -c 1 -m 64 -d <(printf '%240s' | tr ' ' x) "$tls" | grep -E 'finished in|requests:'
+        printf '%240s' | tr ' ' x >"$work/h2load-body"
+        h2load -n 100000 -c 1 -m 64 -d "$work/h2load-body" "$tls" | grep -E 'finished in|requests:'
     fi
     echo "== round $round: plain HTTP/1.1"
     "$bare" "$plain"
