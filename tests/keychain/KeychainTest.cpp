@@ -367,20 +367,14 @@ TEST(SystemFileKeychainTest, AnotherProcesssSaveReplacesTheCachedUserIdWithinASe
 }
 
 // Two processes of four threads and four threads here ask a fresh store for the device UUID at
-// one instant, trials times: every answer, in every process, is the one the store holds after,
-// and so is what every process holds from then on. A caller waits 100 ms at most for the first
-// write, which a sanitized process under this contention may need longer for: there, only what
-// the processes end holding is checked.
+// one instant, trials times: every process ends holding the one UUID the store holds. A caller
+// waits 100 ms at most for the first write, so under load an early answer may be a candidate
+// that lost; what each process holds once the write has landed is the stored one.
 // freshStore installs the store and gives the writer's extra arguments; storedItems counts the
 // UUID items the store holds.
 void expectOneUUIDFromConcurrentFirstStarts(
     int trials, const std::function<std::vector<std::string>(const ScratchDirectory&)>& freshStore,
     const std::function<int()>& storedItems) {
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-    const bool firstAnswersInTime = false;
-#else
-    const bool firstAnswersInTime = true;
-#endif
     for (int trial = 0; trial < trials; ++trial) {
         const ScratchDirectory scratch;
         const std::vector<std::string> writerArguments = freshStore(scratch);
@@ -426,9 +420,6 @@ void expectOneUUIDFromConcurrentFirstStarts(
         held.push_back(NorvAnalytics::getNorvAnalyticUUID());
         ASSERT_EQ(answers.size(), 12U) << "trial " << trial;
         ASSERT_THAT(held, ::testing::ElementsAre(*stored, *stored, *stored)) << "trial " << trial;
-        if (firstAnswersInTime) {
-            ASSERT_THAT(answers, ::testing::Each(*stored)) << "trial " << trial;
-        }
         ASSERT_EQ(storedItems(), 1) << "trial " << trial;
     }
 }
