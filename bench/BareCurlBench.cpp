@@ -1,11 +1,12 @@
 #include <curl/curl.h>
-#include <sys/resource.h>
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
+
+#include "ProcessCpu.h"
 
 // libcurl's multi interface alone, as a yardstick for the SDK's delivery: 64 easy handles
 // reused, HTTP/2 multiplexed on one connection where the server offers it (six HTTP/1.1
@@ -16,14 +17,7 @@ namespace {
 constexpr int kRequests = 100'000;
 constexpr int kHandles = 64;
 
-double cpuMicroseconds() {
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    const auto micros = [](const timeval& time) {
-        return static_cast<double>(time.tv_sec) * 1e6 + static_cast<double>(time.tv_usec);
-    };
-    return micros(usage.ru_utime) + micros(usage.ru_stime);
-}
+using NorvAnalytic::Bench::cpuMicroseconds;
 
 std::size_t discard(char*, std::size_t size, std::size_t count, void*) { return size * count; }
 

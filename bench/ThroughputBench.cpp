@@ -5,7 +5,6 @@
 
 #include <benchmark/benchmark.h>
 
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -21,6 +20,7 @@
 
 #include "CompletionCounter.h"
 
+#include "ProcessCpu.h"
 #include "ResidentMemory.h"
 
 // Events per second delivered end to end: public event calls on one host thread, the SDK's
@@ -35,6 +35,8 @@ constexpr int kEvents = 100'000;
 using NorvAnalytic::Bench::residentKilobytes;
 
 using NorvAnalytic::Bench::peakResidentKilobytes;
+
+using NorvAnalytic::Bench::cpuMicroseconds;
 
 // Installed for the whole process and never destroyed: their completions may outlive main.
 const std::shared_ptr<NorvAnalytic::CurlHttpClient>& curlClient() {
@@ -88,16 +90,6 @@ private:
 const std::shared_ptr<Gate>& gate() {
     static const auto* instance = new std::shared_ptr<Gate>(std::make_shared<Gate>());
     return *instance;
-}
-
-// User and system CPU time of the whole process (every thread), in microseconds.
-double cpuMicroseconds() {
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    const auto micros = [](const timeval& time) {
-        return static_cast<double>(time.tv_sec) * 1e6 + static_cast<double>(time.tv_usec);
-    };
-    return micros(usage.ru_utime) + micros(usage.ru_stime);
 }
 
 // What a waiting event costs: a burst sent while the network takes nothing, the growth of

@@ -145,14 +145,6 @@ EventTexts EventTable::texts(const Event& event) {
     return texts;
 }
 
-Event EventTable::event(const EventTexts& texts) {
-    Event event;
-    for (const auto& [member, text] : texts) {
-        event.*member = text;
-    }
-    return event;
-}
-
 const std::string* EventTable::find(const EventTexts& texts, Text Event::*member) {
     for (const auto& [slot, text] : texts) {
         if (slot == member) {

@@ -34,7 +34,6 @@ struct DeviceFacts {
 class EventTable {
 public:
     static EventTexts texts(const Event& event);
-    static Event event(const EventTexts& texts);
     static const std::string* find(const EventTexts& texts, Text Event::*member);
     // What handleEventResponse takes: the texts in their context slots, the body as sent.
     static EventResponseContext context(const EventTexts& texts, std::string deviceUUID,
