@@ -45,8 +45,33 @@ public:
     // than the host (defaults: 100,000 events, 32 MiB). When either is reached the oldest
     // waiting event is dropped, counted, and said once per burst on the diagnostics sink.
     static void setWaitingEventLimits(std::size_t maxEvents, std::size_t maxBytes);
-    // How many waiting events were dropped so far in this process.
+    // How many events a bound dropped so far in this process: waiting ones, kept ones and,
+    // with the persistent queue on, ones in its file.
     static std::uint64_t droppedEventCount();
+
+    // The host's data. Each may be called before or after initWithKey, from any thread.
+    // Off by default. When on, every accepted event not yet answered and every refused event
+    // kept for resending is also written (off this thread, in group commits) to an SQLite file
+    // beside the keychain, one per host bundle identifier; the next process of the host sends
+    // them first, in their order, with their bodies, to their URLs. An event whose request got
+    // no answer at all stays there and is sent again once the network is reachable. Turning
+    // the queue off deletes the file.
+    static void setPersistentQueue(bool enabled);
+    // Allowed by default. While not allowed, an event call returns at once and its event is
+    // discarded: nothing is sent, and the keychain, the queue file and the network are left
+    // alone. Withdrawing discards every waiting and kept event. Not remembered across starts:
+    // a host whose user has not agreed calls it with false before anything else, every start.
+    static void setCollectionAllowed(bool allowed);
+    // Events discarded because collection was not allowed.
+    static std::uint64_t discardedWithoutConsentCount();
+    // Erases the device UUID and the store user id from the keychain and from every file of
+    // ours in the data directory, and drops every waiting and kept event. The next event (when
+    // allowed) carries a new UUID; other processes of the host use the new one within a second.
+    static void forgetDevice();
+    // Bounds the events kept for resending after the server refused them, in memory and in the
+    // queue file (defaults: 10,000 events, 16 MiB). Beyond either the oldest is dropped,
+    // counted in droppedEventCount() and said once per burst on the diagnostics sink.
+    static void setSavedEventLimits(std::size_t maxEvents, std::size_t maxBytes);
 
     // Event calls. None blocks, none reports an error; before initWithKey they do nothing.
     static void sendUsername(const Text& username);

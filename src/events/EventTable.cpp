@@ -6,6 +6,7 @@
 #include <pthread.h>
 
 #include "BuildConfig.h"
+#include "events/SavedEvents.h"
 #include "events/TextFormat.h"
 #include "mainqueue/MainQueueCheck.h"
 
@@ -180,7 +181,7 @@ void EventTable::keep(const EventResponseContext& context, std::int64_t statusCo
     }
     event->value = TextFormat::decimal(context.value);
     event->statusCode = statusCode;
-    Event::savedEvents().push_back(std::move(event));
+    SavedEvents::append(std::move(event));
 }
 
 std::string EventTable::body(const EventTexts& texts, const Text& key, const DeviceFacts& device) {
@@ -239,7 +240,7 @@ void Event::keepEventWithTypeId(Text typeId, float value, Text endpoint, Text pa
         .deviceName = std::move(deviceName),
         .statusCode = statusCode,
     });
-    Event::savedEvents().push_back(std::move(event));
+    SavedEvents::append(std::move(event));
 }
 
 }  // namespace NorvAnalytic

@@ -6,6 +6,7 @@
 #include <charconv>
 #include <chrono>
 
+#include "facade/IdentityErasure.h"
 #include "keychain/KeychainItemCache.h"
 #include "platform/Diagnostics.h"
 #include "events/DeviceIdentity.h"
@@ -75,5 +76,7 @@ void NorvAnalytics::saveStoreUserID(const Text& userId) {
 Text NorvAnalytics::getDeviceModel() {
     return DeviceIdentity::modelName(Platform::device()->machineIdentifier());
 }
+
+void eraseDeviceIdentity() noexcept {}
 
 }  // namespace NorvAnalytic

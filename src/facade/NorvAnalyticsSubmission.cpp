@@ -21,8 +21,6 @@ void NorvAnalytics::setWaitingEventLimits(std::size_t maxEvents, std::size_t max
     DeliveryQueue::shared().setLimits(maxEvents, maxBytes);
 }
 
-std::uint64_t NorvAnalytics::droppedEventCount() { return DeliveryQueue::shared().droppedCount(); }
-
 void submitEvent(const Event& event, bool isSavedEvent) noexcept {
     try {
         std::shared_ptr<const Destination> destination = ControllerState::locked(

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <NorvAnalytic/Event.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace NorvAnalytic {
+
+// The bound on Event::savedEvents(), the events kept for resending after a refusal.
+class SavedEvents {
+public:
+    static constexpr std::size_t kDefaultMaxEvents = 10'000;
+    static constexpr std::size_t kDefaultMaxBytes = 16 << 20;
+
+    // Any thread.
+    static void setLimits(std::size_t maxEvents, std::size_t maxBytes);
+    // Main queue: appends event to Event::savedEvents(), then drops the oldest beyond the
+    // limits, counts them and says so once per burst. Returns what it dropped.
+    static std::vector<std::shared_ptr<Event>> append(std::shared_ptr<Event> event);
+    // Any thread.
+    static std::uint64_t droppedCount();
+};
+
+}  // namespace NorvAnalytic
