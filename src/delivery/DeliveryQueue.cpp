@@ -209,7 +209,7 @@ void DeliveryQueue::deliverForever() {
         inWindow_ = inWindow_ + used - turn.room;
         backlog_ = backlog;
         handingOver_ = false;
-        if (last) {
+        if (last && waiting_.empty()) {
             break;
         }
     }
@@ -808,16 +808,9 @@ void DeliveryQueue::waitUntilHandedOver() {
     handedOver_.wait(lock, [this] { return !handingOver_ && (waiting_.empty() || idle_ || !thread_); });
 }
 
-// The file lock too: a child must not inherit it held by a turn of a thread it does not have.
-void DeliveryQueue::beforeFork() {
-    shared().fileMutex_.lock();
-    shared().mutex_.lock();
-}
+void DeliveryQueue::beforeFork() { shared().mutex_.lock(); }
 
-void DeliveryQueue::afterForkInParent() {
-    shared().mutex_.unlock();
-    shared().fileMutex_.unlock();
-}
+void DeliveryQueue::afterForkInParent() { shared().mutex_.unlock(); }
 
 // The child has none of our threads, and what waited in the parent is the parent's to send:
 // it is left where it is, never sent twice, and the child's first event starts a thread anew.
@@ -830,10 +823,12 @@ void DeliveryQueue::afterForkInChild() {
         queue.thread_.reset();
     }
     queue.waitingBytes_ = 0;
-    // The parent's connection and rows: the child opens the file anew, as a process of its own.
-    static_cast<void>(queue.file_.release());
-    static_cast<void>(new std::deque<BacklogRow>(std::move(queue.backlogRows_)));
-    queue.backlogRows_.clear();
+    // The parent's connection and rows, left as they are (a turn of the parent's thread may
+    // have been changing them): the child opens the file anew, as a process of its own.
+    new (&queue.file_) std::unique_ptr<QueueFile>;
+    new (&queue.backlogRows_) std::deque<BacklogRow>;
+    new (&queue.path_) std::filesystem::path;
+    queue.fileFailed_ = false;
     queue.backlogBytes_ = 0;
     queue.handedOverRow_ = 0;
     queue.retriedRow_ = 0;
@@ -850,7 +845,9 @@ void DeliveryQueue::afterForkInChild() {
     new (&queue.wake_) std::condition_variable;
     new (&queue.handedOver_) std::condition_variable;
     queue.mutex_.unlock();
-    queue.fileMutex_.unlock();
+    // Not taken before the fork: a turn holding it may wait for the HTTP client's lock, which
+    // the client's own fork handler holds by then. The thread that held it is gone.
+    new (&queue.fileMutex_) std::mutex;
 }
 
 }  // namespace NorvAnalytic
