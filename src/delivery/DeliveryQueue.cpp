@@ -805,7 +805,7 @@ std::uint64_t DeliveryQueue::droppedCount() const {
 
 void DeliveryQueue::waitUntilHandedOver() {
     std::unique_lock lock(mutex_);
-    handedOver_.wait(lock, [this] { return !handingOver_ && (waiting_.empty() || idle_ || !thread_); });
+    handedOver_.wait(lock, [this] { return !handingOver_ && (!thread_ || !hasWorkLocked()); });
 }
 
 void DeliveryQueue::beforeFork() { shared().mutex_.lock(); }

@@ -59,8 +59,8 @@ public:
     // ended processes go first and a flush waits for them. Does disk I/O on the caller's thread.
     void recover();
     // Returns once the hand-over has nothing to do until an answer or a call wakes it: after a
-    // burst, every event the window has room for is in the client. For tests that read what the
-    // client got.
+    // burst, every event the window has room for is in the client, and what the answers changed
+    // is in the file. For tests that read what the client got.
     void waitUntilHandedOver();
 
     DeliveryQueue(const DeliveryQueue&) = delete;

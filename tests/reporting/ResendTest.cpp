@@ -1,5 +1,9 @@
 #include <NorvAnalytic/NorvAnalytics.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
 
 #include "support/ReportingHarness.h"
 
@@ -100,6 +104,41 @@ TEST(Resend, EveryStartAddsATimerAndDisablingStopsOnlyTheLast) {
     EXPECT_EQ(harness.savedCount(), 1U);
     first->invalidate();
     second->invalidate();
+}
+
+// With the queue on, events whose requests got no answer wait in the file: each reachable tick
+// tries the next of them once, and the first answer lets the rest of the round follow at once.
+TEST(Resend, WithTheQueueOnUnansweredEventsAreTriedOnTheTickAndFollowTheFirstAnswer) {
+    const std::filesystem::path dataHome =
+        std::filesystem::temp_directory_path() / ("norv-resend-" + std::to_string(::getpid()));
+    ::setenv("XDG_DATA_HOME", dataHome.c_str(), 1);
+    {
+        ReportingHarness harness;
+        NorvAnalytics::setPersistentQueue(true);
+        for (const char* name : {"A", "B", "C"}) {
+            NorvAnalytics::sendEventWithPageName(std::string(name));
+        }
+        EXPECT_EQ(harness.http->failAll(), 3U);
+        harness.http->clear();
+        harness.tick();
+        EXPECT_EQ(harness.http->bodies(), Lines{pageBody(harness, "A")});
+        harness.http->failAll();
+        harness.http->clear();
+        harness.tick();
+        EXPECT_EQ(harness.http->bodies(), Lines{pageBody(harness, "B")});
+        harness.http->answerAll(200, "{}");
+        EXPECT_EQ(harness.http->bodies(), (Lines{pageBody(harness, "B"), pageBody(harness, "C")}));
+        harness.http->answerAll(200, "{}");
+        harness.http->clear();
+        // A new round starts from the oldest left; once it is answered nothing is left.
+        harness.tick();
+        EXPECT_EQ(harness.http->bodies(), Lines{pageBody(harness, "A")});
+        harness.http->answerAll(200, "{}");
+        harness.tick();
+        EXPECT_EQ(harness.http->bodies(), Lines{pageBody(harness, "A")});
+    }
+    ::unsetenv("XDG_DATA_HOME");
+    std::filesystem::remove_all(dataHome);
 }
 
 }  // namespace

@@ -37,6 +37,8 @@ ReportingHarness::~ReportingHarness() {
         Event::savedEvents().clear();
         controller.setAlertController(nullptr);
     });
+    NorvAnalytics::setPersistentQueue(false);
+    NorvAnalytics::setCollectionAllowed(true);
     setMainQueueClock(nullptr);
     Platform::setHttpClient(nullptr);
     Platform::setDevice(nullptr);
