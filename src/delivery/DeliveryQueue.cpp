@@ -49,6 +49,12 @@ std::string deviceUUIDIn(std::string_view body) {
     return std::string(body.substr(start, body.find('&', start) - start));
 }
 
+// The host's queue file, named by its bundle identifier.
+std::filesystem::path queuePath() {
+    const std::shared_ptr<const Bundle> bundle = Bundle::mainBundle();
+    return QueueFile::pathFor(bundle ? bundle->bundleIdentifier() : std::string());
+}
+
 }  // namespace
 
 // An event handed to the client: what was made for it, and its place in the window, freed
@@ -281,11 +287,12 @@ std::size_t DeliveryQueue::persist(Turn& turn, std::vector<Ready>& ready) {
     }
     std::size_t used = 0;
     if (!written) {
-        if (!ready.empty() && Diagnostics::isOn()) {
-            Diagnostics::report(DiagnosticLevel::Warning,
-                                "The event queue file " + path_.string() +
-                                    " could not be written: these events are sent from memory.");
-        }
+        // Said once: until the queue is turned on again, events go from memory.
+        Diagnostics::report(DiagnosticLevel::Error,
+                            "The event queue file " + path_.string() +
+                                " could not be written: events are sent from memory.");
+        closeFile(false);
+        fileFailed_ = true;
         for (Ready& each : ready) {
             handOver(std::move(each));
             ++used;
@@ -429,15 +436,19 @@ std::size_t DeliveryQueue::readBack(std::size_t room) {
             }
         }
     } catch (...) {
-        // The file refused a read: the rows wait for the next turn.
+        // The file refused a read: its rows wait there for the next process.
+        Diagnostics::report(DiagnosticLevel::Error, "The event queue file " + path_.string() +
+                                                        " could not be read: events are sent "
+                                                        "from memory.");
+        closeFile(false);
+        fileFailed_ = true;
     }
     return used;
 }
 
 bool DeliveryQueue::openFile() {
     try {
-        const std::shared_ptr<const Bundle> bundle = Bundle::mainBundle();
-        path_ = QueueFile::pathFor(bundle ? bundle->bundleIdentifier() : std::string());
+        path_ = queuePath();
         file_ = QueueFile::open(path_);
         if (!file_) {
             fileFailed_ = true;
@@ -448,6 +459,7 @@ bool DeliveryQueue::openFile() {
         }
         handedOverRow_ = 0;
         retriedRow_ = 0;
+        fileFailed_ = false;
         const std::size_t unanswered = file_->count(QueueFile::State::Unanswered).events;
         std::lock_guard lock(mutex_);
         backlog_ = backlogRows_.size();
@@ -462,8 +474,9 @@ bool DeliveryQueue::openFile() {
 
 void DeliveryQueue::closeFile(bool remove) {
     file_.reset();
-    if (remove && !path_.empty()) {
-        QueueFile::remove(path_);
+    if (remove) {
+        // Also a file an earlier process left that this one never opened.
+        QueueFile::remove(path_.empty() ? queuePath() : path_);
     }
     backlogRows_.clear();
     backlogBytes_ = 0;
@@ -699,8 +712,7 @@ void DeliveryQueue::setPersistent(bool persistent) {
         std::lock_guard lock(mutex_);
         if (!thread_) {
             close_ = false;
-            const std::shared_ptr<const Bundle> bundle = Bundle::mainBundle();
-            QueueFile::remove(QueueFile::pathFor(bundle ? bundle->bundleIdentifier() : ""));
+            QueueFile::remove(queuePath());
         }
     }
 }
