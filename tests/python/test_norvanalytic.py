@@ -65,6 +65,9 @@ class NorvAnalyticTest(unittest.TestCase):
             (ValueError, norvanalytic.send_event_with_page_name, ("Or\0ders",)),
             (ValueError, norvanalytic.send_event_with_type, (2**31, 0.0)),
             (ValueError, norvanalytic.set_waiting_event_limits, (-1, 10)),
+            (TypeError, norvanalytic.set_collection_allowed, ("no",)),
+            (TypeError, norvanalytic.set_persistent_queue, (None,)),
+            (ValueError, norvanalytic.set_saved_event_limits, (10, -1)),
         ]
         collector = Collector()
         start(collector.host)
