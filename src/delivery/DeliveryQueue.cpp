@@ -1,5 +1,6 @@
 #include "delivery/DeliveryQueue.h"
 
+#include <NorvAnalytic/Bundle.h>
 #include <NorvAnalytic/MainQueue.h>
 #include <NorvAnalytic/NorvAnalytics.h>
 #include <NorvAnalytic/Platform.h>
@@ -7,6 +8,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <limits>
 #include <new>
 #include <system_error>
 #include <utility>
@@ -14,6 +16,8 @@
 
 #include "events/AnswerRule.h"
 #include "events/EventCatalogue.h"
+#include "events/SavedEvents.h"
+#include "facade/CollectionConsent.h"
 #include "facade/DeviceFactsReader.h"
 #include "platform/Diagnostics.h"
 #include "platform/SdkThread.h"
@@ -24,28 +28,40 @@ namespace {
 
 // Records taken from the queue at a time: one read of the device's facts serves them all.
 constexpr std::size_t kBatch = 64;
+// Records written to the queue file in one commit.
+constexpr std::size_t kPersistBatch = 512;
+// A retry round that got an answer sends every unanswered row.
+constexpr std::size_t kAllRetries = std::numeric_limits<std::size_t>::max();
 
 Text typeIdOf(const EventRecord& record) {
     const std::string* typeId = EventTable::find(record.texts, &Event::eventTypeId);
     return typeId ? Text(*typeId) : std::nullopt;
 }
 
+// The device UUID a body was made with, for the answer's log lines.
+std::string deviceUUIDIn(std::string_view body) {
+    constexpr std::string_view kKey = "device_uuid=";
+    std::size_t start = body.starts_with(kKey) ? 0 : body.find("&" + std::string(kKey));
+    if (start == std::string_view::npos) {
+        return {};
+    }
+    start = body.find('=', start) + 1;
+    return std::string(body.substr(start, body.find('&', start) - start));
+}
+
 }  // namespace
 
-// An event handed to the client: its record, what was made for it, and its place in the
-// window, freed when the last reference goes (after its answer, or when a client destroys the
-// completion without calling it).
+// An event handed to the client: what was made for it, and its place in the window, freed
+// when the last reference goes (after its answer, or when a client destroys the completion
+// without calling it).
 class DeliveryQueue::Delivery {
 public:
-    Delivery(EventRecord record, std::shared_ptr<const DeviceFacts> device, std::uint64_t generation)
-        : record(std::move(record)), device(std::move(device)), generation_(generation) {}
+    Delivery(Ready ready, std::uint64_t generation) : ready(std::move(ready)), generation_(generation) {}
     ~Delivery() { shared().released(generation_); }
     Delivery(const Delivery&) = delete;
     Delivery& operator=(const Delivery&) = delete;
 
-    EventRecord record;
-    std::shared_ptr<const DeviceFacts> device;
-    std::string body;
+    Ready ready;
     // A client that calls a copy of the completion again is not heard twice.
     std::atomic<bool> answered{false};
 
@@ -63,11 +79,15 @@ DeliveryQueue::DeliveryQueue() {
     pthread_atfork(&beforeFork, &afterForkInParent, &afterForkInChild);
 }
 
-void DeliveryQueue::submit(EventRecord record) {
-    // Made here, on the host's thread, before our thread can ask for it: made later it could
-    // be set up while the process exits, and its exit hook must be registered before ours.
+// Made on the host's thread, before our thread can ask for it: made later it could be set up
+// while the process exits, and its exit hook must be registered before ours.
+void DeliveryQueue::prepareClient() {
     static std::once_flag clientMade;
     std::call_once(clientMade, [] { static_cast<void>(Platform::httpClient()); });
+}
+
+void DeliveryQueue::submit(EventRecord record) {
+    prepareClient();
     const std::size_t bytes = record.bytes();
     // Destroyed after the lock is released: a record's ticket takes a lock of its own.
     std::vector<EventRecord> dropped;
@@ -88,7 +108,7 @@ void DeliveryQueue::submit(EventRecord record) {
         if (!dropped.empty()) {
             warning = countDroppedLocked(dropped.size());
         }
-        if (idle_ && inWindow_ < kWindow) {
+        if (idle_ && (persistent_ || inWindow_ < kWindow)) {
             idle_ = false;
             wake = true;
         }
@@ -130,63 +150,379 @@ void DeliveryQueue::startLocked() {
     static_cast<void>(exitHook);
 }
 
+bool DeliveryQueue::hasWorkLocked() const {
+    if (!persistent_) {
+        return close_ || (!waiting_.empty() && inWindow_ < kWindow);
+    }
+    return !waiting_.empty() || !changes_.empty() || close_ || discard_ || tick_ ||
+           (inWindow_ < kWindow && (backlog_ > 0 || (retries_ > 0 && unanswered_ > 0)));
+}
+
+DeliveryQueue::Turn DeliveryQueue::takeLocked() {
+    Turn turn;
+    turn.persistent = persistent_;
+    turn.close = std::exchange(close_, false);
+    turn.discard = std::exchange(discard_, false);
+    turn.tick = std::exchange(tick_, false);
+    turn.changes.swap(changes_);
+    const std::size_t room = stopping_ ? 0 : kWindow - std::min(inWindow_, kWindow);
+    // With the file, every waiting record is written at once, whatever room the window has.
+    const std::size_t limit = persistent_ ? kPersistBatch : std::min(kBatch, room);
+    while (!waiting_.empty() && turn.records.size() < limit) {
+        waitingBytes_ -= waiting_.front().bytes();
+        turn.records.push_back(std::move(waiting_.front()));
+        waiting_.pop_front();
+    }
+    if (!turn.records.empty()) {
+        dropping_ = false;
+    }
+    turn.room = persistent_ ? room : turn.records.size();
+    inWindow_ += turn.room;
+    return turn;
+}
+
 void DeliveryQueue::deliverForever() {
-    std::vector<EventRecord> batch;
-    batch.reserve(kBatch);
     std::unique_lock lock(mutex_);
-    while (!stopping_) {
-        if (waiting_.empty() || inWindow_ >= kWindow) {
+    while (true) {
+        // At exit, what the answers changed and what waits is written down, nothing sent.
+        const bool last = stopping_;
+        if (last && !persistent_) {
+            break;
+        }
+        if (!last && !hasWorkLocked()) {
             idle_ = true;
             handedOver_.notify_all();
             wake_.wait(lock, [this] { return !idle_; });
             continue;
         }
-        while (!waiting_.empty() && inWindow_ < kWindow && batch.size() < kBatch) {
-            waitingBytes_ -= waiting_.front().bytes();
-            batch.push_back(std::move(waiting_.front()));
-            waiting_.pop_front();
-            ++inWindow_;
-        }
-        dropping_ = false;
+        Turn turn = takeLocked();
         handingOver_ = true;
         lock.unlock();
-        std::shared_ptr<const DeviceFacts> device;
-        try {
-            device = DeviceFactsReader::read();
-        } catch (...) {
-            // Out of memory: these events are dropped, their places freed.
+        std::size_t used = 0;
+        std::size_t backlog = 0;
+        {
+            std::lock_guard files(fileMutex_);
+            used = run(turn);
+            backlog = backlogRows_.size();
         }
-        for (EventRecord& record : batch) {
-            handOver(std::move(record), device);
-        }
-        batch.clear();
         lock.lock();
+        inWindow_ = inWindow_ + used - turn.room;
+        backlog_ = backlog;
         handingOver_ = false;
+        if (last) {
+            break;
+        }
     }
 }
 
-void DeliveryQueue::handOver(EventRecord record,
-                             const std::shared_ptr<const DeviceFacts>& device) noexcept {
+std::size_t DeliveryQueue::run(Turn& turn) {
+    if (turn.close) {
+        closeFile(true);
+    }
+    if (!CollectionConsent::allowed()) {
+        // Withdrawn: nothing is read, written or sent; this process's rows go.
+        CollectionConsent::countDiscarded(turn.records.size());
+        if (turn.discard && file_) {
+            file_->clear();
+            closeFile(false);
+        }
+        return 0;
+    }
+    if (turn.discard && file_) {
+        file_->clear();
+        closeFile(false);
+    }
+    std::vector<Ready> ready = build(turn.records);
+    turn.records.clear();
+    if (turn.persistent && !fileFailed_ && (file_ || openFile())) {
+        return persist(turn, ready);
+    }
+    for (Ready& each : ready) {
+        handOver(std::move(each));
+    }
+    return ready.size();
+}
+
+std::vector<DeliveryQueue::Ready> DeliveryQueue::build(std::vector<EventRecord>& records) {
+    std::vector<Ready> ready;
+    if (records.empty()) {
+        return ready;
+    }
+    try {
+        const std::shared_ptr<const DeviceFacts> device = DeviceFactsReader::read();
+        ready.reserve(records.size());
+        for (EventRecord& record : records) {
+            std::shared_ptr<const DeviceFacts> facts = device;
+            if (EventCatalogue::isAppOpen(typeIdOf(record))) {
+                facts = DeviceFactsReader::withAppOpenFacts(*device);
+            }
+            std::string body = EventTable::body(record.texts, record.destination->key, *facts);
+            ready.push_back({std::move(record), std::move(body), facts->deviceUUID});
+        }
+    } catch (...) {
+        // Out of memory: the events not made yet are dropped.
+    }
+    return ready;
+}
+
+std::size_t DeliveryQueue::persist(Turn& turn, std::vector<Ready>& ready) {
+    std::vector<QueueFile::Row> rows;
+    std::vector<std::int64_t> ids;
+    bool written = false;
+    try {
+        rows.reserve(ready.size());
+        for (const Ready& each : ready) {
+            rows.push_back({0, each.record.destination->url, each.body,
+                            EventTable::encode(each.record.texts), each.record.isSavedEvent});
+        }
+        written = file_->write(rows, ids, turn.changes);
+    } catch (...) {
+        // The file refused a statement, or memory ran out: these go from memory.
+    }
+    std::size_t used = 0;
+    if (!written) {
+        if (!ready.empty() && Diagnostics::isOn()) {
+            Diagnostics::report(DiagnosticLevel::Warning,
+                                "The event queue file " + path_.string() +
+                                    " could not be written: these events are sent from memory.");
+        }
+        for (Ready& each : ready) {
+            handOver(std::move(each));
+            ++used;
+        }
+        return used;
+    }
+    for (std::size_t index = 0; index < ready.size(); ++index) {
+        if (backlogRows_.empty() && used < turn.room) {
+            ready[index].row = ids[index];
+            handedOverRow_ = ids[index];
+            handOver(std::move(ready[index]));
+            ++used;
+        } else {
+            const std::size_t bytes = rows[index].body.size() + rows[index].texts.size();
+            backlogBytes_ += bytes;
+            backlogRows_.push_back({ids[index], bytes, std::move(ready[index].record.ticket)});
+        }
+    }
+    ready.clear();
+    rows.clear();
+    trimBacklog();
+    if (turn.tick) {
+        try {
+            const std::size_t trimmed =
+                file_->trim(QueueFile::State::Unanswered, 0, SavedEvents::kDefaultMaxEvents,
+                            SavedEvents::kDefaultMaxBytes);
+            const std::size_t unanswered = file_->count(QueueFile::State::Unanswered).events;
+            std::string warning;
+            {
+                std::lock_guard lock(mutex_);
+                unanswered_ = unanswered;
+                if (unanswered_ > 0 && retries_ == 0) {
+                    // One try first: the rest follow once it has an answer.
+                    retries_ = 1;
+                }
+                if (trimmed > 0) {
+                    warning = countDroppedLocked(trimmed);
+                }
+            }
+            report(warning);
+        } catch (...) {
+            // The file refused: the next tick tries again.
+        }
+    }
+    return used + readBack(turn.room - used);
+}
+
+void DeliveryQueue::trimBacklog() {
+    std::size_t maxEvents = 0;
+    std::size_t maxBytes = 0;
+    {
+        std::lock_guard lock(mutex_);
+        maxEvents = maxEvents_;
+        maxBytes = maxBytes_;
+    }
+    std::vector<QueueFile::Change> oldest;
+    std::vector<EventsInFlight::Ticket> tickets;
+    while (backlogRows_.size() > maxEvents || backlogBytes_ > maxBytes) {
+        oldest.push_back({backlogRows_.front().id, std::nullopt});
+        backlogBytes_ -= backlogRows_.front().bytes;
+        tickets.push_back(std::move(backlogRows_.front().ticket));
+        backlogRows_.pop_front();
+    }
+    if (oldest.empty()) {
+        return;
+    }
+    std::vector<std::int64_t> none;
+    try {
+        file_->write({}, none, oldest);
+    } catch (...) {
+        // Left in the file: the next process sends them.
+    }
+    std::string warning;
+    {
+        std::lock_guard lock(mutex_);
+        warning = countDroppedLocked(oldest.size());
+    }
+    report(warning);
+}
+
+std::size_t DeliveryQueue::readBack(std::size_t room) {
+    std::size_t used = 0;
+    try {
+        while (used < room) {
+            std::size_t retries = 0;
+            {
+                std::lock_guard lock(mutex_);
+                retries = retries_;
+            }
+            if (retries == 0) {
+                break;
+            }
+            const auto rows = file_->read(QueueFile::State::Unanswered, retriedRow_,
+                                          std::min({room - used, retries, kBatch}));
+            if (rows.empty()) {
+                // The round is over; the next one starts from the oldest again.
+                retriedRow_ = 0;
+                std::lock_guard lock(mutex_);
+                retries_ = 0;
+                break;
+            }
+            for (const QueueFile::Row& row : rows) {
+                retriedRow_ = row.id;
+                {
+                    std::lock_guard lock(mutex_);
+                    retries_ -= retries_ == kAllRetries || retries_ == 0 ? 0 : 1;
+                }
+                handOver({{EventTable::decode(row.texts).value_or(EventTexts{}),
+                           std::make_shared<const Destination>(Destination{std::nullopt, row.url}),
+                           EventsInFlight::begin(), row.isSavedEvent},
+                          row.body, deviceUUIDIn(row.body), row.id, true});
+                ++used;
+            }
+        }
+        while (used < room && !backlogRows_.empty()) {
+            const auto rows = file_->read(QueueFile::State::Pending, handedOverRow_,
+                                          std::min(room - used, kBatch));
+            if (rows.empty()) {
+                // Erased under us by another process.
+                backlogRows_.clear();
+                backlogBytes_ = 0;
+                break;
+            }
+            for (const QueueFile::Row& row : rows) {
+                while (!backlogRows_.empty() && backlogRows_.front().id < row.id) {
+                    backlogBytes_ -= backlogRows_.front().bytes;
+                    backlogRows_.pop_front();
+                }
+                std::optional<EventsInFlight::Ticket> ticket;
+                if (!backlogRows_.empty() && backlogRows_.front().id == row.id) {
+                    backlogBytes_ -= backlogRows_.front().bytes;
+                    ticket.emplace(std::move(backlogRows_.front().ticket));
+                    backlogRows_.pop_front();
+                }
+                handedOverRow_ = row.id;
+                handOver({{EventTable::decode(row.texts).value_or(EventTexts{}),
+                           std::make_shared<const Destination>(Destination{std::nullopt, row.url}),
+                           ticket ? std::move(*ticket) : EventsInFlight::begin(), row.isSavedEvent},
+                          row.body, deviceUUIDIn(row.body), row.id, false});
+                ++used;
+            }
+        }
+    } catch (...) {
+        // The file refused a read: the rows wait for the next turn.
+    }
+    return used;
+}
+
+bool DeliveryQueue::openFile() {
+    try {
+        const std::shared_ptr<const Bundle> bundle = Bundle::mainBundle();
+        path_ = QueueFile::pathFor(bundle ? bundle->bundleIdentifier() : std::string());
+        file_ = QueueFile::open(path_);
+        if (!file_) {
+            fileFailed_ = true;
+            return false;
+        }
+        for (const std::int64_t id : file_->claimOrphans()) {
+            backlogRows_.push_back({id, 0, EventsInFlight::begin()});
+        }
+        handedOverRow_ = 0;
+        retriedRow_ = 0;
+        const std::size_t unanswered = file_->count(QueueFile::State::Unanswered).events;
+        std::lock_guard lock(mutex_);
+        backlog_ = backlogRows_.size();
+        unanswered_ = unanswered;
+        return true;
+    } catch (...) {
+        file_.reset();
+        fileFailed_ = true;
+        return false;
+    }
+}
+
+void DeliveryQueue::closeFile(bool remove) {
+    file_.reset();
+    if (remove && !path_.empty()) {
+        QueueFile::remove(path_);
+    }
+    backlogRows_.clear();
+    backlogBytes_ = 0;
+    handedOverRow_ = 0;
+    retriedRow_ = 0;
+    fileFailed_ = false;
+    std::lock_guard lock(mutex_);
+    backlog_ = 0;
+    unanswered_ = 0;
+    retries_ = 0;
+    changes_.clear();
+}
+
+void DeliveryQueue::recover() {
+    {
+        std::lock_guard lock(mutex_);
+        if (!persistent_) {
+            return;
+        }
+    }
+    const bool enabled =
+        ControllerState::locked([](const ControllerState& state) { return state.isEnabled; });
+    if (!enabled || !CollectionConsent::allowed()) {
+        return;
+    }
+    prepareClient();
+    {
+        std::lock_guard files(fileMutex_);
+        if (file_ || !openFile()) {
+            return;
+        }
+    }
+    bool wake = false;
+    {
+        std::lock_guard lock(mutex_);
+        if (!thread_) {
+            startLocked();
+        }
+        if (idle_) {
+            idle_ = false;
+            wake = true;
+        }
+    }
+    if (wake) {
+        wake_.notify_one();
+    }
+}
+
+void DeliveryQueue::handOver(Ready ready) noexcept {
     std::shared_ptr<Delivery> delivery;
     try {
-        std::shared_ptr<const DeviceFacts> facts = device;
-        if (facts && EventCatalogue::isAppOpen(typeIdOf(record))) {
-            facts = DeviceFactsReader::withAppOpenFacts(*device);
-        }
-        delivery = std::make_shared<Delivery>(std::move(record), std::move(facts), generation_);
+        delivery = std::make_shared<Delivery>(std::move(ready), generation_);
     } catch (...) {
         // Out of memory: this one event is dropped.
         released(generation_);
         return;
     }
-    if (!delivery->device) {
-        return;
-    }
     try {
-        delivery->body =
-            EventTable::body(delivery->record.texts, delivery->record.destination->key,
-                             *delivery->device);
-        HttpRequest request{"POST", delivery->record.destination->url, delivery->body};
+        HttpRequest request{"POST", delivery->ready.record.destination->url, delivery->ready.body};
         Platform::httpClient()->send(
             std::move(request),
             [delivery](std::optional<std::string> data, std::optional<HttpResponse> response,
@@ -209,10 +545,21 @@ void DeliveryQueue::answered(const std::shared_ptr<Delivery>& delivery,
     if (!delivery || delivery->answered.exchange(true)) {
         return;
     }
-    const EventRecord& record = delivery->record;
+    const Ready& sent = delivery->ready;
+    const EventRecord& record = sent.record;
+    const long statusCode = response ? response->statusCode : 0;
     if (!data) {
-        // No answer at all: the request never reached the server, and the event is dropped.
+        // No answer at all: the request never reached the server. With the file, the event
+        // stays there for another try; without it, the event is dropped.
         const bool ours = error && error->domain == kHttpClientErrorDomain;
+        const bool cancelled = ours && error->code == HttpClientErrorCancelled;
+        if (sent.row != 0) {
+            // Cancelled at exit: the row stays pending for the next process.
+            if (!cancelled) {
+                shared().noteChange({sent.row, QueueFile::State::Unanswered}, sent.retried, false);
+            }
+            return;
+        }
         if (ours && error->code == HttpClientErrorDropped) {
             DeliveryQueue& queue = shared();
             std::string warning;
@@ -221,7 +568,7 @@ void DeliveryQueue::answered(const std::shared_ptr<Delivery>& delivery,
                 warning = queue.countDroppedLocked(1);
             }
             queue.report(warning);
-        } else if (!(ours && error->code == HttpClientErrorCancelled) && Diagnostics::isOn()) {
+        } else if (!cancelled && Diagnostics::isOn()) {
             Diagnostics::report(DiagnosticLevel::Warning,
                                 EventCatalogue::describe(typeIdOf(record)) +
                                     " was not delivered: " +
@@ -229,21 +576,169 @@ void DeliveryQueue::answered(const std::shared_ptr<Delivery>& delivery,
         }
         return;
     }
-    const long statusCode = response ? response->statusCode : 0;
+    const bool keeps = AnswerRule::keeps(statusCode, record.isSavedEvent);
+    if (sent.row != 0) {
+        shared().noteChange(
+            {sent.row, keeps ? std::optional(QueueFile::State::Refused) : std::nullopt},
+            sent.retried, true);
+    }
     const auto [logLevel, isEnabled] = ControllerState::locked(
         [](const ControllerState& state) { return std::pair(state.logLevel, state.isEnabled); });
     // Most answers end here, on the client's thread: delivered, and nobody reads them.
-    if (!AnswerRule::keeps(statusCode, record.isSavedEvent) &&
-        !AnswerRule::reads(typeIdOf(record), logLevel, isEnabled)) {
+    if (!keeps && !AnswerRule::reads(typeIdOf(record), logLevel, isEnabled)) {
         return;
     }
-    MainQueue::main().async([delivery, data = std::move(*data), response]() mutable {
-        Delivery& sent = *delivery;
+    MainQueue::main().async([delivery, data = std::move(*data), response, keeps]() mutable {
+        Ready& sent = delivery->ready;
+        auto& saved = Event::savedEvents();
+        const Event* before = saved.empty() ? nullptr : saved.back().get();
         NorvAnalytics::handleEventResponse(
-            EventTable::context(sent.record.texts, sent.device->deviceUUID, std::move(sent.body),
+            EventTable::context(sent.record.texts, sent.deviceUUID, std::move(sent.body),
                                 sent.record.isSavedEvent),
             std::move(data), response, std::nullopt);
+        if (keeps && sent.row != 0 && !saved.empty() && saved.back().get() != before) {
+            shared().mapSavedRow(saved.back(), sent.row);
+        }
     });
+}
+
+void DeliveryQueue::noteChange(QueueFile::Change change, bool wasRetried, bool answered) {
+    bool wake = false;
+    {
+        std::lock_guard lock(mutex_);
+        if (change.state == QueueFile::State::Unanswered) {
+            ++unanswered_;
+        }
+        if (wasRetried) {
+            // An answer means the server is back: the rest of the round follows.
+            retries_ = answered ? kAllRetries : 0;
+        }
+        changes_.push_back(change);
+        if (idle_) {
+            idle_ = false;
+            wake = true;
+        }
+    }
+    if (wake) {
+        wake_.notify_one();
+    }
+}
+
+void DeliveryQueue::mapSavedRow(const std::shared_ptr<Event>& event, std::int64_t row) {
+    auto [entry, added] = savedRows_.try_emplace(event.get(), row, event);
+    if (!added) {
+        // An event gone from the saved list whose address was reused: its row goes.
+        if (entry->second.second.expired()) {
+            std::lock_guard lock(mutex_);
+            changes_.push_back({entry->second.first, std::nullopt});
+        }
+        entry->second = {row, event};
+    }
+}
+
+void DeliveryQueue::savedEventResent(const Event* event) {
+    const auto entry = savedRows_.find(event);
+    if (entry == savedRows_.end()) {
+        return;
+    }
+    const std::int64_t row = entry->second.first;
+    savedRows_.erase(entry);
+    noteChange({row, std::nullopt}, false, false);
+}
+
+void DeliveryQueue::resendTick() {
+    std::vector<QueueFile::Change> gone;
+    // Events the saved list dropped past its bound, or that the host removed.
+    std::erase_if(savedRows_, [&](const auto& entry) {
+        if (!entry.second.second.expired()) {
+            return false;
+        }
+        gone.push_back({entry.second.first, std::nullopt});
+        return true;
+    });
+    bool wake = false;
+    {
+        std::lock_guard lock(mutex_);
+        if (!persistent_) {
+            return;
+        }
+        changes_.insert(changes_.end(), gone.begin(), gone.end());
+        tick_ = true;
+        if (idle_) {
+            idle_ = false;
+            wake = true;
+        }
+    }
+    if (wake) {
+        wake_.notify_one();
+    }
+}
+
+void DeliveryQueue::setPersistent(bool persistent) {
+    bool wake = false;
+    {
+        std::lock_guard lock(mutex_);
+        if (persistent_ == persistent) {
+            return;
+        }
+        persistent_ = persistent;
+        close_ = !persistent;
+        if (idle_) {
+            idle_ = false;
+            wake = true;
+        }
+    }
+    if (wake) {
+        wake_.notify_one();
+    }
+    if (persistent) {
+        recover();
+    } else {
+        // No thread to close it: nothing was opened, but an earlier process's file goes too.
+        std::lock_guard files(fileMutex_);
+        std::lock_guard lock(mutex_);
+        if (!thread_) {
+            close_ = false;
+            const std::shared_ptr<const Bundle> bundle = Bundle::mainBundle();
+            QueueFile::remove(QueueFile::pathFor(bundle ? bundle->bundleIdentifier() : ""));
+        }
+    }
+}
+
+void DeliveryQueue::discardAll() {
+    std::deque<EventRecord> discarded;
+    bool wake = false;
+    {
+        std::lock_guard lock(mutex_);
+        discarded.swap(waiting_);
+        waitingBytes_ = 0;
+        discard_ = persistent_;
+        if (idle_ && discard_) {
+            idle_ = false;
+            wake = true;
+        }
+    }
+    CollectionConsent::countDiscarded(discarded.size());
+    if (wake) {
+        wake_.notify_one();
+    }
+}
+
+void DeliveryQueue::eraseWhileHeld(const std::function<void()>& erase) {
+    std::deque<EventRecord> dropped;
+    {
+        std::lock_guard files(fileMutex_);
+        closeFile(false);
+        erase();
+        std::lock_guard lock(mutex_);
+        dropped.swap(waiting_);
+        waitingBytes_ = 0;
+    }
+    if (!dropped.empty() && Diagnostics::isOn()) {
+        Diagnostics::report(DiagnosticLevel::Info,
+                            std::to_string(dropped.size()) +
+                                " waiting events were dropped with the device's identity.");
+    }
 }
 
 void DeliveryQueue::released(std::uint64_t generation) {
@@ -255,7 +750,7 @@ void DeliveryQueue::released(std::uint64_t generation) {
         }
         --inWindow_;
         // Woken when half the window is free, not for each answer.
-        if (idle_ && !waiting_.empty() && inWindow_ <= kWindow / 2) {
+        if (idle_ && (!waiting_.empty() || backlog_ > 0) && inWindow_ <= kWindow / 2) {
             idle_ = false;
             wake = true;
         }
@@ -313,9 +808,16 @@ void DeliveryQueue::waitUntilHandedOver() {
     handedOver_.wait(lock, [this] { return !handingOver_ && (waiting_.empty() || idle_ || !thread_); });
 }
 
-void DeliveryQueue::beforeFork() { shared().mutex_.lock(); }
+// The file lock too: a child must not inherit it held by a turn of a thread it does not have.
+void DeliveryQueue::beforeFork() {
+    shared().fileMutex_.lock();
+    shared().mutex_.lock();
+}
 
-void DeliveryQueue::afterForkInParent() { shared().mutex_.unlock(); }
+void DeliveryQueue::afterForkInParent() {
+    shared().mutex_.unlock();
+    shared().fileMutex_.unlock();
+}
 
 // The child has none of our threads, and what waited in the parent is the parent's to send:
 // it is left where it is, never sent twice, and the child's first event starts a thread anew.
@@ -328,6 +830,17 @@ void DeliveryQueue::afterForkInChild() {
         queue.thread_.reset();
     }
     queue.waitingBytes_ = 0;
+    // The parent's connection and rows: the child opens the file anew, as a process of its own.
+    static_cast<void>(queue.file_.release());
+    static_cast<void>(new std::deque<BacklogRow>(std::move(queue.backlogRows_)));
+    queue.backlogRows_.clear();
+    queue.backlogBytes_ = 0;
+    queue.handedOverRow_ = 0;
+    queue.retriedRow_ = 0;
+    queue.changes_.clear();
+    queue.backlog_ = 0;
+    queue.unanswered_ = 0;
+    queue.retries_ = 0;
     queue.inWindow_ = 0;
     ++queue.generation_;
     queue.idle_ = false;
@@ -337,6 +850,7 @@ void DeliveryQueue::afterForkInChild() {
     new (&queue.wake_) std::condition_variable;
     new (&queue.handedOver_) std::condition_variable;
     queue.mutex_.unlock();
+    queue.fileMutex_.unlock();
 }
 
 }  // namespace NorvAnalytic

@@ -155,6 +155,43 @@ const std::string* EventTable::find(const EventTexts& texts, Text Event::*member
     return nullptr;
 }
 
+std::string EventTable::encode(const EventTexts& texts) {
+    std::string bytes;
+    for (const auto& [member, text] : texts) {
+        const std::string_view key = std::ranges::find(kFields, member, &Field::event)->key;
+        bytes += static_cast<char>(key.size());
+        bytes += key;
+        for (int shift = 0; shift < 32; shift += 8) {
+            bytes += static_cast<char>((text.size() >> shift) & 0xFF);
+        }
+        bytes += text;
+    }
+    return bytes;
+}
+
+std::optional<EventTexts> EventTable::decode(std::string_view bytes) {
+    EventTexts texts;
+    while (!bytes.empty()) {
+        const std::size_t keySize = static_cast<unsigned char>(bytes.front());
+        if (bytes.size() < 1 + keySize + 4) {
+            return std::nullopt;
+        }
+        const std::string_view key = bytes.substr(1, keySize);
+        std::size_t size = 0;
+        for (int index = 0; index < 4; ++index) {
+            size |= std::size_t{static_cast<unsigned char>(bytes[1 + keySize + index])} << (8 * index);
+        }
+        bytes.remove_prefix(1 + keySize + 4);
+        const auto field = std::ranges::find(kFields, key, &Field::key);
+        if (size > bytes.size() || field == kFields.end() || field->event == nullptr) {
+            return std::nullopt;
+        }
+        texts.emplace_back(field->event, std::string(bytes.substr(0, size)));
+        bytes.remove_prefix(size);
+    }
+    return texts;
+}
+
 EventResponseContext EventTable::context(const EventTexts& texts, std::string deviceUUID,
                                          std::string requestBody, bool isSavedEvent) {
     EventResponseContext context;

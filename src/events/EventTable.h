@@ -40,6 +40,11 @@ public:
                                         std::string requestBody, bool isSavedEvent);
     // Appends the event an answer context describes to Event::savedEvents(). Main queue only.
     static void keep(const EventResponseContext& context, std::int64_t statusCode);
+    // The texts as bytes that outlive the process, each named by its pair's wire key so a
+    // later version of the table still reads them; decode answers nothing for bytes it cannot
+    // read whole.
+    static std::string encode(const EventTexts& texts);
+    static std::optional<EventTexts> decode(std::string_view bytes);
     // The form body: "key=value" pairs in the server's order, absent ones left out, values as
     // valid UTF-8 and nothing escaped.
     static std::string body(const EventTexts& texts, const Text& key, const DeviceFacts& device);

@@ -7,7 +7,9 @@
 #include <utility>
 
 #include "platform/Diagnostics.h"
+#include "delivery/DeliveryQueue.h"
 #include "events/CollectionUrl.h"
+#include "facade/CollectionConsent.h"
 #include "facade/ControllerState.h"
 #include "events/EventCatalogue.h"
 #include "delivery/EventsInFlight.h"
@@ -41,9 +43,13 @@ NorvAnalytics& NorvAnalytics::initWithKey(const Text& key) {
     NorvAnalytics& controller = sharedController();
     controller.setKey(key);
     controller.setUrlString(collectionUrl(true));
-    setUUID();
+    // Without consent the keychain is left alone: the UUID is made with the first event.
+    if (CollectionConsent::allowed()) {
+        setUUID();
+    }
     controller.setIsEnabled(true);
     checkUpdates(false);
+    DeliveryQueue::shared().recover();
     // Every start adds a timer and leaves the earlier ones running: each start means one more
     // resend per second, which the server side has always seen.
     controller.setTimer(

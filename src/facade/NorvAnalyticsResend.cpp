@@ -5,6 +5,8 @@
 
 #include <algorithm>
 
+#include "delivery/DeliveryQueue.h"
+#include "facade/CollectionConsent.h"
 #include "mainqueue/MainQueueCheck.h"
 #include "events/TextFormat.h"
 #include "facade/EventSubmission.h"
@@ -13,9 +15,10 @@ namespace NorvAnalytic {
 
 void NorvAnalytics::checkEvents() {
     assertOnMainQueue();
-    if (!hasConnection()) {
+    if (!CollectionConsent::allowed() || !hasConnection()) {
         return;
     }
+    DeliveryQueue::shared().resendTick();
     auto& events = Event::savedEvents();
     if (events.empty()) {
         return;
@@ -33,6 +36,7 @@ void NorvAnalytics::checkEvents() {
     submitEvent(resent, true);
     // Sent once, whatever the answer: a resend that fails again is not kept.
     std::erase_if(events, [&](const std::shared_ptr<Event>& event) { return event == head; });
+    DeliveryQueue::shared().savedEventResent(head.get());
 }
 
 bool NorvAnalytics::hasConnection() {

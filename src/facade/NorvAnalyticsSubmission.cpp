@@ -3,6 +3,7 @@
 #include "delivery/DeliveryQueue.h"
 #include "events/EventCatalogue.h"
 #include "events/TextFormat.h"
+#include "facade/CollectionConsent.h"
 #include "facade/ControllerState.h"
 #include "facade/EventSubmission.h"
 #include "platform/Diagnostics.h"
@@ -22,6 +23,10 @@ void NorvAnalytics::setWaitingEventLimits(std::size_t maxEvents, std::size_t max
 }
 
 void submitEvent(const Event& event, bool isSavedEvent) noexcept {
+    if (!CollectionConsent::allowed()) {
+        CollectionConsent::countDiscarded(1);
+        return;
+    }
     try {
         std::shared_ptr<const Destination> destination = ControllerState::locked(
             [](const ControllerState& state) {

@@ -1,6 +1,7 @@
 // A host for what only a process of its own can show: what a forked child sends, events sent
 // from exit handlers and thread_local destructors, and how the SDK's threads look from outside.
-// usage: reporting_lifecycle_host fork|exit-handlers|threads URL
+// usage: reporting_lifecycle_host fork|exit-handlers|threads|persist-record|persist-resume|
+//        no-consent URL
 #include <NorvAnalytic/NorvAnalytic.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -82,6 +83,23 @@ int threads() {
     return failures == 0 ? 0 : 6;
 }
 
+// With the queue on: 10,000 events, then a kill -9 200 ms after the last call.
+int persistAndDie() {
+    sendPages("page-", 10'000);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    ::kill(::getpid(), SIGKILL);
+    return 8;
+}
+
+// Nothing of its own to send: what an earlier process of the host left in the file.
+int resume() { return NorvAnalytics::flush(std::chrono::seconds(60)) ? 0 : 7; }
+
+int withoutConsent() {
+    sendPages("page-", 1'000);
+    NorvAnalytics::flush(kFlushLimit);
+    return NorvAnalytics::discardedWithoutConsentCount() == 1'000 ? 0 : 9;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -89,7 +107,18 @@ int main(int argc, char** argv) {
         return 2;
     }
     const std::string mode = argv[1];
+    NorvAnalytics::setPersistentQueue(mode.starts_with("persist"));
+    NorvAnalytics::setCollectionAllowed(mode != "no-consent");
     start(argv[2]);
+    if (mode == "persist-record") {
+        return persistAndDie();
+    }
+    if (mode == "persist-resume") {
+        return resume();
+    }
+    if (mode == "no-consent") {
+        return withoutConsent();
+    }
     if (mode == "fork") {
         return forkedChild();
     }

@@ -3,7 +3,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <filesystem>
+#include <mutex>
+#include <optional>
 
 #include "support/ChildProcess.h"
 #include "support/LocalHttpServer.h"
@@ -24,14 +27,28 @@ std::vector<std::string> pagesReceived(const Testing::LocalHttpServer& server) {
     return pages;
 }
 
+// The numbers of the "page-N" events the server received, in the order it received them.
+std::vector<int> pageNumbersReceived(const Testing::LocalHttpServer& server) {
+    std::vector<int> numbers;
+    for (const std::string& body : server.bodies()) {
+        const std::size_t start = body.find("pageName=page-");
+        if (start != std::string::npos) {
+            numbers.push_back(std::stoi(body.substr(start + 14)));
+        }
+    }
+    return numbers;
+}
+
 class Lifecycle : public testing::Test {
 protected:
     // Runs the host in this mode against the server with a keychain of its own; its exit code.
-    int run(const std::string& mode) {
+    // A host killed by a signal answers minus that signal.
+    int run(const std::string& mode, const std::string& url = {}) {
         const int status = Testing::runChildProcess(
-            {Testing::siblingExecutable("reporting_lifecycle_host"), mode, server.url()},
-            {"XDG_DATA_HOME=" + dataHome.string()}, std::chrono::seconds(60));
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+            {Testing::siblingExecutable("reporting_lifecycle_host"), mode,
+             url.empty() ? server.url() : url},
+            {"XDG_DATA_HOME=" + dataHome.string()}, std::chrono::seconds(90));
+        return WIFEXITED(status) ? WEXITSTATUS(status) : WIFSIGNALED(status) ? -WTERMSIG(status) : -100;
     }
 
     void TearDown() override { std::filesystem::remove_all(dataHome); }
@@ -70,6 +87,84 @@ TEST_F(Lifecycle, EventsFromExitHandlersAndThreadLocalDestructorsAreDelivered) {
     EXPECT_EQ(pages[0], "atexit");
     EXPECT_TRUE(pages[1].starts_with("first-"));
     EXPECT_EQ(pages[2], "thread-local-destructor");
+}
+
+// A host with the queue on records 10,000 events and is killed 200 ms after its last call;
+// the next process of the host sends them to the URL they were first sent to.
+TEST_F(Lifecycle, WhatAKilledHostRecordedTheNextProcessSendsOnceAndInOrder) {
+    constexpr int kEvents = 10'000;
+    using Clock = std::chrono::steady_clock;
+    struct Case {
+        const char* name;
+        // Up and slow while the first process runs, or a closed port until the second.
+        bool serverUpAtKill;
+    };
+    for (const Case& test : {Case{"closed port", false}, Case{"slow server", true}}) {
+        SCOPED_TRACE(test.name);
+        std::filesystem::remove_all(dataHome);
+        std::mutex mutex;
+        std::vector<Clock::time_point> started;
+        std::optional<Testing::LocalHttpServer> collector;
+        int port = 0;
+        if (test.serverUpAtKill) {
+            collector.emplace();
+            collector->setResponder([&](const std::string&, const std::string&) {
+                std::lock_guard lock(mutex);
+                started.push_back(Clock::now());
+                return Testing::LocalHttpServer::Answer{.delay = std::chrono::milliseconds(100)};
+            });
+            port = collector->port();
+        } else {
+            port = Testing::LocalHttpServer().port();
+        }
+        const std::string url = "http://127.0.0.1:" + std::to_string(port) + "/api/v3/saveEvent";
+        ASSERT_EQ(run("persist-record", url), -SIGKILL);
+        // Requests begun in the last answer time (and a little for the client to write down
+        // the answer) were on the wire at the kill: only they may arrive twice.
+        const Clock::time_point killed = Clock::now();
+        std::size_t onTheWire = 0;
+        {
+            std::lock_guard lock(mutex);
+            onTheWire = static_cast<std::size_t>(std::ranges::count_if(
+                started, [&](Clock::time_point at) { return at > killed - std::chrono::milliseconds(150); }));
+        }
+        if (collector) {
+            collector->setResponder(nullptr);
+        } else {
+            collector.emplace(port);
+            ASSERT_EQ(collector->port(), port);
+        }
+        const std::size_t beforeResume = collector->bodies().size();
+        ASSERT_EQ(run("persist-resume", url), 0);
+
+        const std::vector<int> received = pageNumbersReceived(*collector);
+        std::vector<int> distinct = received;
+        std::ranges::sort(distinct);
+        distinct.erase(std::unique(distinct.begin(), distinct.end()), distinct.end());
+        ASSERT_EQ(distinct.size(), static_cast<std::size_t>(kEvents));
+        EXPECT_EQ(distinct.front(), 0);
+        EXPECT_EQ(distinct.back(), kEvents - 1);
+        EXPECT_LE(received.size() - distinct.size(), onTheWire);
+        // In order: the next process hands them over oldest first, and only its parallel
+        // connections let neighbours pass each other, so each tenth of the events arrives,
+        // by its median, after the tenth recorded before it.
+        std::vector<std::vector<std::size_t>> arrivals(10);
+        for (std::size_t index = beforeResume; index < received.size(); ++index) {
+            arrivals[static_cast<std::size_t>(received[index]) * 10 / kEvents].push_back(index);
+        }
+        std::size_t previousMedian = 0;
+        for (const std::vector<std::size_t>& tenth : arrivals) {
+            ASSERT_FALSE(tenth.empty());
+            EXPECT_GT(tenth[tenth.size() / 2], previousMedian);
+            previousMedian = tenth[tenth.size() / 2];
+        }
+    }
+}
+
+TEST_F(Lifecycle, WithoutConsentNothingIsSentAndNothingWritten) {
+    ASSERT_EQ(run("no-consent"), 0);
+    EXPECT_TRUE(server.bodies().empty());
+    EXPECT_FALSE(std::filesystem::exists(dataHome));
 }
 
 TEST_F(Lifecycle, EveryThreadOfOursIsNamedAndBlocksTheHostsSignals) {

@@ -2,7 +2,7 @@
 
 namespace NorvAnalytic::Testing {
 
-LocalHttpServer::LocalHttpServer() {
+LocalHttpServer::LocalHttpServer(int port) {
     // httplib answers form bodies over 8 KiB with 413 itself; the suites' events stay far below.
     server_.Post(".*", [this](const httplib::Request& request, httplib::Response& response) {
         std::unique_lock lock(mutex_);
@@ -19,7 +19,8 @@ LocalHttpServer::LocalHttpServer() {
     server_.set_keep_alive_timeout(1);
     // Headers and body go out in two writes; without this each answer waits for a delayed ACK.
     server_.set_tcp_nodelay(true);
-    port_ = server_.bind_to_any_port("127.0.0.1");
+    port_ = port > 0 ? (server_.bind_to_port("127.0.0.1", port) ? port : -1)
+                     : server_.bind_to_any_port("127.0.0.1");
     thread_ = std::thread([this] { server_.listen_after_bind(); });
     // httplib's stop() does nothing before the accept loop runs, and offers no signal for it:
     // a server stopped before its thread got going would keep the destructor's join waiting.

@@ -12,7 +12,8 @@
 
 namespace NorvAnalytic::Testing {
 
-// A real HTTP server on 127.0.0.1 and an ephemeral port, recording every POST body it gets.
+// A real HTTP server on 127.0.0.1 and an ephemeral port (or the one asked for), recording
+// every POST body it gets.
 // Answers come from a replaceable responder (default: 200 with a small JSON object).
 class LocalHttpServer {
 public:
@@ -23,9 +24,10 @@ public:
     };
     using Responder = std::function<Answer(const std::string& path, const std::string& body)>;
 
-    LocalHttpServer();
+    explicit LocalHttpServer(int port = 0);
     ~LocalHttpServer();
 
+    int port() const { return port_; }
     std::string url() const {
         return "http://127.0.0.1:" + std::to_string(port_) + "/api/v3/saveEvent";
     }
