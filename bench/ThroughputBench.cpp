@@ -5,6 +5,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include <linux/magic.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -25,7 +27,8 @@
 
 // Events per second delivered end to end: public event calls on one host thread, the SDK's
 // HTTP client, a real server on loopback (bench/run-throughput.sh starts nginx and passes its
-// URL in NORV_THROUGHPUT_URL), every answer handed back to the SDK's main queue.
+// URL in NORV_THROUGHPUT_URL), every answer handed back to the SDK's main queue. The scratch
+// directory (under TMPDIR) holds the keychain and, as XDG_DATA_HOME, the persistent queue's file.
 namespace {
 
 using NorvAnalytic::NorvAnalytics;
@@ -37,6 +40,32 @@ using NorvAnalytic::Bench::residentKilobytes;
 using NorvAnalytic::Bench::peakResidentKilobytes;
 
 using NorvAnalytic::Bench::cpuMicroseconds;
+
+// What the kernel counts as written to storage for this process so far ("write_bytes" of
+// /proc/self/io, every thread, counted as pages are dirtied). Writes to tmpfs count nothing.
+double writtenBytes() {
+    std::ifstream io("/proc/self/io");
+    std::string field;
+    double value = 0.0;
+    while (io >> field >> value) {
+        if (field == "write_bytes:") {
+            return value;
+        }
+    }
+    return 0.0;
+}
+
+bool onTmpfs(const std::filesystem::path& directory) {
+    struct statfs filesystem {};
+    return statfs(directory.c_str(), &filesystem) == 0 && filesystem.f_type == TMPFS_MAGIC;
+}
+
+const std::filesystem::path& scratchDirectory() {
+    static const std::filesystem::path directory =
+        std::filesystem::temp_directory_path() /
+        ("norv-throughput-bench-" + std::to_string(getpid()));
+    return directory;
+}
 
 // Installed for the whole process and never destroyed: their completions may outlive main.
 const std::shared_ptr<NorvAnalytic::CurlHttpClient>& curlClient() {
@@ -151,6 +180,50 @@ BENCHMARK(BM_DeliverEvents)
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond);
 
+// The wrapped burst again with the persistent queue on: flush returns once
+// every event was written to the queue file, delivered, and taken out of the file again. Peak
+// memory counts from this run's start; disk_bytes_per_event is the write amplification.
+void BM_DeliverEventsPersisted(benchmark::State& state) {
+    if (onTmpfs(scratchDirectory())) {
+        state.SkipWithError("the scratch directory is on tmpfs, which counts no disk writes: "
+                            "point TMPDIR at a disk");
+        return;
+    }
+    NorvAnalytic::Platform::setHttpClient(completionCounter());
+    NorvAnalytics::setPersistentQueue(true);
+    std::ofstream("/proc/self/clear_refs") << "5";  // VmHWM starts again from VmRSS
+    const std::uint64_t droppedBefore = NorvAnalytics::droppedEventCount();
+    const std::size_t notDeliveredBefore = completionCounter()->notDelivered();
+    const double writtenBefore = writtenBytes();
+    const double cpuBefore = cpuMicroseconds();
+    const auto start = std::chrono::steady_clock::now();
+    for (auto _ : state) {
+        for (int event = 0; event < kEvents; ++event) {
+            NorvAnalytics::sendEventWithPageName(std::string("Settings"));
+        }
+        if (!NorvAnalytics::flush(std::chrono::minutes(5))) {
+            state.SkipWithError("not every event was delivered within five minutes");
+        }
+    }
+    const double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    state.counters["events_per_s"] = kEvents / seconds;
+    state.counters["cpu_us_per_event"] = (cpuMicroseconds() - cpuBefore) / kEvents;
+    state.counters["disk_bytes_per_event"] = (writtenBytes() - writtenBefore) / kEvents;
+    state.counters["VmHWM_kB"] = peakResidentKilobytes();
+    state.counters["dropped"] =
+        static_cast<double>(NorvAnalytics::droppedEventCount() - droppedBefore);
+    state.counters["answers_not_200"] =
+        static_cast<double>(completionCounter()->notDelivered() - notDeliveredBefore);
+    NorvAnalytics::setPersistentQueue(false);
+    NorvAnalytic::Platform::setHttpClient(gate());
+}
+BENCHMARK(BM_DeliverEventsPersisted)
+    ->Iterations(1)
+    ->Repetitions(3)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -159,9 +232,10 @@ int main(int argc, char** argv) {
         std::cerr << "throughput_bench: set NORV_THROUGHPUT_URL (bench/run-throughput.sh does)\n";
         return 2;
     }
-    const std::filesystem::path directory =
-        std::filesystem::temp_directory_path() /
-        ("norv-throughput-bench-" + std::to_string(getpid()));
+    const std::filesystem::path& directory = scratchDirectory();
+    // Before any thread of ours starts: the SDK reads it when it opens the queue file.
+    setenv("XDG_DATA_HOME", directory.c_str(), 1);
+    std::filesystem::create_directories(directory);
     NorvAnalytic::Platform::setKeychainBackend(
         NorvAnalytic::KeychainBackend::makeFileBackend((directory / "keychain.sqlite").string()));
     if (const char* caFile = std::getenv("NORV_THROUGHPUT_CA")) {

@@ -3,8 +3,12 @@
 # Debian's nginx on free loopback ports, plain HTTP/1.1 (also one that closes a connection every
 # 100 requests) and HTTP/2 over TLS (with a certificate made here), with a fixed collection
 # answer, and runs side by side against each: libcurl alone (bare_curl_bench, beside
-# throughput_bench), the SDK (throughput_bench), and h2load where it is installed.
+# throughput_bench), the SDK (throughput_bench), and h2load where it is installed. Then the SDK
+# with its persistent queue on, over plain HTTP/1.1, in a process of its own (so its peak memory
+# is its own), with the queue file in a directory beside the benchmark: it must be on a disk,
+# since tmpfs counts no writes and the run reports the bytes written per event.
 # usage: bench/run-throughput.sh [path/to/throughput_bench] [benchmark options...]
+#   NORV_THROUGHPUT_QUEUE_ONLY=1 runs only the persistent-queue rounds.
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
@@ -16,13 +20,14 @@ nginx=${NGINX:-/usr/sbin/nginx}
 
 work=$(mktemp -d /tmp/norv-throughput.XXXXXX)
 chmod 755 "$work"
+queue_dir=$(mktemp -d "$(dirname "$bench")/norv-queue.XXXXXX")
 nginx_pid=
 cleanup() {
     if [ -n "$nginx_pid" ] && kill -0 "$nginx_pid" 2>/dev/null; then
         kill -QUIT "$nginx_pid"
         wait "$nginx_pid" 2>/dev/null || true
     fi
-    rm -rf "$work"
+    rm -rf "$work" "$queue_dir"
 }
 trap cleanup EXIT
 
@@ -82,21 +87,33 @@ for _ in $(seq 100); do
 done
 
 echo "nginx $($nginx -v 2>&1 | sed 's/.*nginx\///') on 127.0.0.1:$port, TLS on $tls_port"
+echo "persistent queue in $queue_dir ($(stat -f -c %T "$queue_dir"))"
 bare=$(dirname "$bench")/bare_curl_bench
 plain="http://127.0.0.1:$port/api/v3/saveEvent"
 short="http://127.0.0.1:$short_port/api/v3/saveEvent"
 tls="https://127.0.0.1:$tls_port/api/v3/saveEvent"
+queue_round() {
+    echo "== round $1: plain HTTP/1.1, persistent queue on"
+    NORV_THROUGHPUT_URL="$plain" TMPDIR="$queue_dir" "$bench" \
+        --benchmark_filter=BM_DeliverEventsPersisted "${@:2}"
+}
 for round in 1 2 3; do
+    if [ "${NORV_THROUGHPUT_QUEUE_ONLY:-0}" = 1 ]; then
+        queue_round "$round" "$@"
+        continue
+    fi
     echo "== round $round: HTTP/2 over TLS"
     "$bare" "$tls" "$work/cert.pem"
-    NORV_THROUGHPUT_URL="$tls" NORV_THROUGHPUT_CA="$work/cert.pem" "$bench" "$@"
+    NORV_THROUGHPUT_URL="$tls" NORV_THROUGHPUT_CA="$work/cert.pem" "$bench" \
+        --benchmark_filter=-BM_DeliverEventsPersisted "$@"
     if command -v h2load >/dev/null; then
         printf '%240s' | tr ' ' x >"$work/h2load-body"
         h2load -n 100000 -c 1 -m 64 -d "$work/h2load-body" "$tls" | grep -E 'finished in|requests:'
     fi
     echo "== round $round: plain HTTP/1.1"
     "$bare" "$plain"
-    NORV_THROUGHPUT_URL="$plain" "$bench" "$@"
+    NORV_THROUGHPUT_URL="$plain" "$bench" --benchmark_filter=-BM_DeliverEventsPersisted "$@"
     echo "== round $round: plain HTTP/1.1, nginx closing every 100 requests"
-    NORV_THROUGHPUT_URL="$short" "$bench" "$@"
+    NORV_THROUGHPUT_URL="$short" "$bench" --benchmark_filter=-BM_DeliverEventsPersisted "$@"
+    queue_round "$round" "$@"
 done

@@ -59,8 +59,29 @@ NORVANALYTIC_EXPORT int norv_flush(int timeout_ms);
 /* Bounds the events waiting for the network (defaults 100000 events, 32 MiB); beyond either,
  * the oldest is dropped and counted. */
 NORVANALYTIC_EXPORT void norv_set_waiting_event_limits(size_t max_events, size_t max_bytes);
-/* How many waiting events were dropped so far in this process. */
+/* How many events a bound dropped so far in this process: waiting ones, kept ones and, with
+ * the persistent queue on, ones in its file. */
 NORVANALYTIC_EXPORT uint64_t norv_dropped_event_count(void);
+
+/* The host's data. Each may be called before or after norv_init_with_key. */
+/* Off (0) by default. On (1): every event not yet answered and every refused event kept for
+ * resending is also written to an SQLite file beside the keychain, and the next process of the
+ * host sends what is left there first; an event that got no answer at all stays and is sent
+ * again. Off deletes the file. */
+NORVANALYTIC_EXPORT void norv_set_persistent_queue(int enabled);
+/* Allowed (1) by default. While 0, event calls discard their events and nothing is sent, read
+ * or written; withdrawing discards every waiting and kept event. Not remembered across starts:
+ * until the user agrees, call it with 0 before anything else, every start. */
+NORVANALYTIC_EXPORT void norv_set_collection_allowed(int allowed);
+/* How many events were discarded because collection was not allowed. */
+NORVANALYTIC_EXPORT uint64_t norv_discarded_without_consent_count(void);
+/* Erases the device UUID and the store user id from the keychain and from every file of ours,
+ * and drops every waiting and kept event; waits for the keychain store. The next event carries
+ * a new UUID. */
+NORVANALYTIC_EXPORT void norv_forget_device(void);
+/* Bounds the events kept for resending after a refusal, in memory and in the queue file
+ * (defaults 10000 events, 16 MiB); beyond either, the oldest is dropped and counted. */
+NORVANALYTIC_EXPORT void norv_set_saved_event_limits(size_t max_events, size_t max_bytes);
 
 /* Event calls: none blocks; before norv_init_with_key they do nothing. */
 NORVANALYTIC_EXPORT void norv_send_username(const char* username);

@@ -21,7 +21,9 @@ from ._library import DIAGNOSTICS_SINK, lib
 __all__ = [
     "DiagnosticLevel", "set_diagnostics_sink", "set_main_bundle", "set_collection_server_host",
     "init_with_key", "set_secure_url", "set_log_level", "check_updates", "flush",
-    "set_waiting_event_limits", "dropped_event_count", "send_username", "send_warehouse",
+    "set_waiting_event_limits", "dropped_event_count", "set_persistent_queue",
+    "set_collection_allowed", "discarded_without_consent_count", "forget_device",
+    "set_saved_event_limits", "send_username", "send_warehouse",
     "send_error", "send_device_name", "send_device_custom_name", "send_event_with_player_id",
     "send_event_with_page_name", "send_user_login_event", "send_user_can_not_login_event",
     "send_user_logout_event", "send_location_service_status_event", "send_bluetooth_status_event",
@@ -179,8 +181,50 @@ def set_waiting_event_limits(max_events: int, max_bytes: int) -> None:
 
 
 def dropped_event_count() -> int:
-    """How many waiting events were dropped so far in this process."""
+    """How many events a bound dropped so far in this process.
+
+    Waiting ones, kept ones and, with the persistent queue on, ones in its file.
+    """
     return lib.norv_dropped_event_count()
+
+
+def set_persistent_queue(enabled: bool) -> None:
+    """Keep unanswered and refused events in a file, for this process or the next to send.
+
+    Off by default. When on, an event whose request got no answer at all stays in the file and
+    is sent again once the network is reachable. Turning it off deletes the file.
+    """
+    lib.norv_set_persistent_queue(_flag(enabled, "enabled"))
+
+
+def set_collection_allowed(allowed: bool) -> None:
+    """Whether the user agreed to collection; allowed by default.
+
+    While not allowed, event calls discard their events and nothing is sent, read or written;
+    withdrawing discards every waiting and kept event. Not remembered across starts: until the
+    user agrees, call it with False before anything else, every start.
+    """
+    lib.norv_set_collection_allowed(_flag(allowed, "allowed"))
+
+
+def discarded_without_consent_count() -> int:
+    """How many events were discarded because collection was not allowed."""
+    return lib.norv_discarded_without_consent_count()
+
+
+def forget_device() -> None:
+    """Erase the device UUID and the store user id everywhere we keep them.
+
+    Drops every waiting and kept event too; waits for the keychain store. The next event
+    carries a new UUID.
+    """
+    lib.norv_forget_device()
+
+
+def set_saved_event_limits(max_events: int, max_bytes: int) -> None:
+    """Bound the events kept for resending after a refusal; beyond either the oldest is dropped."""
+    lib.norv_set_saved_event_limits(_integer(max_events, "max_events", 64, False),
+                                    _integer(max_bytes, "max_bytes", 64, False))
 
 
 def send_username(username: Optional[str]) -> None:

@@ -129,6 +129,27 @@ uint64_t norv_dropped_event_count(void) {
     return guarded(__func__, std::uint64_t{0}, [] { return NorvAnalytics::droppedEventCount(); });
 }
 
+void norv_set_persistent_queue(int enabled) {
+    guarded(__func__, [&] { NorvAnalytics::setPersistentQueue(enabled != 0); });
+}
+
+void norv_set_collection_allowed(int allowed) {
+    guarded(__func__, [&] { NorvAnalytics::setCollectionAllowed(allowed != 0); });
+}
+
+uint64_t norv_discarded_without_consent_count(void) {
+    return guarded(__func__, std::uint64_t{0},
+                   [] { return NorvAnalytics::discardedWithoutConsentCount(); });
+}
+
+void norv_forget_device(void) {
+    guarded(__func__, [] { NorvAnalytics::forgetDevice(); });
+}
+
+void norv_set_saved_event_limits(size_t max_events, size_t max_bytes) {
+    guarded(__func__, [&] { NorvAnalytics::setSavedEventLimits(max_events, max_bytes); });
+}
+
 void norv_send_username(const char* username) {
     guarded(__func__, [&] { NorvAnalytics::sendUsername(text(username)); });
 }

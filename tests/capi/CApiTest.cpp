@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "facade/CollectionConsent.h"
 #include "support/ReportingHarness.h"
 
 namespace NorvAnalytic {
@@ -78,6 +79,15 @@ TEST(CApi, BadArgumentsAreSaidOnTheSinkAndChangeNothing) {
     const std::lock_guard lock(received.mutex);
     ASSERT_EQ(received.lines.size(), 2U);
     EXPECT_NE(received.lines[1].second.find("no host/"), std::string::npos);
+}
+
+TEST(CApi, AnyNonZeroIntAllowsCollection) {
+    // The int given, and whether collection is allowed after it; the last row leaves it allowed.
+    for (const auto& [given, allowed] : {std::pair{0, false}, std::pair{2, true},
+                                         std::pair{0, false}, std::pair{-1, true}}) {
+        norv_set_collection_allowed(given);
+        EXPECT_EQ(CollectionConsent::allowed(), allowed) << "given " << given;
+    }
 }
 
 TEST(CApi, TheUuidIsWrittenAsSnprintfWrites) {

@@ -65,6 +65,9 @@ class NorvAnalyticTest(unittest.TestCase):
             (ValueError, norvanalytic.send_event_with_page_name, ("Or\0ders",)),
             (ValueError, norvanalytic.send_event_with_type, (2**31, 0.0)),
             (ValueError, norvanalytic.set_waiting_event_limits, (-1, 10)),
+            (TypeError, norvanalytic.set_collection_allowed, ("no",)),
+            (TypeError, norvanalytic.set_persistent_queue, (None,)),
+            (ValueError, norvanalytic.set_saved_event_limits, (10, -1)),
         ]
         collector = Collector()
         start(collector.host)
@@ -96,6 +99,15 @@ class NorvAnalyticTest(unittest.TestCase):
         uuid = norvanalytic.get_uuid()
         self.assertEqual(len(uuid), 36)
         self.assertIn(f"&device_uuid={uuid}&", page[0])
+        # Without consent an event is counted and never sent (withdrawn only once nothing
+        # waits, since withdrawing discards what waits).
+        discarded = norvanalytic.discarded_without_consent_count()
+        norvanalytic.set_collection_allowed(False)
+        norvanalytic.send_event_with_page_name("Private")
+        norvanalytic.set_collection_allowed(True)
+        self.assertEqual(norvanalytic.discarded_without_consent_count(), discarded + 1)
+        self.assertTrue(norvanalytic.flush(10))
+        self.assertEqual(len(collector.bodies), 3)
         collector.stop()
 
     def test_a_sink_that_raises_is_logged_and_the_sdk_goes_on(self):
