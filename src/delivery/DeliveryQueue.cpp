@@ -7,6 +7,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <limits>
 #include <new>
@@ -30,6 +31,10 @@ namespace {
 constexpr std::size_t kBatch = 64;
 // Records written to the queue file in one commit.
 constexpr std::size_t kPersistBatch = 512;
+// What the answers change in the file is written in groups: at this many, or this long after
+// the first, whichever comes first. A kill can cost a duplicate of what was answered meanwhile.
+constexpr std::size_t kChangesPerCommit = 128;
+constexpr std::chrono::milliseconds kCommitDelay{10};
 // A retry round that got an answer sends every unanswered row.
 constexpr std::size_t kAllRetries = std::numeric_limits<std::size_t>::max();
 
@@ -63,7 +68,7 @@ std::filesystem::path queuePath() {
 class DeliveryQueue::Delivery {
 public:
     Delivery(Ready ready, std::uint64_t generation) : ready(std::move(ready)), generation_(generation) {}
-    ~Delivery() { shared().released(generation_); }
+    ~Delivery() { shared().released(generation_, ready.retried); }
     Delivery(const Delivery&) = delete;
     Delivery& operator=(const Delivery&) = delete;
 
@@ -160,8 +165,9 @@ bool DeliveryQueue::hasWorkLocked() const {
     if (!persistent_) {
         return close_ || (!waiting_.empty() && inWindow_ < kWindow);
     }
-    return !waiting_.empty() || !changes_.empty() || close_ || discard_ || tick_ ||
-           (inWindow_ < kWindow && (backlog_ > 0 || (retries_ > 0 && unanswered_ > 0)));
+    // Rows are read back when half the window is free, as records are handed over.
+    return !waiting_.empty() || changes_.size() >= kChangesPerCommit || close_ || discard_ ||
+           tick_ || (inWindow_ <= kWindow / 2 && (backlog_ > 0 || (retries_ > 0 && unanswered_ > 0)));
 }
 
 DeliveryQueue::Turn DeliveryQueue::takeLocked() {
@@ -170,7 +176,14 @@ DeliveryQueue::Turn DeliveryQueue::takeLocked() {
     turn.close = std::exchange(close_, false);
     turn.discard = std::exchange(discard_, false);
     turn.tick = std::exchange(tick_, false);
-    turn.changes.swap(changes_);
+    // Written with the records, or once the group is full or due, or before unanswered rows are
+    // counted or read (an answered one must not be tried again); reading pending rows back
+    // needs none of it.
+    if (!waiting_.empty() || stopping_ || turn.tick || retries_ > 0 ||
+        changes_.size() >= kChangesPerCommit ||
+        std::chrono::steady_clock::now() - changesSince_ >= kCommitDelay) {
+        turn.changes.swap(changes_);
+    }
     const std::size_t room = stopping_ ? 0 : kWindow - std::min(inWindow_, kWindow);
     // With the file, every waiting record is written at once, whatever room the window has.
     const std::size_t limit = persistent_ ? kPersistBatch : std::min(kBatch, room);
@@ -198,8 +211,14 @@ void DeliveryQueue::deliverForever() {
         if (!last && !hasWorkLocked()) {
             idle_ = true;
             handedOver_.notify_all();
-            wake_.wait(lock, [this] { return !idle_; });
-            continue;
+            if (changes_.empty()) {
+                wake_.wait(lock, [this] { return !idle_; });
+                continue;
+            }
+            if (wake_.wait_for(lock, kCommitDelay, [this] { return !idle_; })) {
+                continue;
+            }
+            idle_ = false;
         }
         Turn turn = takeLocked();
         handingOver_ = true;
@@ -324,7 +343,9 @@ std::size_t DeliveryQueue::persist(Turn& turn, std::vector<Ready>& ready) {
             {
                 std::lock_guard lock(mutex_);
                 unanswered_ = unanswered;
-                if (unanswered_ > 0 && retries_ == 0) {
+                // A row still on its way from the last round is not tried twice.
+                if (unanswered_ > 0 && retries_ == 0 && retriedInFlight_ == 0) {
+                    retryRound_ = true;
                     // One try first: the rest follow once it has an answer.
                     retries_ = 1;
                 }
@@ -392,6 +413,7 @@ std::size_t DeliveryQueue::readBack(std::size_t room) {
                 retriedRow_ = 0;
                 std::lock_guard lock(mutex_);
                 retries_ = 0;
+                retryRound_ = false;
                 break;
             }
             for (const QueueFile::Row& row : rows) {
@@ -399,6 +421,7 @@ std::size_t DeliveryQueue::readBack(std::size_t room) {
                 {
                     std::lock_guard lock(mutex_);
                     retries_ -= retries_ == kAllRetries || retries_ == 0 ? 0 : 1;
+                    ++retriedInFlight_;
                 }
                 handOver({{EventTable::decode(row.texts).value_or(EventTexts{}),
                            std::make_shared<const Destination>(Destination{std::nullopt, row.url}),
@@ -487,6 +510,7 @@ void DeliveryQueue::closeFile(bool remove) {
     backlog_ = 0;
     unanswered_ = 0;
     retries_ = 0;
+    retryRound_ = false;
     changes_.clear();
 }
 
@@ -531,7 +555,7 @@ void DeliveryQueue::handOver(Ready ready) noexcept {
         delivery = std::make_shared<Delivery>(std::move(ready), generation_);
     } catch (...) {
         // Out of memory: this one event is dropped.
-        released(generation_);
+        released(generation_, ready.retried);
         return;
     }
     try {
@@ -622,12 +646,19 @@ void DeliveryQueue::noteChange(QueueFile::Change change, bool wasRetried, bool a
         if (change.state == QueueFile::State::Unanswered) {
             ++unanswered_;
         }
-        if (wasRetried) {
-            // An answer means the server is back: the rest of the round follows.
+        if (wasRetried && retryRound_) {
+            // An answer means the server is back: the rest of the round follows. An answer that
+            // comes after its round ended starts nothing: the round's rows may still be on
+            // their way.
             retries_ = answered ? kAllRetries : 0;
         }
+        if (changes_.empty()) {
+            changesSince_ = std::chrono::steady_clock::now();
+        }
         changes_.push_back(change);
-        if (idle_) {
+        // The first starts the thread's wait for the group; a full group is written at once.
+        if (idle_ && (changes_.size() == 1 || changes_.size() >= kChangesPerCommit ||
+                      (wasRetried && answered))) {
             idle_ = false;
             wake = true;
         }
@@ -753,7 +784,7 @@ void DeliveryQueue::eraseWhileHeld(const std::function<void()>& erase) {
     }
 }
 
-void DeliveryQueue::released(std::uint64_t generation) {
+void DeliveryQueue::released(std::uint64_t generation, bool retried) {
     bool wake = false;
     {
         std::lock_guard lock(mutex_);
@@ -761,6 +792,7 @@ void DeliveryQueue::released(std::uint64_t generation) {
             return;
         }
         --inWindow_;
+        retriedInFlight_ -= retried ? 1 : 0;
         // Woken when half the window is free, not for each answer.
         if (idle_ && (!waiting_.empty() || backlog_ > 0) && inWindow_ <= kWindow / 2) {
             idle_ = false;
@@ -817,7 +849,9 @@ std::uint64_t DeliveryQueue::droppedCount() const {
 
 void DeliveryQueue::waitUntilHandedOver() {
     std::unique_lock lock(mutex_);
-    handedOver_.wait(lock, [this] { return !handingOver_ && (!thread_ || !hasWorkLocked()); });
+    handedOver_.wait(lock, [this] {
+        return !handingOver_ && (!thread_ || (!hasWorkLocked() && changes_.empty()));
+    });
 }
 
 void DeliveryQueue::beforeFork() { shared().mutex_.lock(); }
@@ -848,6 +882,8 @@ void DeliveryQueue::afterForkInChild() {
     queue.backlog_ = 0;
     queue.unanswered_ = 0;
     queue.retries_ = 0;
+    queue.retriedInFlight_ = 0;
+    queue.retryRound_ = false;
     queue.inWindow_ = 0;
     ++queue.generation_;
     queue.idle_ = false;

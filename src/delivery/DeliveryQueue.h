@@ -2,6 +2,7 @@
 
 #include <NorvAnalytic/HttpClient.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -113,7 +114,7 @@ private:
     void noteChange(QueueFile::Change change, bool wasRetried, bool answered);
     static void answered(const std::shared_ptr<Delivery>& delivery, std::optional<std::string> data,
                          std::optional<HttpResponse> response, std::optional<Error> error);
-    void released(std::uint64_t generation);
+    void released(std::uint64_t generation, bool retried);
     // Counts events dropped by a bound, ours or the client's; returns the burst's one warning.
     std::string countDroppedLocked(std::size_t count);
     void report(const std::string& warning);
@@ -146,10 +147,14 @@ private:
     bool discard_ = false;
     bool tick_ = false;
     std::vector<QueueFile::Change> changes_;
+    std::chrono::steady_clock::time_point changesSince_;
     // Rows in the file not handed over yet, and how many unanswered rows a turn may retry.
     std::size_t backlog_ = 0;
     std::size_t retries_ = 0;
     std::size_t unanswered_ = 0;
+    std::size_t retriedInFlight_ = 0;
+    // From a tick's first try until a read finds no unanswered row left.
+    bool retryRound_ = false;
     // Held by the thread for a turn and by an erasure: lock order fileMutex_, then mutex_.
     std::mutex fileMutex_;
     // The thread's own, under fileMutex_: the open file, and a flush's place for each row

@@ -110,8 +110,9 @@ int openChecked(const std::filesystem::path& path, sqlite3** database) {
     sqlite3_finalize(check);
     // WAL: a killed writer's uncommitted tail is discarded by the next opener. NORMAL sync
     // keeps every commit through a crash of the process; only a power loss can take the last.
+    // The rows are written once and read once, oldest first: a small page cache does.
     for (const char* setup : {"PRAGMA journal_mode = WAL", "PRAGMA synchronous = NORMAL",
-                              "PRAGMA temp_store = MEMORY", kSchema}) {
+                              "PRAGMA temp_store = MEMORY", "PRAGMA cache_size = -512", kSchema}) {
         if (status == SQLITE_OK) {
             status = sqlite3_exec(*database, setup, nullptr, nullptr, nullptr);
         }
