@@ -1,6 +1,7 @@
 // A host for what only a process of its own can show: what a forked child sends, events sent
-// from exit handlers and thread_local destructors, and how the SDK's threads look from outside.
-// usage: reporting_lifecycle_host fork|exit-handlers|threads URL
+// from exit handlers and thread_local destructors, how the SDK's threads look from outside, and
+// what forgetting the device leaves on disk.
+// usage: reporting_lifecycle_host fork|exit-handlers|threads|forget URL
 #include <NorvAnalytic/NorvAnalytic.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -82,6 +83,17 @@ int threads() {
     return failures == 0 ? 0 : 6;
 }
 
+// One event before the device is forgotten and one after, each delivered before the next step.
+int forget() {
+    NorvAnalytics::sendEventWithPageName("before-forget");
+    if (!NorvAnalytics::flush(kFlushLimit)) {
+        return 5;
+    }
+    NorvAnalytics::forgetDevice();
+    NorvAnalytics::sendEventWithPageName("after-forget");
+    return NorvAnalytics::flush(kFlushLimit) ? 0 : 5;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -95,6 +107,9 @@ int main(int argc, char** argv) {
     }
     if (mode == "exit-handlers") {
         return exitHandlers();
+    }
+    if (mode == "forget") {
+        return forget();
     }
     return mode == "threads" ? threads() : 2;
 }
