@@ -366,6 +366,42 @@ TEST(SystemFileKeychainTest, AnotherProcesssSaveReplacesTheCachedUserIdWithinASe
     EXPECT_EQ(cache.item("user_id", "NorvAnalyticDeviceUUID").value, "there");
 }
 
+// This process holds the device UUID in memory and another forgets the device: within a
+// second this one no longer uses the old UUID. The writer's extra arguments pick its store.
+void expectAnotherProcesssErasureSeenWithinASecond(const ScratchDirectory& scratch,
+                                                   const std::vector<std::string>& store) {
+    const std::string held = NorvAnalytics::getNorvAnalyticUUID();
+    ASSERT_EQ(NorvAnalytics::getNorvAnalyticUUID(), held);
+    std::vector<std::string> argv{Testing::siblingExecutable("keychain_writer"), scratch.path,
+                                  "forget"};
+    argv.insert(argv.end(), store.begin(), store.end());
+    ASSERT_EQ(Testing::runChildProcess(argv, {}), 0);
+    const auto erased = std::chrono::steady_clock::now();
+    while (NorvAnalytics::getNorvAnalyticUUID() == held &&
+           std::chrono::steady_clock::now() - erased < std::chrono::seconds(5)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - erased, std::chrono::seconds(1));
+    EXPECT_NE(NorvAnalytics::getNorvAnalyticUUID(), held);
+}
+
+TEST(SystemFileKeychainTest, AnotherProcesssErasureReachesTheCachedUUIDWithinASecond) {
+    const ScratchDirectory scratch;
+    scratch.keychain();
+    expectAnotherProcesssErasureSeenWithinASecond(scratch, {});
+}
+
+TEST(SystemKeychainTest, AnotherProcesssErasureOnTheSecretServiceWithinASecond) {
+    if (!secretService()) {
+        GTEST_SKIP() << "no Secret Service";
+    }
+    const ScratchDirectory scratch;
+    const std::string schema = "com.norvanalytic.forget" + std::to_string(::getpid());
+    Platform::setKeychainBackend(std::make_shared<SecretServiceKeychainBackend>(schema, "session"));
+    expectAnotherProcesssErasureSeenWithinASecond(scratch, {schema});
+    Platform::setKeychainBackend(nullptr);
+}
+
 // Two processes of four threads and four threads here ask a fresh store for the device UUID at
 // one instant, trials times: every process ends holding the one UUID the store holds. A caller
 // waits 100 ms at most for the first write, so under load an early answer may be a candidate
