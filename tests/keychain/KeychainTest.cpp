@@ -279,11 +279,12 @@ TEST(FileKeychainBackendTest, DeletedItemsAndAnErasedIdentityLeaveNoByteInTheDir
     ASSERT_TRUE(Keychain::saveItem(secret, "token", "api", nullptr));
     sqlite3* olderWriter = nullptr;
     ASSERT_EQ(sqlite3_open((scratch.path + "/keychain.sqlite").c_str(), &olderWriter), SQLITE_OK);
-    const int replaced = sqlite3_exec(olderWriter,
-                                      "PRAGMA secure_delete = OFF;"
-                                      "UPDATE items SET value = zeroblob(200) WHERE account = 'user_id';"
-                                      "PRAGMA wal_checkpoint(TRUNCATE)",
-                                      nullptr, nullptr, nullptr);
+    const int replaced =
+        sqlite3_exec(olderWriter,
+                     "PRAGMA secure_delete = OFF;"
+                     "UPDATE items SET value = zeroblob(200) WHERE account = 'user_id';"
+                     "PRAGMA wal_checkpoint(TRUNCATE)",
+                     nullptr, nullptr, nullptr);
     sqlite3_close(olderWriter);
     ASSERT_EQ(replaced, SQLITE_OK);
     ASSERT_FALSE(Testing::filesHolding(scratch.path, oldUserId).empty());
