@@ -335,9 +335,9 @@ std::size_t DeliveryQueue::persist(Turn& turn, std::vector<Ready>& ready) {
     trimBacklog();
     if (turn.tick) {
         try {
+            const auto [maxEvents, maxBytes] = SavedEvents::limits();
             const std::size_t trimmed =
-                file_->trim(QueueFile::State::Unanswered, 0, SavedEvents::kDefaultMaxEvents,
-                            SavedEvents::kDefaultMaxBytes);
+                file_->trim(QueueFile::State::Unanswered, 0, maxEvents, maxBytes);
             const std::size_t unanswered = file_->count(QueueFile::State::Unanswered).events;
             std::string warning;
             {

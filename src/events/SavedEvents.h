@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <vector>
+#include <utility>
 
 namespace NorvAnalytic {
 
@@ -15,13 +15,18 @@ public:
     static constexpr std::size_t kDefaultMaxEvents = 10'000;
     static constexpr std::size_t kDefaultMaxBytes = 16 << 20;
 
-    // Any thread.
+    // Any thread. A list already beyond new limits is cut at the next append.
     static void setLimits(std::size_t maxEvents, std::size_t maxBytes);
     // Main queue: appends event to Event::savedEvents(), then drops the oldest beyond the
-    // limits, counts them and says so once per burst. Returns what it dropped.
-    static std::vector<std::shared_ptr<Event>> append(std::shared_ptr<Event> event);
+    // limits, counts them and says so once per burst. A dropped event's row in the queue file
+    // goes at the next resend tick.
+    static void append(std::shared_ptr<Event> event);
+    // Any thread: (events, bytes); the queue file bounds its unanswered rows by them too.
+    static std::pair<std::size_t, std::size_t> limits();
     // Any thread.
     static std::uint64_t droppedCount();
+    // What a saved event holds in memory: the record and the heap blocks of its texts.
+    static std::size_t bytes(const Event& event);
 };
 
 }  // namespace NorvAnalytic

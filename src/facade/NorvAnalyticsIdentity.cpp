@@ -6,10 +6,11 @@
 #include <charconv>
 #include <chrono>
 
+#include "events/DeviceIdentity.h"
 #include "facade/IdentityErasure.h"
+#include "keychain/FileKeychainBackend.h"
 #include "keychain/KeychainItemCache.h"
 #include "platform/Diagnostics.h"
-#include "events/DeviceIdentity.h"
 
 namespace NorvAnalytic {
 
@@ -77,6 +78,33 @@ Text NorvAnalytics::getDeviceModel() {
     return DeviceIdentity::modelName(Platform::device()->machineIdentifier());
 }
 
-void eraseDeviceIdentity() noexcept {}
+void eraseDeviceIdentity() noexcept {
+    try {
+        // Through Keychain, so that this process's cache drops both at once; other processes
+        // see them gone at their next re-read of the store.
+        for (const Text* key : {&DeviceIdentity::deviceUUIDKey(), &DeviceIdentity::userIdKey()}) {
+            std::optional<Error> error;
+            if (!Keychain::deleteItemForKey(*key, DeviceIdentity::service(), &error) &&
+                !(error && error->code == errSecItemNotFound)) {
+                Diagnostics::report(DiagnosticLevel::Error,
+                                    "The device identity could not be erased from the keychain (" +
+                                        statusText(error) + ").");
+            }
+        }
+        const auto file =
+            std::dynamic_pointer_cast<FileKeychainBackend>(Platform::keychainBackend());
+        if (file && !file->scrub()) {
+            Diagnostics::report(DiagnosticLevel::Error,
+                                "The keychain file could not be cleared of the erased device "
+                                "identity; its bytes may remain on disk.");
+        }
+    } catch (...) {
+        // Out of memory, or a host's store that throws: the erasure is not complete.
+        try {
+            Diagnostics::report(DiagnosticLevel::Error, "The device identity could not be erased.");
+        } catch (...) {
+        }
+    }
+}
 
 }  // namespace NorvAnalytic

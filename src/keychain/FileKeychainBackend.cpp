@@ -318,7 +318,9 @@ int FileKeychainBackend::open() {
         close();
         return checked;
     }
-    if (!run("PRAGMA journal_mode = WAL") || !run("PRAGMA synchronous = NORMAL") || !run(kSchema)) {
+    // secure_delete: a deleted item's bytes are overwritten, not left in a free page.
+    if (!run("PRAGMA journal_mode = WAL") || !run("PRAGMA synchronous = NORMAL") ||
+        !run("PRAGMA secure_delete = ON") || !run(kSchema)) {
         const int failure = sqlite3_errcode(database_);
         close();
         return failure;
@@ -480,7 +482,43 @@ OSStatus FileKeychainBackend::remove(const KeychainQuery& query) {
     if (sqlite3_step(statement) != SQLITE_DONE) {
         return errSecInteractionNotAllowed;
     }
-    return sqlite3_changes(database_) > 0 ? errSecSuccess : errSecItemNotFound;
+    if (sqlite3_changes(database_) == 0) {
+        return errSecItemNotFound;
+    }
+    // The journal still holds the item's pages as they were; emptied, it holds nothing of it.
+    // The delete has committed whatever this answers.
+    if (sqlite3_get_autocommit(database_) != 0) {
+        checkpoint();
+    }
+    return errSecSuccess;
+}
+
+bool FileKeychainBackend::checkpoint() {
+    return sqlite3_wal_checkpoint_v2(database_, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr,
+                                     nullptr) == SQLITE_OK;
+}
+
+bool FileKeychainBackend::scrub() {
+    const std::lock_guard lock(*mutex_);
+    // Pages written before secure_delete was on, by this file's older writers, may still
+    // hold a deleted item in free space; a rebuilt file holds only live items.
+    bool scrubbed = openIfNeeded() && runSetup(database_, "VACUUM") && checkpoint();
+    const std::filesystem::path directory =
+        path_.has_parent_path() ? path_.parent_path() : std::filesystem::path(".");
+    const std::string aside = path_.filename().string() + ".corrupt-";
+    std::vector<std::filesystem::path> found;
+    std::error_code error;
+    for (auto entry = std::filesystem::directory_iterator(directory, error);
+         !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+        if (entry->path().filename().string().starts_with(aside)) {
+            found.push_back(entry->path());
+        }
+    }
+    scrubbed = scrubbed && !error;
+    for (const auto& path : found) {
+        scrubbed = (::unlink(path.c_str()) == 0 || errno == ENOENT) && scrubbed;
+    }
+    return scrubbed;
 }
 
 OSStatus FileKeychainBackend::writeTransaction(const std::function<OSStatus()>& body) {

@@ -38,6 +38,11 @@ public:
     OSStatus writeTransaction(const std::function<OSStatus()>& body) override;
     std::optional<std::chrono::milliseconds> identityRefreshInterval() const override;
 
+    // Leaves no byte of a deleted item in the keychain's directory: rebuilds the file, empties
+    // its journal and deletes the stores moved aside beside it. Waits for other processes'
+    // readers and writers of the file (at most a few seconds each). False when any of it failed.
+    bool scrub();
+
 private:
     struct StatementFinalizer {
         void operator()(sqlite3_stmt* statement) const;
@@ -52,6 +57,8 @@ private:
     // Renames a damaged file to <name>.corrupt-<seconds since 1970>, so a new one can start.
     bool moveAside();
     bool prepareFile() const;
+    // Copies the journal into the file and empties it; false when a reader held it too long.
+    bool checkpoint();
     void close();
     void abandonConnection();
 

@@ -275,7 +275,15 @@ KeychainItemCache::Item KeychainItemCache::storeIfAbsent(KeychainBackend& backen
 void KeychainItemCache::wrote(const KeychainBackend& backend, const std::string& key,
                               const std::string& service, const Text& stored, bool keep) {
     const std::lock_guard lock(mutex_);
-    if (backend_.lock().get() != &backend || !interval_) {
+    if (backend_.lock().get() != &backend) {
+        return;
+    }
+    // A write through Keychain settles the item: an insert still waiting for the store would
+    // bring back what that write replaced or erased.
+    if (!keep) {
+        pending_.erase({key, service});
+    }
+    if (!interval_) {
         return;
     }
     ++writes_;
@@ -324,7 +332,11 @@ void KeychainItemCache::run() {
             lock.unlock();
             refresh();
             lock.lock();
-            nextRefresh = Clock::now() + interval_.value_or(kLongestRetry);
+            // Counted from the start of this pass, so that the time its reads take does not
+            // add to how late another process's change is seen; a store slower than that
+            // still gets a rest between passes.
+            const auto interval = interval_.value_or(kLongestRetry);
+            nextRefresh = std::max(now + interval, Clock::now() + interval / 4);
         } else if (wake == Clock::time_point::max()) {
             changed_->wait(lock);
         } else {

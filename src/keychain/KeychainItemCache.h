@@ -47,7 +47,8 @@ public:
     // order they commit.
     std::mutex& writeLock() { return *writeLock_; }
     // After a write through Keychain on backend: what the item (no access group) now is. With
-    // keep, an item not cached yet is cached from here on.
+    // keep, an item not cached yet is cached from here on; without, an insert of the item still
+    // waiting for the store is dropped.
     void wrote(const KeychainBackend& backend, const std::string& key, const std::string& service,
                const Text& stored, bool keep = false);
     // After a write whose outcome for the item is unknown: the next read goes to the store.

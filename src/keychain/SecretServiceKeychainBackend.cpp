@@ -297,8 +297,6 @@ OSStatus SecretServiceKeychainBackend::remove(const KeychainQuery& query) {
     return errSecSuccess;
 }
 
-// A read is a D-Bus round trip of milliseconds, so the identity is re-read once a second at
-// most, and just often enough that another process's change shows up within one.
 OSStatus SecretServiceKeychainBackend::writeTransaction(const std::function<OSStatus()>& body) {
     if (!FileKeychainBackend::makePrivateDirectories(lockPath_.parent_path())) {
         return errSecInteractionNotAllowed;
@@ -324,9 +322,12 @@ OSStatus SecretServiceKeychainBackend::writeTransaction(const std::function<OSSt
     return body();
 }
 
+// A read is a D-Bus round trip of milliseconds, so the identity is re-read a little more often
+// than once a second: another process's change, an erasure included, shows up within one even
+// when the daemon answers slowly.
 std::optional<std::chrono::milliseconds> SecretServiceKeychainBackend::identityRefreshInterval()
     const {
-    return std::chrono::milliseconds(900);
+    return std::chrono::milliseconds(750);
 }
 
 }  // namespace NorvAnalytic

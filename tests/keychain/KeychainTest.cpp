@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <libsecret/secret.h>
 #include <signal.h>
+#include <sqlite3.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,11 +17,13 @@
 #include <thread>
 
 #include "BuildConfig.h"
+#include "facade/IdentityErasure.h"
 #include "keychain/FileKeychainBackend.h"
 #include "keychain/KeychainItemCache.h"
 #include "keychain/SecretServiceKeychainBackend.h"
 #include "support/ChildProcess.h"
 #include "support/FakeKeychainBackend.h"
+#include "support/FilesHolding.h"
 
 namespace NorvAnalytic {
 namespace {
@@ -263,6 +266,36 @@ TEST(KeychainTest, AStoreThatCannotBeOpenedFailsEveryCallAsLockedAndADamagedOneS
     EXPECT_EQ(asideSizes, std::vector<std::uintmax_t>{8192});
 }
 
+// Neither a deleted item nor any value the identity ever had leaves a byte behind in the
+// keychain's directory, not even one an older writer replaced without overwriting it.
+TEST(FileKeychainBackendTest, DeletedItemsAndAnErasedIdentityLeaveNoByteInTheDirectory) {
+    const ScratchDirectory scratch;
+    scratch.keychain();
+    const std::string secret = "A-SECRET-THE-HOST-DELETED";
+    const std::string oldUserId = "AN-OLD-USER-ID-SHORTER-THAN-ITS-SUCCESSOR";
+    ASSERT_TRUE(Keychain::saveItem(oldUserId, "user_id", "NorvAnalyticDeviceUUID", nullptr));
+    // Kept beside it, so that no later delete's overwriting reaches into the old id's space.
+    ASSERT_TRUE(Keychain::saveItem("kept", "keeper", "api", nullptr));
+    ASSERT_TRUE(Keychain::saveItem(secret, "token", "api", nullptr));
+    sqlite3* olderWriter = nullptr;
+    ASSERT_EQ(sqlite3_open((scratch.path + "/keychain.sqlite").c_str(), &olderWriter), SQLITE_OK);
+    const int replaced =
+        sqlite3_exec(olderWriter,
+                     "PRAGMA secure_delete = OFF;"
+                     "UPDATE items SET value = zeroblob(200) WHERE account = 'user_id';"
+                     "PRAGMA wal_checkpoint(TRUNCATE)",
+                     nullptr, nullptr, nullptr);
+    sqlite3_close(olderWriter);
+    ASSERT_EQ(replaced, SQLITE_OK);
+    ASSERT_FALSE(Testing::filesHolding(scratch.path, oldUserId).empty());
+
+    ASSERT_TRUE(Keychain::deleteItemForKey("token", "api", nullptr));
+    EXPECT_EQ(Testing::filesHolding(scratch.path, secret), std::vector<fs::path>{});
+    eraseDeviceIdentity();
+    EXPECT_EQ(Testing::filesHolding(scratch.path, oldUserId), std::vector<fs::path>{});
+    EXPECT_EQ(Keychain::rawDataForKey("user_id", "NorvAnalyticDeviceUUID", nullptr), std::nullopt);
+}
+
 TEST(SystemKeychainTest, AFailedAddFailsTheSave) {
     if (!secretService()) {
         GTEST_SKIP() << "no Secret Service";
@@ -364,6 +397,42 @@ TEST(SystemFileKeychainTest, AnotherProcesssSaveReplacesTheCachedUserIdWithinASe
     }
     EXPECT_LT(std::chrono::steady_clock::now() - saved, std::chrono::seconds(1));
     EXPECT_EQ(cache.item("user_id", "NorvAnalyticDeviceUUID").value, "there");
+}
+
+// This process holds the device UUID in memory and another forgets the device: within a
+// second this one no longer uses the old UUID. The writer's extra arguments pick its store.
+void expectAnotherProcesssErasureSeenWithinASecond(const ScratchDirectory& scratch,
+                                                   const std::vector<std::string>& store) {
+    const std::string held = NorvAnalytics::getNorvAnalyticUUID();
+    ASSERT_EQ(NorvAnalytics::getNorvAnalyticUUID(), held);
+    std::vector<std::string> argv{Testing::siblingExecutable("keychain_writer"), scratch.path,
+                                  "forget"};
+    argv.insert(argv.end(), store.begin(), store.end());
+    ASSERT_EQ(Testing::runChildProcess(argv, {}), 0);
+    const auto erased = std::chrono::steady_clock::now();
+    while (NorvAnalytics::getNorvAnalyticUUID() == held &&
+           std::chrono::steady_clock::now() - erased < std::chrono::seconds(5)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - erased, std::chrono::seconds(1));
+    EXPECT_NE(NorvAnalytics::getNorvAnalyticUUID(), held);
+}
+
+TEST(SystemFileKeychainTest, AnotherProcesssErasureReachesTheCachedUUIDWithinASecond) {
+    const ScratchDirectory scratch;
+    scratch.keychain();
+    expectAnotherProcesssErasureSeenWithinASecond(scratch, {});
+}
+
+TEST(SystemKeychainTest, AnotherProcesssErasureOnTheSecretServiceWithinASecond) {
+    if (!secretService()) {
+        GTEST_SKIP() << "no Secret Service";
+    }
+    const ScratchDirectory scratch;
+    const std::string schema = "com.norvanalytic.forget" + std::to_string(::getpid());
+    Platform::setKeychainBackend(std::make_shared<SecretServiceKeychainBackend>(schema, "session"));
+    expectAnotherProcesssErasureSeenWithinASecond(scratch, {schema});
+    Platform::setKeychainBackend(nullptr);
 }
 
 // Two processes of four threads and four threads here ask a fresh store for the device UUID at

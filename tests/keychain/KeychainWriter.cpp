@@ -9,6 +9,8 @@
 //     collection.
 //   keychain_writer <directory> hold <milliseconds> <uuid>: stores <uuid> as the device UUID in
 //     a write transaction that it holds open that long, after creating <directory>/held.
+//   keychain_writer <directory> forget [schema]: forgets the device. With a schema, on the
+//     Secret Service's session collection.
 #include <NorvAnalytic/Keychain.h>
 #include <NorvAnalytic/NorvAnalytics.h>
 #include <NorvAnalytic/Platform.h>
@@ -83,6 +85,14 @@ int main(int, char** argv) {
         }) == errSecSuccess
                    ? 0
                    : 1;
+    }
+    if (mode == "forget") {
+        if (argv[3] != nullptr) {
+            Platform::setKeychainBackend(
+                std::make_shared<SecretServiceKeychainBackend>(argv[3], "session"));
+        }
+        NorvAnalytics::forgetDevice();
+        return 0;
     }
     if (mode == "save") {
         NorvAnalytics::saveStoreUserID(std::string(argv[3]));

@@ -1,7 +1,8 @@
 // A host for what only a process of its own can show: what a forked child sends, events sent
-// from exit handlers and thread_local destructors, and how the SDK's threads look from outside.
-// usage: reporting_lifecycle_host fork|exit-handlers|threads|persist-record|persist-resume|
-//        no-consent URL
+// from exit handlers and thread_local destructors, how the SDK's threads look from outside,
+// what forgetting the device leaves on disk, and what a killed host leaves to the next one.
+// usage: reporting_lifecycle_host fork|exit-handlers|threads|forget|persist-record|
+//        persist-resume|no-consent URL
 #include <NorvAnalytic/NorvAnalytic.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -100,6 +101,17 @@ int withoutConsent() {
     return NorvAnalytics::discardedWithoutConsentCount() == 1'000 ? 0 : 9;
 }
 
+// One event before the device is forgotten and one after, each delivered before the next step.
+int forget() {
+    NorvAnalytics::sendEventWithPageName("before-forget");
+    if (!NorvAnalytics::flush(kFlushLimit)) {
+        return 5;
+    }
+    NorvAnalytics::forgetDevice();
+    NorvAnalytics::sendEventWithPageName("after-forget");
+    return NorvAnalytics::flush(kFlushLimit) ? 0 : 5;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -107,7 +119,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     const std::string mode = argv[1];
-    NorvAnalytics::setPersistentQueue(mode.starts_with("persist"));
+    NorvAnalytics::setPersistentQueue(mode.starts_with("persist") || mode == "forget");
     NorvAnalytics::setCollectionAllowed(mode != "no-consent");
     start(argv[2]);
     if (mode == "persist-record") {
@@ -124,6 +136,9 @@ int main(int argc, char** argv) {
     }
     if (mode == "exit-handlers") {
         return exitHandlers();
+    }
+    if (mode == "forget") {
+        return forget();
     }
     return mode == "threads" ? threads() : 2;
 }

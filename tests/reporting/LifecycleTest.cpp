@@ -7,12 +7,16 @@
 #include <filesystem>
 #include <mutex>
 #include <optional>
+#include <set>
 
 #include "support/ChildProcess.h"
+#include "support/FilesHolding.h"
 #include "support/LocalHttpServer.h"
 
 namespace NorvAnalytic {
 namespace {
+
+namespace fs = std::filesystem;
 
 // The page names the server received, sorted.
 std::vector<std::string> pagesReceived(const Testing::LocalHttpServer& server) {
@@ -39,6 +43,18 @@ std::vector<int> pageNumbersReceived(const Testing::LocalHttpServer& server) {
     return numbers;
 }
 
+// The device UUID of each event the server received, in arrival order.
+std::vector<std::string> uuidsReceived(const Testing::LocalHttpServer& server) {
+    std::vector<std::string> uuids;
+    for (const std::string& body : server.bodies()) {
+        const std::size_t start = body.find("device_uuid=");
+        if (start != std::string::npos) {
+            uuids.push_back(body.substr(start + 12, body.find('&', start) - start - 12));
+        }
+    }
+    return uuids;
+}
+
 class Lifecycle : public testing::Test {
 protected:
     // Runs the host in this mode against the server with a keychain of its own; its exit code.
@@ -54,8 +70,8 @@ protected:
     void TearDown() override { std::filesystem::remove_all(dataHome); }
 
     Testing::LocalHttpServer server;
-    std::filesystem::path dataHome = std::filesystem::temp_directory_path() /
-                                     ("norv-lifecycle-" + std::to_string(::getpid()));
+    std::filesystem::path dataHome =
+        std::filesystem::temp_directory_path() / ("norv-lifecycle-" + std::to_string(::getpid()));
 };
 
 TEST_F(Lifecycle, AForkedChildSendsItsOwnEventsOnceAndItsFlushMeansIt) {
@@ -67,7 +83,8 @@ TEST_F(Lifecycle, AForkedChildSendsItsOwnEventsOnceAndItsFlushMeansIt) {
     // The parent's events are still unanswered when it forks.
     server.setResponder([](const std::string&, const std::string& body) {
         return Testing::LocalHttpServer::Answer{
-            .delay = std::chrono::milliseconds(body.find("parent-") != std::string::npos ? 300 : 0)};
+            .delay =
+                std::chrono::milliseconds(body.find("parent-") != std::string::npos ? 300 : 0)};
     });
     ASSERT_EQ(run("fork"), 0);
     std::vector<std::string> expected;
@@ -172,6 +189,36 @@ TEST_F(Lifecycle, EveryThreadOfOursIsNamedAndBlocksTheHostsSignals) {
     GTEST_SKIP() << "ThreadSanitizer's own background thread has no name of ours";
 #endif
     EXPECT_EQ(run("threads"), 0);
+}
+
+// Each run sends an event, forgets the device and sends another. The second run's first UUID
+// is on disk before it starts, in the keychain and in a store moved aside beside it; afterwards
+// no file under the data directory holds a byte of it, and its next event has a new one.
+TEST_F(Lifecycle, ForgettingTheDeviceLeavesNoTraceOfItsUUIDAndTheNextEventHasANewOne) {
+    ASSERT_EQ(run("forget"), 0);
+    // Moved-aside copies of the keychain and of the queue file go too.
+    const fs::path directory = dataHome / "NorvAnalytic";
+    for (const char* store : {"keychain.sqlite", "queue.sqlite"}) {
+        for (const char* suffix : {"", "-wal"}) {
+            if (fs::exists(directory / (store + std::string(suffix)))) {
+                fs::copy_file(directory / (store + std::string(suffix)),
+                              directory / (store + std::string(".corrupt-1700000000") + suffix));
+            }
+        }
+    }
+    std::vector<std::string> uuids = uuidsReceived(server);
+    ASSERT_EQ(uuids.size(), 2U);
+    // The stores and their copies: the search finds what it looks for.
+    ASSERT_GE(Testing::filesHolding(dataHome, uuids[1]).size(), 4U);
+
+    ASSERT_EQ(run("forget"), 0);
+    uuids = uuidsReceived(server);
+    ASSERT_EQ(uuids.size(), 4U);
+    EXPECT_EQ(uuids[2], uuids[1]);
+    EXPECT_EQ(std::set(uuids.begin(), uuids.end()).size(), 3U);
+    for (const std::string& forgotten : {uuids[0], uuids[1]}) {
+        EXPECT_EQ(Testing::filesHolding(dataHome, forgotten), std::vector<fs::path>{});
+    }
 }
 
 }  // namespace

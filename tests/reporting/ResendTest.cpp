@@ -1,10 +1,14 @@
+#include <NorvAnalytic/Event.h>
+#include <NorvAnalytic/MainQueue.h>
 #include <NorvAnalytic/NorvAnalytics.h>
+#include <NorvAnalytic/Platform.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
 
+#include "events/SavedEvents.h"
 #include "support/ReportingHarness.h"
 
 namespace NorvAnalytic {
@@ -20,6 +24,16 @@ void refusedPages(ReportingHarness& harness, const Lines& names) {
     }
     harness.http->answerAll(500, R"({"message":"refused"})");
     harness.http->clear();
+}
+
+Lines savedPages() {
+    Lines names;
+    MainQueue::main().sync([&] {
+        for (const auto& event : Event::savedEvents()) {
+            names.push_back(event->pageName.value_or(""));
+        }
+    });
+    return names;
 }
 
 std::string pageBody(ReportingHarness& harness, const std::string& name) {
@@ -139,6 +153,52 @@ TEST(Resend, WithTheQueueOnUnansweredEventsAreTriedOnTheTickAndFollowTheFirstAns
     }
     ::unsetenv("XDG_DATA_HOME");
     std::filesystem::remove_all(dataHome);
+}
+
+TEST(Resend, BeyondEitherLimitTheOldestSavedEventsGoCountedAndSaidOncePerBurst) {
+    // The byte limit of the second row holds three bare events, but two of these, whose long
+    // page names take heap blocks of their own.
+    const std::size_t bareEventBytes = sizeof(Event);
+    struct Row {
+        std::size_t maxEvents, maxBytes;
+        std::string padding;
+        std::size_t kept;
+    };
+    for (const Row& row : {Row{3, 1 << 20, "", 3}, Row{100, 3 * bareEventBytes + bareEventBytes / 2,
+                                                       std::string(300, 'x'), 2}}) {
+        ReportingHarness harness;
+        std::size_t warnings = 0;
+        Platform::setDiagnosticsSink(
+            [&](DiagnosticLevel level, auto&) { warnings += level == DiagnosticLevel::Warning; });
+        NorvAnalytics::setSavedEventLimits(row.maxEvents, row.maxBytes);
+        const std::uint64_t droppedBefore = NorvAnalytics::droppedEventCount();
+        Lines sent;
+        for (int i = 0; i < 10; ++i) {
+            sent.push_back(row.padding + "p" + std::to_string(i));
+        }
+        refusedPages(harness, sent);
+        Lines kept(sent.end() - static_cast<std::ptrdiff_t>(row.kept), sent.end());
+        EXPECT_EQ(savedPages(), kept);
+        EXPECT_EQ(NorvAnalytics::droppedEventCount() - droppedBefore, 10 - row.kept);
+        EXPECT_EQ(warnings, 1U);
+
+        // The oldest goes out; the next refusal is kept without a drop, which ends the burst,
+        // so the one after it is said again.
+        harness.tick();
+        kept.erase(kept.begin());
+        refusedPages(harness, {row.padding + "q0"});
+        EXPECT_EQ(warnings, 1U);
+        refusedPages(harness, {row.padding + "q1"});
+        kept.erase(kept.begin());
+        kept.insert(kept.end(), {row.padding + "q0", row.padding + "q1"});
+        EXPECT_EQ(savedPages(), kept);
+        EXPECT_EQ(NorvAnalytics::droppedEventCount() - droppedBefore, 11 - row.kept);
+        EXPECT_EQ(warnings, 2U);
+
+        Platform::setDiagnosticsSink(nullptr);
+        NorvAnalytics::setSavedEventLimits(SavedEvents::kDefaultMaxEvents,
+                                           SavedEvents::kDefaultMaxBytes);
+    }
 }
 
 }  // namespace
