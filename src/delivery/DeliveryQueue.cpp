@@ -62,6 +62,16 @@ std::filesystem::path queuePath() {
 
 }  // namespace
 
+// A row read back from the file, as the client gets it: its texts (none, when a later version
+// wrote names this one does not know), its URL and its body as first made.
+DeliveryQueue::Ready DeliveryQueue::readyFrom(const QueueFile::Row& row,
+                                              EventsInFlight::Ticket ticket, bool retried) {
+    return {{EventTable::decode(row.texts).value_or(EventTexts{}),
+             std::make_shared<const Destination>(Destination{std::nullopt, row.url}),
+             std::move(ticket), row.isSavedEvent},
+            row.body, deviceUUIDIn(row.body), row.id, retried};
+}
+
 // An event handed to the client: what was made for it, and its place in the window, freed
 // when the last reference goes (after its answer, or when a client destroys the completion
 // without calling it).
@@ -195,6 +205,7 @@ DeliveryQueue::Turn DeliveryQueue::takeLocked() {
     if (!turn.records.empty()) {
         dropping_ = false;
     }
+    turn.moreWaiting = !waiting_.empty();
     turn.room = persistent_ ? room : turn.records.size();
     inWindow_ += turn.room;
     return turn;
@@ -244,18 +255,19 @@ std::size_t DeliveryQueue::run(Turn& turn) {
     if (turn.close) {
         closeFile(true);
     }
-    if (!CollectionConsent::allowed()) {
-        // Withdrawn: nothing is read, written or sent; this process's rows go.
-        CollectionConsent::countDiscarded(turn.records.size());
-        if (turn.discard && file_) {
-            file_->clear();
-            closeFile(false);
-        }
-        return 0;
-    }
     if (turn.discard && file_) {
-        file_->clear();
+        // Consent withdrawn: this process's rows go with the waiting records.
+        try {
+            file_->clear();
+        } catch (...) {
+            // The file refused: it is let go below, and its rows with it for this process.
+        }
         closeFile(false);
+    }
+    if (!CollectionConsent::allowed()) {
+        // Nothing is read, written or sent.
+        CollectionConsent::countDiscarded(turn.records.size());
+        return 0;
     }
     std::vector<Ready> ready = build(turn.records);
     turn.records.clear();
@@ -300,7 +312,8 @@ std::size_t DeliveryQueue::persist(Turn& turn, std::vector<Ready>& ready) {
             rows.push_back({0, each.record.destination->url, each.body,
                             EventTable::encode(each.record.texts), each.record.isSavedEvent});
         }
-        written = file_->write(rows, ids, turn.changes);
+        // A turn that only reads back takes no write lock from the host's other processes.
+        written = (rows.empty() && turn.changes.empty()) || file_->write(rows, ids, turn.changes);
     } catch (...) {
         // The file refused a statement, or memory ran out: these go from memory.
     }
@@ -358,7 +371,8 @@ std::size_t DeliveryQueue::persist(Turn& turn, std::vector<Ready>& ready) {
             // The file refused: the next tick tries again.
         }
     }
-    return used + readBack(turn.room - used);
+    // A burst goes into the file first: what is accepted is safe before anything is read back.
+    return turn.moreWaiting ? used : used + readBack(turn.room - used);
 }
 
 void DeliveryQueue::trimBacklog() {
@@ -423,10 +437,7 @@ std::size_t DeliveryQueue::readBack(std::size_t room) {
                     retries_ -= retries_ == kAllRetries || retries_ == 0 ? 0 : 1;
                     ++retriedInFlight_;
                 }
-                handOver({{EventTable::decode(row.texts).value_or(EventTexts{}),
-                           std::make_shared<const Destination>(Destination{std::nullopt, row.url}),
-                           EventsInFlight::begin(), row.isSavedEvent},
-                          row.body, deviceUUIDIn(row.body), row.id, true});
+                handOver(readyFrom(row, EventsInFlight::begin(), true));
                 ++used;
             }
         }
@@ -451,10 +462,7 @@ std::size_t DeliveryQueue::readBack(std::size_t room) {
                     backlogRows_.pop_front();
                 }
                 handedOverRow_ = row.id;
-                handOver({{EventTable::decode(row.texts).value_or(EventTexts{}),
-                           std::make_shared<const Destination>(Destination{std::nullopt, row.url}),
-                           ticket ? std::move(*ticket) : EventsInFlight::begin(), row.isSavedEvent},
-                          row.body, deviceUUIDIn(row.body), row.id, false});
+                handOver(readyFrom(row, ticket ? std::move(*ticket) : EventsInFlight::begin(), false));
                 ++used;
             }
         }
@@ -643,6 +651,10 @@ void DeliveryQueue::noteChange(QueueFile::Change change, bool wasRetried, bool a
     bool wake = false;
     {
         std::lock_guard lock(mutex_);
+        // The file was closed meanwhile: its rows are not ours to change any more.
+        if (!persistent_) {
+            return;
+        }
         if (change.state == QueueFile::State::Unanswered) {
             ++unanswered_;
         }
@@ -673,8 +685,7 @@ void DeliveryQueue::mapSavedRow(const std::shared_ptr<Event>& event, std::int64_
     if (!added) {
         // An event gone from the saved list whose address was reused: its row goes.
         if (entry->second.second.expired()) {
-            std::lock_guard lock(mutex_);
-            changes_.push_back({entry->second.first, std::nullopt});
+            noteChange({entry->second.first, std::nullopt}, false, false);
         }
         entry->second = {row, event};
     }

@@ -79,6 +79,7 @@ private:
         bool close = false;
         bool discard = false;
         bool tick = false;
+        bool moreWaiting = false;
     };
     // A row written but not handed over: its size against the bound and a flush's place.
     struct BacklogRow {
@@ -105,6 +106,7 @@ private:
     std::vector<Ready> build(std::vector<EventRecord>& records);
     std::size_t persist(Turn& turn, std::vector<Ready>& ready);
     std::size_t readBack(std::size_t room);
+    static Ready readyFrom(const QueueFile::Row& row, EventsInFlight::Ticket ticket, bool retried);
     void trimBacklog();
     bool openFile();
     void closeFile(bool remove);

@@ -22,6 +22,7 @@ namespace NorvAnalytic {
 namespace {
 
 constexpr int kBusyMilliseconds = 5000;
+constexpr int kClaimBusyMilliseconds = 200;
 constexpr mode_t kFileMode = 0600;
 
 constexpr const char* kSchema =
@@ -67,14 +68,13 @@ bool isAlive(std::string_view owner) {
     return started && *started == owner.substr(colon + 1);
 }
 
+// Not copied: every bound text outlives the statement's step, which its reset follows.
 void bindText(sqlite3_stmt* statement, int index, std::string_view text) {
-    sqlite3_bind_text(statement, index, text.data(), static_cast<int>(text.size()),
-                      SQLITE_TRANSIENT);
+    sqlite3_bind_text(statement, index, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
 }
 
 void bindBlob(sqlite3_stmt* statement, int index, std::string_view bytes) {
-    sqlite3_bind_blob(statement, index, bytes.data(), static_cast<int>(bytes.size()),
-                      SQLITE_TRANSIENT);
+    sqlite3_bind_blob(statement, index, bytes.data(), static_cast<int>(bytes.size()), SQLITE_STATIC);
 }
 
 std::string column(sqlite3_stmt* statement, int index) {
@@ -255,7 +255,12 @@ QueueFile::Statement QueueFile::statement(const char* sql) {
 
 std::vector<std::int64_t> QueueFile::claimOrphans() {
     std::vector<std::int64_t> ids;
-    if (run("BEGIN IMMEDIATE")) {
+    // Runs on the host's thread at initWithKey: a file another process holds long is claimed
+    // from at the next start instead.
+    sqlite3_busy_timeout(database_, kClaimBusyMilliseconds);
+    const bool began = run("BEGIN IMMEDIATE");
+    sqlite3_busy_timeout(database_, kBusyMilliseconds);
+    if (began) {
         std::vector<std::string> owners;
         {
             const Statement select =
