@@ -860,8 +860,11 @@ std::uint64_t DeliveryQueue::droppedCount() const {
 
 void DeliveryQueue::waitUntilHandedOver() {
     std::unique_lock lock(mutex_);
+    // Asleep is enough: asleep with work, it waits for half the window, which only the client
+    // that called this can free.
     handedOver_.wait(lock, [this] {
-        return !handingOver_ && (!thread_ || (!hasWorkLocked() && changes_.empty()));
+        return !handingOver_ &&
+               (!thread_ || (idle_ && changes_.empty()) || (!persistent_ && waiting_.empty()));
     });
 }
 
