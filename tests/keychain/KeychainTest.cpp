@@ -401,7 +401,7 @@ TEST(SystemFileKeychainTest, AnotherProcesssSaveReplacesTheCachedUserIdWithinASe
 
 // This process holds the device UUID in memory and another forgets the device: at its next
 // refresh this one no longer uses the old UUID. The writer's extra arguments pick its store.
-void expectAnotherProcesssErasureSeenWithinASecond(const ScratchDirectory& scratch,
+void expectAnotherProcesssErasureSeenAtTheNextRefresh(const ScratchDirectory& scratch,
                                                    const std::vector<std::string>& store) {
     const std::string held = NorvAnalytics::getNorvAnalyticUUID();
     ASSERT_EQ(NorvAnalytics::getNorvAnalyticUUID(), held);
@@ -418,20 +418,20 @@ void expectAnotherProcesssErasureSeenWithinASecond(const ScratchDirectory& scrat
     EXPECT_NE(NorvAnalytics::getNorvAnalyticUUID(), held);
 }
 
-TEST(SystemFileKeychainTest, AnotherProcesssErasureReachesTheCachedUUIDWithinASecond) {
+TEST(SystemFileKeychainTest, AnotherProcesssErasureReachesTheCachedUUIDAtItsNextRefresh) {
     const ScratchDirectory scratch;
     scratch.keychain();
-    expectAnotherProcesssErasureSeenWithinASecond(scratch, {});
+    expectAnotherProcesssErasureSeenAtTheNextRefresh(scratch, {});
 }
 
-TEST(SystemKeychainTest, AnotherProcesssErasureOnTheSecretServiceWithinASecond) {
+TEST(SystemKeychainTest, AnotherProcesssErasureOnTheSecretServiceAtItsNextRefresh) {
     if (!secretService()) {
         GTEST_SKIP() << "no Secret Service";
     }
     const ScratchDirectory scratch;
     const std::string schema = "com.norvanalytic.forget" + std::to_string(::getpid());
     Platform::setKeychainBackend(std::make_shared<SecretServiceKeychainBackend>(schema, "session"));
-    expectAnotherProcesssErasureSeenWithinASecond(scratch, {schema});
+    expectAnotherProcesssErasureSeenAtTheNextRefresh(scratch, {schema});
     Platform::setKeychainBackend(nullptr);
 }
 
