@@ -139,16 +139,8 @@ void BM_WaitingEvents(benchmark::State& state) {
 }
 BENCHMARK(BM_WaitingEvents)->Iterations(1)->Unit(benchmark::kMillisecond);
 
-// A burst of events from one host thread, timed until the main queue has handled every answer:
-// through a host's client that wraps CurlHttpClient and counts completions (argument 0), or
-// straight to CurlHttpClient (argument 1).
-void BM_DeliverEvents(benchmark::State& state) {
-    CompletionCounter& client = *completionCounter();
-    const bool direct = state.range(0) == 1;
-    if (direct) {
-        NorvAnalytic::Platform::setHttpClient(curlClient());
-    }
-    const double before = residentKilobytes();
+// The burst both deliveries time: kEvents calls, then a flush; its rate and CPU per event.
+void sendBurst(benchmark::State& state) {
     const double cpuBefore = cpuMicroseconds();
     const auto start = std::chrono::steady_clock::now();
     for (auto _ : state) {
@@ -163,6 +155,19 @@ void BM_DeliverEvents(benchmark::State& state) {
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     state.counters["events_per_s"] = kEvents / seconds;
     state.counters["cpu_us_per_event"] = (cpuMicroseconds() - cpuBefore) / kEvents;
+}
+
+// A burst of events from one host thread, timed until the main queue has handled every answer:
+// through a host's client that wraps CurlHttpClient and counts completions (argument 0), or
+// straight to CurlHttpClient (argument 1).
+void BM_DeliverEvents(benchmark::State& state) {
+    CompletionCounter& client = *completionCounter();
+    const bool direct = state.range(0) == 1;
+    if (direct) {
+        NorvAnalytic::Platform::setHttpClient(curlClient());
+    }
+    const double before = residentKilobytes();
+    sendBurst(state);
     state.counters["VmRSS_before_kB"] = before;
     state.counters["VmRSS_after_kB"] = residentKilobytes();
     state.counters["VmHWM_kB"] = peakResidentKilobytes();
@@ -195,20 +200,7 @@ void BM_DeliverEventsPersisted(benchmark::State& state) {
     const std::uint64_t droppedBefore = NorvAnalytics::droppedEventCount();
     const std::size_t notDeliveredBefore = completionCounter()->notDelivered();
     const double writtenBefore = writtenBytes();
-    const double cpuBefore = cpuMicroseconds();
-    const auto start = std::chrono::steady_clock::now();
-    for (auto _ : state) {
-        for (int event = 0; event < kEvents; ++event) {
-            NorvAnalytics::sendEventWithPageName(std::string("Settings"));
-        }
-        if (!NorvAnalytics::flush(std::chrono::minutes(5))) {
-            state.SkipWithError("not every event was delivered within five minutes");
-        }
-    }
-    const double seconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    state.counters["events_per_s"] = kEvents / seconds;
-    state.counters["cpu_us_per_event"] = (cpuMicroseconds() - cpuBefore) / kEvents;
+    sendBurst(state);
     state.counters["disk_bytes_per_event"] = (writtenBytes() - writtenBefore) / kEvents;
     state.counters["VmHWM_kB"] = peakResidentKilobytes();
     state.counters["dropped"] =

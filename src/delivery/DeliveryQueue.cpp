@@ -129,10 +129,7 @@ void DeliveryQueue::submit(EventRecord record) {
         if (!dropped.empty()) {
             warning = countDroppedLocked(dropped.size());
         }
-        if (idle_ && (persistent_ || inWindow_ < kWindow)) {
-            idle_ = false;
-            wake = true;
-        }
+        wake = (persistent_ || inWindow_ < kWindow) && wakeLocked();
     }
     if (wake) {
         wake_.notify_one();
@@ -169,6 +166,10 @@ void DeliveryQueue::startLocked() {
         return true;
     }();
     static_cast<void>(exitHook);
+}
+
+bool DeliveryQueue::wakeLocked() {
+    return std::exchange(idle_, false);
 }
 
 bool DeliveryQueue::hasWorkLocked() const {
@@ -547,10 +548,7 @@ void DeliveryQueue::recover() {
         if (!thread_) {
             startLocked();
         }
-        if (idle_) {
-            idle_ = false;
-            wake = true;
-        }
+        wake = wakeLocked();
     }
     if (wake) {
         wake_.notify_one();
@@ -669,11 +667,9 @@ void DeliveryQueue::noteChange(QueueFile::Change change, bool wasRetried, bool a
         }
         changes_.push_back(change);
         // The first starts the thread's wait for the group; a full group is written at once.
-        if (idle_ && (changes_.size() == 1 || changes_.size() >= kChangesPerCommit ||
-                      (wasRetried && answered))) {
-            idle_ = false;
-            wake = true;
-        }
+        wake = (changes_.size() == 1 || changes_.size() >= kChangesPerCommit ||
+                (wasRetried && answered)) &&
+               wakeLocked();
     }
     if (wake) {
         wake_.notify_one();
@@ -719,10 +715,7 @@ void DeliveryQueue::resendTick() {
         }
         changes_.insert(changes_.end(), gone.begin(), gone.end());
         tick_ = true;
-        if (idle_) {
-            idle_ = false;
-            wake = true;
-        }
+        wake = wakeLocked();
     }
     if (wake) {
         wake_.notify_one();
@@ -738,10 +731,7 @@ void DeliveryQueue::setPersistent(bool persistent) {
         }
         persistent_ = persistent;
         close_ = !persistent;
-        if (idle_) {
-            idle_ = false;
-            wake = true;
-        }
+        wake = wakeLocked();
     }
     if (wake) {
         wake_.notify_one();
@@ -767,10 +757,7 @@ void DeliveryQueue::discardAll() {
         discarded.swap(waiting_);
         waitingBytes_ = 0;
         discard_ = persistent_;
-        if (idle_ && discard_) {
-            idle_ = false;
-            wake = true;
-        }
+        wake = discard_ && wakeLocked();
     }
     CollectionConsent::countDiscarded(discarded.size());
     if (wake) {
@@ -805,10 +792,7 @@ void DeliveryQueue::released(std::uint64_t generation, bool retried) {
         --inWindow_;
         retriedInFlight_ -= retried ? 1 : 0;
         // Woken when half the window is free, not for each answer.
-        if (idle_ && (!waiting_.empty() || backlog_ > 0) && inWindow_ <= kWindow / 2) {
-            idle_ = false;
-            wake = true;
-        }
+        wake = (!waiting_.empty() || backlog_ > 0) && inWindow_ <= kWindow / 2 && wakeLocked();
     }
     if (wake) {
         wake_.notify_one();

@@ -100,6 +100,8 @@ private:
     void startLocked();
     void deliverForever();
     bool hasWorkLocked() const;
+    // True when the thread slept and is now to be notified; it is marked awake at once.
+    bool wakeLocked();
     Turn takeLocked();
     // The thread's work of one turn, under fileMutex_; returns how much room it used.
     std::size_t run(Turn& turn);
