@@ -14,7 +14,8 @@
 #include <system_error>
 #include <thread>
 
-#include "keychain/FileKeychainBackend.h"
+#include "storage/DataDirectory.h"
+#include "storage/SqliteFile.h"
 #include "platform/Diagnostics.h"
 
 namespace NorvAnalytic {
@@ -23,14 +24,6 @@ namespace {
 
 constexpr int kBusyMilliseconds = 5000;
 constexpr int kClaimBusyMilliseconds = 200;
-constexpr mode_t kFileMode = 0600;
-
-constexpr const char* kSchema =
-    "CREATE TABLE IF NOT EXISTS events("
-    " id INTEGER PRIMARY KEY AUTOINCREMENT, owner TEXT NOT NULL, state INTEGER NOT NULL,"
-    " saved INTEGER NOT NULL, url TEXT NOT NULL, body BLOB NOT NULL, texts BLOB NOT NULL);"
-    "CREATE INDEX IF NOT EXISTS events_by_owner ON events(owner, state, id);";
-
 // The start time of a process in clock ticks since boot, the 22nd field of its stat file: with
 // the pid it names one process for good, where a pid alone is soon reused.
 std::optional<std::string> startTime(std::string_view pid) {
@@ -83,44 +76,12 @@ std::string column(sqlite3_stmt* statement, int index) {
                  : std::string();
 }
 
-std::string secondsNow() {
-    std::array<char, 24> digits{};
-    const auto now = std::chrono::duration_cast<std::chrono::seconds>(
-                         std::chrono::system_clock::now().time_since_epoch())
-                         .count();
-    return std::string(digits.data(), std::to_chars(digits.data(), digits.data() + digits.size(), now).ptr);
-}
-
-// SQLITE_OK for a file that holds our table; the failure's code otherwise.
-int openChecked(const std::filesystem::path& path, sqlite3** database) {
-    if (sqlite3_open_v2(path.c_str(), database, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX,
-                        nullptr) != SQLITE_OK) {
-        return SQLITE_CANTOPEN;
-    }
-    sqlite3_busy_timeout(*database, kBusyMilliseconds);
-    sqlite3_stmt* check = nullptr;
-    int status = sqlite3_prepare_v2(*database, "PRAGMA quick_check", -1, &check, nullptr);
-    if (status == SQLITE_OK) {
-        status = sqlite3_step(check);
-        const auto* verdict = reinterpret_cast<const char*>(sqlite3_column_text(check, 0));
-        status = status == SQLITE_ROW && verdict && std::string_view(verdict) == "ok"
-                     ? SQLITE_OK
-                     : (status == SQLITE_ROW ? SQLITE_CORRUPT : status);
-    }
-    sqlite3_finalize(check);
-    // WAL: a killed writer's uncommitted tail is discarded by the next opener. NORMAL sync
-    // keeps every commit through a crash of the process; only a power loss can take the last.
-    // The rows are written once and read once, oldest first: a small page cache does.
-    for (const char* setup : {"PRAGMA journal_mode = WAL", "PRAGMA synchronous = NORMAL",
-                              "PRAGMA temp_store = MEMORY", "PRAGMA cache_size = -512", kSchema}) {
-        if (status == SQLITE_OK) {
-            status = sqlite3_exec(*database, setup, nullptr, nullptr, nullptr);
-        }
-    }
-    return status;
-}
-
-bool isDamage(int status) { return status == SQLITE_CORRUPT || status == SQLITE_NOTADB; }
+const SqliteFile::Layout kLayout{
+    {"CREATE TABLE IF NOT EXISTS events("
+     " id INTEGER PRIMARY KEY AUTOINCREMENT, owner TEXT NOT NULL, state INTEGER NOT NULL,"
+     " saved INTEGER NOT NULL, url TEXT NOT NULL, body BLOB NOT NULL, texts BLOB NOT NULL)",
+     "CREATE INDEX IF NOT EXISTS events_by_owner ON events(owner, state, id)"},
+    {{"events", {"id", "owner", "state", "saved", "url", "body", "texts"}}}};
 
 }  // namespace
 
@@ -134,53 +95,23 @@ std::filesystem::path QueueFile::pathFor(const std::string& bundleIdentifier) {
             name += plain ? c : '_';
         }
     }
-    return FileKeychainBackend::defaultPath().parent_path() / (name + ".sqlite");
+    return DataDirectory::path() / (name + ".sqlite");
 }
 
 std::unique_ptr<QueueFile> QueueFile::open(const std::filesystem::path& path) {
-    if (!FileKeychainBackend::makePrivateDirectories(path.parent_path())) {
-        Diagnostics::report(DiagnosticLevel::Error, "The event queue's directory " +
-                                                        path.parent_path().string() +
-                                                        " cannot be made: events stay in memory.");
+    std::string failure;
+    std::unique_ptr<SqliteFile> file =
+        SqliteFile::open(path, kLayout, {.description = "The event queue file"}, &failure);
+    if (!file) {
+        Diagnostics::report(DiagnosticLevel::Error, "The event queue file " + path.string() +
+                                                        " cannot be used (" + failure +
+                                                        "): events stay in memory.");
         return nullptr;
     }
-    for (int attempt = 0; attempt < 2; ++attempt) {
-        // Made here with its mode, so it never exists readable by others; the journals take it.
-        const int descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kFileMode);
-        if (descriptor >= 0) {
-            ::close(descriptor);
-        }
-        sqlite3* database = nullptr;
-        const int status = openChecked(path, &database);
-        if (status == SQLITE_OK) {
-            return std::unique_ptr<QueueFile>(new QueueFile(database, ownToken()));
-        }
-        sqlite3_close_v2(database);
-        if (!isDamage(status) || attempt > 0) {
-            Diagnostics::report(DiagnosticLevel::Error,
-                                "The event queue file " + path.string() + " cannot be used (" +
-                                    sqlite3_errstr(status) + "): events stay in memory.");
-            return nullptr;
-        }
-        const std::string aside = path.string() + ".corrupt-" + secondsNow();
-        std::error_code ignored;
-        std::filesystem::rename(path, aside, ignored);
-        for (const char* suffix : {"-wal", "-shm"}) {
-            std::filesystem::rename(path.string() + suffix, aside + suffix, ignored);
-        }
-        Diagnostics::report(DiagnosticLevel::Error, "The event queue file " + path.string() +
-                                                        " was damaged: moved aside to " + aside +
-                                                        " and a new one started.");
-    }
-    return nullptr;
+    return std::unique_ptr<QueueFile>(new QueueFile(std::move(file), ownToken()));
 }
 
-void QueueFile::remove(const std::filesystem::path& path) {
-    std::error_code ignored;
-    for (const char* suffix : {"", "-wal", "-shm"}) {
-        std::filesystem::remove(path.string() + suffix, ignored);
-    }
-}
+void QueueFile::remove(const std::filesystem::path& path) { SqliteFile::remove(path); }
 
 void QueueFile::eraseAll(const std::filesystem::path& directory) {
     std::error_code error;
@@ -219,14 +150,13 @@ void QueueFile::eraseAll(const std::filesystem::path& directory) {
     }
 }
 
-QueueFile::QueueFile(sqlite3* database, std::string owner)
-    : database_(database), owner_(std::move(owner)) {}
+QueueFile::QueueFile(std::unique_ptr<SqliteFile> file, std::string owner)
+    : file_(std::move(file)), database_(file_->handle()), owner_(std::move(owner)) {}
 
 QueueFile::~QueueFile() {
     for (const auto& [sql, prepared] : statements_) {
         sqlite3_finalize(prepared);
     }
-    sqlite3_close_v2(database_);
 }
 
 bool QueueFile::run(const char* sql) {

@@ -13,6 +13,8 @@ struct sqlite3_stmt;
 
 namespace NorvAnalytic {
 
+class SqliteFile;
+
 // One host's persisted events: an SQLite file (WAL) beside the keychain. Each row belongs to
 // one process, named by its pid and start time, and only that process sends it; a process
 // takes over the rows of processes that have ended in a transaction, so two processes never
@@ -88,10 +90,11 @@ private:
         sqlite3_stmt* prepared_;
     };
 
-    QueueFile(sqlite3* database, std::string owner);
+    QueueFile(std::unique_ptr<SqliteFile> file, std::string owner);
     bool run(const char* sql);
     Statement statement(const char* sql);
 
+    std::unique_ptr<SqliteFile> file_;
     sqlite3* database_;
     std::string owner_;
     std::vector<std::pair<const char*, sqlite3_stmt*>> statements_;
