@@ -2,6 +2,7 @@
 #include <NorvAnalytic/MainQueue.h>
 #include <NorvAnalytic/NorvAnalytics.h>
 #include <NorvAnalytic/Platform.h>
+#include <NorvAnalytic/URL.h>
 #include <NorvAnalytic/norv_gtk.h>
 #include <gtest/gtest.h>
 #include <gtk/gtk.h>
@@ -155,6 +156,30 @@ TEST(GtkAdapter, TheAlertIsAModalDialogOverTheWindowDrivenFromTheGtkThread) {
     std::thread([] { MainQueue::main().sync([] {}); }).join();
     gtk_window_destroy(GTK_WINDOW(window));
     std::filesystem::remove_all(opened.parent_path());
+}
+
+// A desktop that takes its time to name a handler, as xdg-mime may; it knows only "x-test".
+class SlowDesktop final : public Application {
+public:
+    std::shared_ptr<Window> keyWindow() const override { return nullptr; }
+    bool canOpenURL(const URL& url) override {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        return url.scheme() == "x-test";
+    }
+    bool openURL(const URL&) override { return false; }
+};
+
+TEST(GtkAdapter, TheGtkThreadNeverWaitsForTheDesktop) {
+    Platform::setApplication(std::make_shared<SlowDesktop>());
+    gtk_init();
+    ASSERT_EQ(norv_gtk_install(), 1);
+    const URL url = *URL::URLWithString("x-test://a");
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(Platform::application()->canOpenURL(url));  // not asked yet
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100));
+    EXPECT_TRUE(loopUntil([&] { return Platform::application()->canOpenURL(url); }));
+    norv_gtk_uninstall();
+    Platform::setApplication(nullptr);
 }
 
 }  // namespace
