@@ -82,7 +82,13 @@ bool NorvAnalytics::flush(std::chrono::milliseconds timeout) {
     if (MainQueue::main().isCurrent()) {
         return false;
     }
-    return EventsInFlight::waitForEarlier(timeout);
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    if (!EventsInFlight::waitForEarlier(timeout)) {
+        return false;
+    }
+    // What was said about those events reaches the sink before the host looks at it.
+    Diagnostics::waitUntilDelivered(deadline);
+    return true;
 }
 
 void NorvAnalytics::setLogLevel(std::int32_t logLevel) {

@@ -1,5 +1,6 @@
 #include <NorvAnalytic/AlertController.h>
 #include <NorvAnalytic/MainQueue.h>
+#include <NorvAnalytic/Platform.h>
 #include <NorvAnalytic/URL.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -10,7 +11,6 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -19,9 +19,11 @@
 #include <thread>
 #include <vector>
 
-#include "platform/LinuxDevice.h"
 #include "mainqueue/MainQueueClock.h"
 #include "mainqueue/ManualClock.h"
+#include "platform/Diagnostics.h"
+#include "platform/LinuxDevice.h"
+#include "support/HostLoop.h"
 
 namespace NorvAnalytic {
 namespace {
@@ -57,53 +59,69 @@ TEST(MainQueueTest, TimersRunOnTheQueuesOwnThreadInOrder) {
 }
 
 TEST(MainQueueTest, ATapFromTheHostLoopsThreadDismissesThenRunsTheHandlerThereAtOnce) {
-    std::mutex mutex;
-    std::condition_variable ready;
-    std::deque<MainQueue::Task> jobs;  // an empty job ends the loop
-    const auto post = [&](MainQueue::Task job) {
-        std::lock_guard lock(mutex);
-        jobs.push_back(std::move(job));
-        ready.notify_one();
-    };
-    std::thread loop([&] {  // a host's UI loop on a thread of its own, as Qt's would be
-        for (MainQueue::Task job = [] {}; job;) {
-            job();
-            std::unique_lock lock(mutex);
-            ready.wait(lock, [&] { return !jobs.empty(); });
-            job = std::move(jobs.front());
-            jobs.pop_front();
-        }
-    });
+    Testing::HostLoop loop;
     auto& queue = MainQueue::main();
-    queue.setExecutor(post);
+    queue.setExecutor(loop.executor());
     Lines runs;         // written on the loop's thread, read after it signalled
     queue.sync([] {});  // the loop has run a task of the queue
     auto alert = AlertController::alertControllerWithTitle("New Update Available!", std::nullopt,
                                                            AlertControllerStyle::Alert);
     alert->addAction(AlertAction::actionWithTitle(
         "Update", AlertActionStyle::Default, [&](const AlertAction& a) {
-            runs.push_back(a.title() +
-                           (std::this_thread::get_id() == loop.get_id() ? " on loop" : "") +
+            runs.push_back(a.title() + (std::this_thread::get_id() == loop.id() ? " on loop" : "") +
                            (alert->isOnScreen() ? " on screen" : ""));
         }));
     alert->addAction(AlertAction::actionWithTitle("Cancel", AlertActionStyle::Cancel, nullptr));
-    std::promise<void> clicked;
-    post([&] {  // a button's click: the loop's own work, not a task of the queue
-        for (int index : {2, 1, 0}) {  // no action at 2
-            alert->setOnScreen(true);
-            alert->tapActionAtIndex(index);
-            runs.push_back(alert->isOnScreen() ? "shown" : "dismissed");
-        }
-        clicked.set_value();
+    Testing::endsWithin(30s, "the host loop's thread waits for itself", [&] {
+        std::promise<void> clicked;
+        loop.post([&] {  // a button's click: the loop's own work, not a task of the queue
+            for (int index : {2, 1, 0}) {  // no action at 2
+                alert->setOnScreen(true);
+                alert->tapActionAtIndex(index);
+                runs.push_back(alert->isOnScreen() ? "shown" : "dismissed");
+            }
+            clicked.set_value();
+        });
+        clicked.get_future().wait();
     });
-    if (clicked.get_future().wait_for(30s) != std::future_status::ready) {
-        std::fputs("the host loop's thread waits for itself\n", stderr);
-        std::_Exit(1);  // the loop can never be joined
-    }
-    post(nullptr);
-    loop.join();
     queue.setExecutor(nullptr);
     EXPECT_EQ(runs, (Lines{"shown", "dismissed", "Update on loop", "dismissed"}));
+}
+
+// A sink slower than the lines said: they reach it in order, and what a full queue dropped is
+// counted and said, in its place, once there is room again.
+TEST(DiagnosticsTest, ASlowSinkGetsItsLinesInOrderAndWhatAFullQueueDroppedIsSaid) {
+    std::promise<void> entered;
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    Lines got;  // the sink's thread only, read after the sink was replaced
+    Platform::setDiagnosticsSink([&](DiagnosticLevel, const std::string& line) {
+        if (got.empty()) {
+            entered.set_value();
+            released.wait();
+        }
+        got.push_back(line);
+    });
+    const std::size_t droppedBefore = Diagnostics::droppedCount();
+    Diagnostics::report(DiagnosticLevel::Info, "line 0");
+    entered.get_future().wait();
+    constexpr std::size_t kBeyond = 5;
+    const std::size_t lines = 1 + Diagnostics::kMaxWaitingLines + kBeyond;
+    for (std::size_t line = 1; line < lines; ++line) {
+        Diagnostics::report(DiagnosticLevel::Info, "line " + std::to_string(line));
+    }
+    release.set_value();
+    Diagnostics::waitUntilDelivered(std::chrono::steady_clock::now() + 30s);
+    Diagnostics::report(DiagnosticLevel::Info, "after");
+    Platform::setDiagnosticsSink(nullptr);
+    Lines expected;
+    for (std::size_t line = 0; line <= Diagnostics::kMaxWaitingLines; ++line) {
+        expected.push_back("line " + std::to_string(line));
+    }
+    expected.push_back("5 diagnostics lines were dropped: the sink fell behind.");
+    expected.push_back("after");
+    EXPECT_EQ(got, expected);
+    EXPECT_EQ(Diagnostics::droppedCount() - droppedBefore, kBeyond);
 }
 
 TEST(URLTest, AcceptsWhatRfc3986AcceptsAndKeepsTheTextAsGiven) {

@@ -180,6 +180,7 @@ TEST(Resend, BeyondEitherLimitTheOldestSavedEventsGoCountedAndSaidOncePerBurst) 
         Lines kept(sent.end() - static_cast<std::ptrdiff_t>(row.kept), sent.end());
         EXPECT_EQ(savedPages(), kept);
         EXPECT_EQ(NorvAnalytics::droppedEventCount() - droppedBefore, 10 - row.kept);
+        harness.waitForDiagnostics();
         EXPECT_EQ(warnings, 1U);
 
         // The oldest goes out; the next refusal is kept without a drop, which ends the burst,
@@ -187,12 +188,14 @@ TEST(Resend, BeyondEitherLimitTheOldestSavedEventsGoCountedAndSaidOncePerBurst) 
         harness.tick();
         kept.erase(kept.begin());
         refusedPages(harness, {row.padding + "q0"});
+        harness.waitForDiagnostics();
         EXPECT_EQ(warnings, 1U);
         refusedPages(harness, {row.padding + "q1"});
         kept.erase(kept.begin());
         kept.insert(kept.end(), {row.padding + "q0", row.padding + "q1"});
         EXPECT_EQ(savedPages(), kept);
         EXPECT_EQ(NorvAnalytics::droppedEventCount() - droppedBefore, 11 - row.kept);
+        harness.waitForDiagnostics();
         EXPECT_EQ(warnings, 2U);
 
         Platform::setDiagnosticsSink(nullptr);

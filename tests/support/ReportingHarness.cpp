@@ -9,6 +9,7 @@
 #include "delivery/DeliveryQueue.h"
 #include "events/EventTable.h"
 #include "events/TextFormat.h"
+#include "platform/Diagnostics.h"
 
 namespace NorvAnalytic::Testing {
 
@@ -54,6 +55,10 @@ void ReportingHarness::restart() {
 void ReportingHarness::tick() {
     clock->advance(std::chrono::seconds(1));
     MainQueue::main().sync([] {});
+}
+
+void ReportingHarness::waitForDiagnostics() {
+    Diagnostics::waitUntilDelivered(std::chrono::steady_clock::now() + std::chrono::seconds(30));
 }
 
 std::string ReportingHarness::deviceUUID() const {

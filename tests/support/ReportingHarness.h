@@ -54,6 +54,8 @@ public:
     std::string body(const ExpectedEvent& sent, bool appOpen = false,
                      const Text& userId = std::nullopt) const;
     std::size_t savedCount() const;
+    // Returns once what was said on the diagnostics sink so far has reached it.
+    static void waitForDiagnostics();
 
     RecordingLogSink log;
     std::shared_ptr<RecordingHttpClient> http = std::make_shared<RecordingHttpClient>();
