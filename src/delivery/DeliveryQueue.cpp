@@ -493,9 +493,14 @@ bool DeliveryQueue::openFile() {
         retriedRow_ = 0;
         fileFailed_ = false;
         const std::size_t unanswered = file_->count(QueueFile::State::Unanswered).events;
-        std::lock_guard lock(mutex_);
-        backlog_ = backlogRows_.size();
-        unanswered_ = unanswered;
+        {
+            std::lock_guard lock(mutex_);
+            backlog_ = backlogRows_.size();
+            unanswered_ = unanswered;
+        }
+        if (auto* appeared = resendWork_.load(); appeared != nullptr && unanswered > 0) {
+            appeared();
+        }
         return true;
     } catch (...) {
         file_.reset();
@@ -647,6 +652,7 @@ void DeliveryQueue::answered(const std::shared_ptr<Delivery>& delivery,
 
 void DeliveryQueue::noteChange(QueueFile::Change change, bool wasRetried, bool answered) {
     bool wake = false;
+    bool firstUnanswered = false;
     {
         std::lock_guard lock(mutex_);
         // The file was closed meanwhile: its rows are not ours to change any more.
@@ -654,7 +660,7 @@ void DeliveryQueue::noteChange(QueueFile::Change change, bool wasRetried, bool a
             return;
         }
         if (change.state == QueueFile::State::Unanswered) {
-            ++unanswered_;
+            firstUnanswered = unanswered_++ == 0;
         }
         if (wasRetried && retryRound_) {
             // An answer means the server is back: the rest of the round follows. An answer that
@@ -673,6 +679,9 @@ void DeliveryQueue::noteChange(QueueFile::Change change, bool wasRetried, bool a
     }
     if (wake) {
         wake_.notify_one();
+    }
+    if (auto* appeared = resendWork_.load(); appeared != nullptr && firstUnanswered) {
+        appeared();
     }
 }
 
@@ -696,6 +705,13 @@ void DeliveryQueue::savedEventResent(const Event* event) {
     savedRows_.erase(entry);
     noteChange({row, std::nullopt}, false, false);
 }
+
+bool DeliveryQueue::hasResendWork() const {
+    std::lock_guard lock(mutex_);
+    return persistent_ && unanswered_ > 0;
+}
+
+void DeliveryQueue::onResendWork(void (*appeared)()) { resendWork_ = appeared; }
 
 void DeliveryQueue::resendTick() {
     std::vector<QueueFile::Change> gone;

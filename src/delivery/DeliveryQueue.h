@@ -2,6 +2,7 @@
 
 #include <NorvAnalytic/HttpClient.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -54,6 +55,11 @@ public:
     // Main queue, on each reachable tick of the resend timer: unanswered rows get a new try,
     // and kept rows whose events left the saved list are deleted.
     void resendTick();
+    // Any thread: the file holds unanswered rows, which the resend ticks retry.
+    bool hasResendWork() const;
+    // Called (any thread, never under the queue's lock; perhaps under the file lock) when
+    // unanswered rows appear where there were none. Set once, before the first event.
+    void onResendWork(void (*appeared)());
     // Main queue: the saved event was resent, so its row goes.
     void savedEventResent(const Event* event);
     // At initWithKey and when the queue is turned on: opens the file, so that the events of
@@ -170,6 +176,7 @@ private:
     std::size_t backlogBytes_ = 0;
     std::int64_t handedOverRow_ = 0;
     std::int64_t retriedRow_ = 0;
+    std::atomic<void (*)()> resendWork_{nullptr};
     // Main queue only: the row of each saved event that has one.
     std::unordered_map<const Event*, std::pair<std::int64_t, std::weak_ptr<Event>>> savedRows_;
 };

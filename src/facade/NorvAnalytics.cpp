@@ -11,6 +11,7 @@
 #include "events/CollectionUrl.h"
 #include "facade/CollectionConsent.h"
 #include "facade/ControllerState.h"
+#include "facade/ResendTimers.h"
 #include "events/EventCatalogue.h"
 #include "delivery/EventsInFlight.h"
 
@@ -52,9 +53,7 @@ NorvAnalytics& NorvAnalytics::initWithKey(const Text& key) {
     DeliveryQueue::shared().recover();
     // Every start adds a timer and leaves the earlier ones running: each start means one more
     // resend per second, which the server side has always seen.
-    controller.setTimer(
-        MainQueue::main().scheduledTimer(std::chrono::duration<double>(1.0), true,
-                                         [] { NorvAnalytics::sharedController().checkEvents(); }));
+    controller.setTimer(ResendTimers::start());
     return controller;
 }
 

@@ -15,8 +15,10 @@
 #include <fstream>
 #include <future>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "mainqueue/MainQueueClock.h"
@@ -86,6 +88,57 @@ TEST(MainQueueTest, ATapFromTheHostLoopsThreadDismissesThenRunsTheHandlerThereAt
     });
     queue.setExecutor(nullptr);
     EXPECT_EQ(runs, (Lines{"shown", "dismissed", "Update on loop", "dismissed"}));
+}
+
+// A task that throws, and a host's executor that throws the first time it is handed work (its
+// loop not ready yet): each is said once on the diagnostics sink and the queue goes on, in
+// order; sync() hands its task's exception to its caller, and no thread is left marked as the
+// queue's by a task that threw.
+TEST(MainQueueTest, WhatATaskOrTheHostsExecutorThrowsIsSaidOnceAndTheQueueGoesOn) {
+    std::mutex mutex;
+    Lines said;
+    Platform::setDiagnosticsSink([&](DiagnosticLevel, const std::string& line) {
+        const std::lock_guard lock(mutex);
+        said.push_back(line.substr(0, line.find(" (")));
+    });
+    auto& queue = MainQueue::main();
+    Lines ran;  // touched on the queue only, and read after a sync
+    queue.async([] { throw std::runtime_error("a task failed"); });
+    queue.async([&] { ran.push_back("after the throw"); });
+    bool rethrown = false;
+    Testing::endsWithin(30s, "sync() after a task that threw", [&] {
+        try {
+            queue.sync([] { throw std::logic_error("sync's task failed"); });
+        } catch (const std::logic_error&) {
+            rethrown = true;
+        }
+    });
+
+    Testing::HostLoop loop;
+    bool refused = false;  // norv-main hands work over
+    queue.setExecutor([&](MainQueue::Task task) {
+        if (!std::exchange(refused, true)) {
+            throw std::runtime_error("the loop is not ready");
+        }
+        loop.post(std::move(task));
+    });
+    for (int task = 0; task < 3; ++task) {
+        queue.async([&, task] {
+            ran.push_back("loop " + std::to_string(task) +
+                          (std::this_thread::get_id() == loop.id() ? "" : " elsewhere"));
+        });
+    }
+    queue.async([] { throw std::runtime_error("a task on the loop failed"); });
+    Testing::endsWithin(30s, "sync() through an executor that threw once", [&] { queue.sync([] {}); });
+    queue.setExecutor(nullptr);
+    std::promise<bool> loopMarked;
+    loop.post([&] { loopMarked.set_value(queue.isCurrent()); });  // the loop's own work
+    EXPECT_FALSE(loopMarked.get_future().get());
+    Platform::setDiagnosticsSink(nullptr);
+    EXPECT_TRUE(rethrown);
+    EXPECT_EQ(ran, (Lines{"after the throw", "loop 0", "loop 1", "loop 2"}));
+    EXPECT_EQ(said, (Lines{"A task on the main queue threw", "The host's executor threw",
+                           "A task on the main queue threw"}));
 }
 
 // A sink slower than the lines said: they reach it in order, and what a full queue dropped is

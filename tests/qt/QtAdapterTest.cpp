@@ -12,9 +12,12 @@
 #include <QPushButton>
 #include <QTest>
 #include <QThread>
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <mutex>
 #include <thread>
+#include <vector>
 
 #include "support/FakeKeychainBackend.h"
 #include "support/RecordingHttpClient.h"
@@ -108,9 +111,27 @@ public:
     bool openURL(const URL&) override { return false; }
 };
 
-TEST(QtAdapter, TheGuiThreadNeverWaitsForTheDesktopAndNoTaskIsLostWithTheApplication) {
+// The tasks left on the GUI thread's loop when the application goes run before any newer task
+// and never beside one, while another thread keeps adding tasks.
+TEST(QtAdapter, TheGuiThreadNeverWaitsForTheDesktopAndTasksLeftWithTheApplicationRunFirst) {
     Platform::setApplication(std::make_shared<SlowDesktop>());
-    std::atomic<int> ran = 0;
+    std::atomic<int> running = 0;
+    std::atomic<bool> overlapped = false;
+    std::mutex mutex;
+    std::vector<int> order;
+    const auto task = [&](int number) {
+        return [&, number] {
+            overlapped = overlapped || running.fetch_add(1) > 0;
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            {
+                const std::lock_guard lock(mutex);
+                order.push_back(number);
+            }
+            running.fetch_sub(1);
+        };
+    };
+    std::atomic<bool> adding = true;
+    std::thread newer;
     {
         int argc = 1;
         char name[] = "qt_adapter_test";
@@ -123,15 +144,27 @@ TEST(QtAdapter, TheGuiThreadNeverWaitsForTheDesktopAndNoTaskIsLostWithTheApplica
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100));
         EXPECT_TRUE(QTest::qWaitFor([&] { return Platform::application()->canOpenURL(url); }));
         // Posted to the GUI thread, whose loop never turns again.
-        for (int task = 0; task < 5; ++task) {
-            MainQueue::main().async([&] { ++ran; });
+        for (int number = 0; number < 20; ++number) {
+            MainQueue::main().async(task(number));
         }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        newer = std::thread([&] {
+            for (int number = 100; adding; ++number) {
+                MainQueue::main().async(task(number));
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+        });
     }
-    const auto gone = std::chrono::steady_clock::now();
-    while (ran < 5 && std::chrono::steady_clock::now() - gone < std::chrono::seconds(5)) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    adding = false;
+    newer.join();
+    std::thread([] { MainQueue::main().sync([] {}); }).join();
+    EXPECT_FALSE(overlapped);
+    {
+        const std::lock_guard lock(mutex);
+        ASSERT_GE(order.size(), 20U);
+        EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
     }
-    EXPECT_EQ(ran, 5);
     Platform::setApplication(nullptr);
 }
 
