@@ -8,6 +8,7 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
@@ -26,6 +27,7 @@
 #include "platform/Diagnostics.h"
 #include "platform/LinuxDevice.h"
 #include "support/HostLoop.h"
+#include "support/ThreadList.h"
 
 namespace NorvAnalytic {
 namespace {
@@ -237,6 +239,13 @@ TEST(LinuxDeviceTest, ReadsTheDistributionsVersionAndTheFirstBattery) {
         bare.setBatteryMonitoringEnabled(enabled);
     }
     levels.insert(levels.end(), {soon(device, 0.75F), bare.batteryLevel()});
+    // Its thread ends with the reading: nothing of ours stays to wake for the next one.
+    const auto read = std::chrono::steady_clock::now();
+    while (std::ranges::count(Testing::threadList(), "norv-battery", &Testing::ThreadInfo::name) > 0 &&
+           std::chrono::steady_clock::now() - read < std::chrono::seconds(2)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    EXPECT_EQ(std::ranges::count(Testing::threadList(), "norv-battery", &Testing::ThreadInfo::name), 0);
     std::ofstream(root / "power/BAT0/capacity") << "not a number\n";
     levels.push_back(soon(device, -1.0F));
     std::ofstream(root / "power/BAT0/capacity") << "40\n";
