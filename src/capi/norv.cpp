@@ -26,7 +26,8 @@ Text text(const char* value) { return value != nullptr ? Text(value) : std::null
 void badArgument(const char* function, const char* what) noexcept {
     try {
         NorvAnalytic::Diagnostics::report(
-            DiagnosticLevel::Warning, std::string(function) + ": " + what + "; the call did nothing.");
+            DiagnosticLevel::Warning,
+            std::string(function) + ": " + what + "; the call did nothing.");
     } catch (...) {  // no memory even for the line: nothing more to say
     }
 }

@@ -19,7 +19,6 @@ namespace {
 
 using State = KeychainItemCache::State;
 
-
 std::string statusText(const std::optional<Error>& error) {
     if (!error) {
         return "no error";

@@ -25,8 +25,8 @@ constexpr std::chrono::milliseconds kIdentityRefreshInterval{500};
 
 // What another process's save, delete, checkpoint or replacement of the file does to it and
 // its journals.
-constexpr std::uint32_t kWatchedChanges = IN_MODIFY | IN_CLOSE_WRITE | IN_CREATE | IN_DELETE |
-                                          IN_MOVED_FROM | IN_MOVED_TO | IN_ONLYDIR;
+constexpr std::uint32_t kWatchedChanges =
+    IN_MODIFY | IN_CLOSE_WRITE | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_ONLYDIR;
 
 // An item without an access group is kept under the empty group, so the three key columns
 // can form the primary key that makes a duplicate add fail atomically across processes.

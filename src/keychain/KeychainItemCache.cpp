@@ -399,8 +399,8 @@ void KeychainItemCache::run() {
             }
             changes = told;
         }
-        const auto asked = std::ranges::find_if(
-            reads_, [](const auto& entry) { return !entry.second->started; });
+        const auto asked =
+            std::ranges::find_if(reads_, [](const auto& entry) { return !entry.second->started; });
         if (asked != reads_.end()) {
             const Key key = asked->first;
             const std::shared_ptr<PendingRead> request = asked->second;

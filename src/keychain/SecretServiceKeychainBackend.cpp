@@ -139,10 +139,10 @@ public:
                 return errSecInteractionNotAllowed;
             }
         }
-        g_main_context_invoke_full(
-            context_, G_PRIORITY_DEFAULT, &SecretServiceLink::runCall,
-            new std::shared_ptr<Call>(call),
-            [](gpointer held) { delete static_cast<std::shared_ptr<Call>*>(held); });
+        g_main_context_invoke_full(context_, G_PRIORITY_DEFAULT, &SecretServiceLink::runCall,
+                                   new std::shared_ptr<Call>(call), [](gpointer held) {
+                                       delete static_cast<std::shared_ptr<Call>*>(held);
+                                   });
         std::unique_lock lock(call->mutex);
         if (call->ended.wait_for(lock, kCallTimeout, [&] { return call->done; })) {
             answered_.store(true);
@@ -344,8 +344,8 @@ private:
         signals_ = g_dbus_connection_signal_subscribe(
             bus_, kServiceName, "org.freedesktop.Secret.Collection", nullptr, nullptr, nullptr,
             G_DBUS_SIGNAL_FLAGS_NONE,
-            [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*,
-               GVariant*, gpointer) { shared().told(); },
+            [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant*,
+               gpointer) { shared().told(); },
             nullptr, nullptr);
         nameWatch_ = g_bus_watch_name_on_connection(
             bus_, kServiceName, G_BUS_NAME_WATCHER_FLAGS_NONE,
@@ -412,9 +412,9 @@ OSStatus search(SecretService* service, SecretSchema* schema, GCancellable* canc
                 const KeychainQuery& query, SecretSearchFlags flags, ItemList& items) {
     const Attributes attributes = identity(query);
     GError* error = nullptr;
-    items.reset(secret_service_search_sync(service, schema, attributes.get(),
-                                           static_cast<SecretSearchFlags>(flags | SECRET_SEARCH_ALL),
-                                           cancellable, &error));
+    items.reset(secret_service_search_sync(
+        service, schema, attributes.get(),
+        static_cast<SecretSearchFlags>(flags | SECRET_SEARCH_ALL), cancellable, &error));
     if (error != nullptr) {
         return SecretServiceLink::failed(error);
     }
@@ -493,48 +493,48 @@ OSStatus SecretServiceKeychainBackend::copyMatching(const KeychainQuery& query,
 }
 
 OSStatus SecretServiceKeychainBackend::add(const KeychainQuery& attributes) {
-    return SecretServiceLink::shared().run([session = session_, attributes](
-                                               SecretService* service, GCancellable* cancellable) {
-        // An item without an access group carries an empty one, so that the duplicate test
-        // below matches exactly one identity.
-        KeychainQuery exact = attributes;
-        exact.accessGroup = attributes.accessGroup.value_or("");
-        ItemList existing;
-        const OSStatus status =
-            search(service, session->schema, cancellable, exact, SECRET_SEARCH_NONE, existing);
-        if (existing) {
-            return errSecDuplicateItem;
-        }
-        if (status != errSecItemNotFound) {
-            return status;
-        }
-        GError* error = nullptr;
-        const ObjectPtr<SecretCollection> collection(secret_collection_for_alias_sync(
-            service, session->collectionAlias.c_str(), SECRET_COLLECTION_NONE, cancellable,
-            &error));
-        if (error != nullptr) {
-            return SecretServiceLink::failed(error);
-        }
-        // Creating a missing collection or unlocking a locked one would need a prompt.
-        if (!collection || secret_collection_get_locked(collection.get())) {
-            return errSecInteractionNotAllowed;
-        }
-        const Attributes stored = identity(exact);
-        if (attributes.accessible) {
-            put(stored.get(), kAccessibleAttribute, accessibleName(*attributes.accessible));
-        }
-        const Data payload = attributes.valueData.value_or(Data{});
-        const Value value(secret_value_new(reinterpret_cast<const gchar*>(payload.data()),
-                                           static_cast<gssize>(payload.size()), kContentType));
-        const std::string label = attributes.service + " (" + attributes.account + ")";
-        const ObjectPtr<SecretItem> item(secret_item_create_sync(
-            collection.get(), session->schema, stored.get(), label.c_str(), value.get(),
-            SECRET_ITEM_CREATE_NONE, cancellable, &error));
-        if (error != nullptr) {
-            return SecretServiceLink::failed(error);
-        }
-        return errSecSuccess;
-    });
+    return SecretServiceLink::shared().run(
+        [session = session_, attributes](SecretService* service, GCancellable* cancellable) {
+            // An item without an access group carries an empty one, so that the duplicate test
+            // below matches exactly one identity.
+            KeychainQuery exact = attributes;
+            exact.accessGroup = attributes.accessGroup.value_or("");
+            ItemList existing;
+            const OSStatus status =
+                search(service, session->schema, cancellable, exact, SECRET_SEARCH_NONE, existing);
+            if (existing) {
+                return errSecDuplicateItem;
+            }
+            if (status != errSecItemNotFound) {
+                return status;
+            }
+            GError* error = nullptr;
+            const ObjectPtr<SecretCollection> collection(
+                secret_collection_for_alias_sync(service, session->collectionAlias.c_str(),
+                                                 SECRET_COLLECTION_NONE, cancellable, &error));
+            if (error != nullptr) {
+                return SecretServiceLink::failed(error);
+            }
+            // Creating a missing collection or unlocking a locked one would need a prompt.
+            if (!collection || secret_collection_get_locked(collection.get())) {
+                return errSecInteractionNotAllowed;
+            }
+            const Attributes stored = identity(exact);
+            if (attributes.accessible) {
+                put(stored.get(), kAccessibleAttribute, accessibleName(*attributes.accessible));
+            }
+            const Data payload = attributes.valueData.value_or(Data{});
+            const Value value(secret_value_new(reinterpret_cast<const gchar*>(payload.data()),
+                                               static_cast<gssize>(payload.size()), kContentType));
+            const std::string label = attributes.service + " (" + attributes.account + ")";
+            const ObjectPtr<SecretItem> item(secret_item_create_sync(
+                collection.get(), session->schema, stored.get(), label.c_str(), value.get(),
+                SECRET_ITEM_CREATE_NONE, cancellable, &error));
+            if (error != nullptr) {
+                return SecretServiceLink::failed(error);
+            }
+            return errSecSuccess;
+        });
 }
 
 OSStatus SecretServiceKeychainBackend::update(const KeychainQuery& query,
@@ -549,9 +549,9 @@ OSStatus SecretServiceKeychainBackend::update(const KeychainQuery& query,
         }
         std::optional<Value> value;
         if (changes.valueData) {
-            value.emplace(secret_value_new(
-                reinterpret_cast<const gchar*>(changes.valueData->data()),
-                static_cast<gssize>(changes.valueData->size()), kContentType));
+            value.emplace(
+                secret_value_new(reinterpret_cast<const gchar*>(changes.valueData->data()),
+                                 static_cast<gssize>(changes.valueData->size()), kContentType));
         }
         for (GList* entry = items.get(); entry != nullptr; entry = entry->next) {
             auto* item = SECRET_ITEM(entry->data);
@@ -578,22 +578,22 @@ OSStatus SecretServiceKeychainBackend::update(const KeychainQuery& query,
 }
 
 OSStatus SecretServiceKeychainBackend::remove(const KeychainQuery& query) {
-    return SecretServiceLink::shared().run([session = session_, query](
-                                               SecretService* service, GCancellable* cancellable) {
-        ItemList items;
-        const OSStatus status =
-            search(service, session->schema, cancellable, query, SECRET_SEARCH_NONE, items);
-        if (status != errSecSuccess) {
-            return status;
-        }
-        for (GList* entry = items.get(); entry != nullptr; entry = entry->next) {
-            GError* error = nullptr;
-            if (!secret_item_delete_sync(SECRET_ITEM(entry->data), cancellable, &error)) {
-                return SecretServiceLink::failed(error);
+    return SecretServiceLink::shared().run(
+        [session = session_, query](SecretService* service, GCancellable* cancellable) {
+            ItemList items;
+            const OSStatus status =
+                search(service, session->schema, cancellable, query, SECRET_SEARCH_NONE, items);
+            if (status != errSecSuccess) {
+                return status;
             }
-        }
-        return errSecSuccess;
-    });
+            for (GList* entry = items.get(); entry != nullptr; entry = entry->next) {
+                GError* error = nullptr;
+                if (!secret_item_delete_sync(SECRET_ITEM(entry->data), cancellable, &error)) {
+                    return SecretServiceLink::failed(error);
+                }
+            }
+            return errSecSuccess;
+        });
 }
 
 OSStatus SecretServiceKeychainBackend::writeTransaction(const std::function<OSStatus()>& body) {
@@ -631,6 +631,8 @@ int SecretServiceKeychainBackend::changeDescriptor() {
     return SecretServiceLink::shared().changeDescriptor();
 }
 
-bool SecretServiceKeychainBackend::takeChanges() { return SecretServiceLink::shared().takeChanges(); }
+bool SecretServiceKeychainBackend::takeChanges() {
+    return SecretServiceLink::shared().takeChanges();
+}
 
 }  // namespace NorvAnalytic

@@ -1,4 +1,5 @@
 #include <NorvAnalytic/MainQueue.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
@@ -13,8 +14,6 @@
 #include <thread>
 #include <utility>
 #include <vector>
-
-#include <pthread.h>
 
 #include "mainqueue/MainQueueCheck.h"
 #include "mainqueue/MainQueueClock.h"

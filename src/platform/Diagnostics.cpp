@@ -57,8 +57,8 @@ public:
     bool isOn() const { return on_.load(std::memory_order_acquire); }
 
     void setSink(Platform::DiagnosticsSink sink) {
-        Sink replacement = sink ? std::make_shared<const Platform::DiagnosticsSink>(std::move(sink))
-                                : nullptr;
+        Sink replacement =
+            sink ? std::make_shared<const Platform::DiagnosticsSink>(std::move(sink)) : nullptr;
         Sink replaced;
         std::unique_lock lock(mutex_);
         if (!onSinkThread) {

@@ -2,7 +2,6 @@
 #include <NorvAnalytic/NorvAnalytics.h>
 #include <NorvAnalytic/norv.h>
 #include <gtest/gtest.h>
-
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -106,8 +105,9 @@ TEST(CApi, ASinkThatCallsUsWhenTheQueueFileIsDamagedHoldsNothingUp) {
             const char* name;
             void (*call)();
         };
-        for (const Row row : {Row{"norv_set_persistent_queue(0)", [] { norv_set_persistent_queue(0); }},
-                              Row{"norv_forget_device()", [] { norv_forget_device(); }}}) {
+        for (const Row row :
+             {Row{"norv_set_persistent_queue(0)", [] { norv_set_persistent_queue(0); }},
+              Row{"norv_forget_device()", [] { norv_forget_device(); }}}) {
             SCOPED_TRACE(row.name);
             // Opened and turned off again, so that whatever the last row's call left, the file
             // is closed and deleted by the hand-over's thread before the damaged one is made.
@@ -130,7 +130,8 @@ TEST(CApi, ASinkThatCallsUsWhenTheQueueFileIsDamagedHoldsNothingUp) {
             norv_set_diagnostics_sink(
                 [](int, const char* line, void* user) {
                     auto* heard = static_cast<Heard*>(user);
-                    if (std::strstr(line, "moved aside") != nullptr && !heard->once.exchange(true)) {
+                    if (std::strstr(line, "moved aside") != nullptr &&
+                        !heard->once.exchange(true)) {
                         heard->call();
                         heard->answered.set_value();
                     }

@@ -227,9 +227,8 @@ TEST(HeadlessApplicationTest, AsksTheDesktopAndOpensWithoutAShellLeavingNoProces
     ASSERT_TRUE(HeadlessApplication(mime, lingering).openURL(store));
     std::this_thread::sleep_for(100ms);
     EXPECT_TRUE(Testing::runsWithSignalBlocked("norv-reaper", SIGTERM));
-    EXPECT_EQ(Testing::wakeUpsDuring(300ms, [](const std::string& name) {
-                  return name == "norv-reaper";
-              }),
+    EXPECT_EQ(Testing::wakeUpsDuring(300ms,
+                                     [](const std::string& name) { return name == "norv-reaper"; }),
               0U);
     ASSERT_TRUE(noChildrenWithin(10s));
     std::this_thread::sleep_for(300ms);

@@ -131,7 +131,8 @@ TEST(MainQueueTest, WhatATaskOrTheHostsExecutorThrowsIsSaidOnceAndTheQueueGoesOn
         });
     }
     queue.async([] { throw std::runtime_error("a task on the loop failed"); });
-    Testing::endsWithin(30s, "sync() through an executor that threw once", [&] { queue.sync([] {}); });
+    Testing::endsWithin(30s, "sync() through an executor that threw once",
+                        [&] { queue.sync([] {}); });
     queue.setExecutor(nullptr);
     std::promise<bool> loopMarked;
     loop.post([&] { loopMarked.set_value(queue.isCurrent()); });  // the loop's own work
@@ -241,11 +242,13 @@ TEST(LinuxDeviceTest, ReadsTheDistributionsVersionAndTheFirstBattery) {
     levels.insert(levels.end(), {soon(device, 0.75F), bare.batteryLevel()});
     // Its thread ends with the reading: nothing of ours stays to wake for the next one.
     const auto read = std::chrono::steady_clock::now();
-    while (std::ranges::count(Testing::threadList(), "norv-battery", &Testing::ThreadInfo::name) > 0 &&
+    while (std::ranges::count(Testing::threadList(), "norv-battery", &Testing::ThreadInfo::name) >
+               0 &&
            std::chrono::steady_clock::now() - read < std::chrono::seconds(2)) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
-    EXPECT_EQ(std::ranges::count(Testing::threadList(), "norv-battery", &Testing::ThreadInfo::name), 0);
+    EXPECT_EQ(std::ranges::count(Testing::threadList(), "norv-battery", &Testing::ThreadInfo::name),
+              0);
     std::ofstream(root / "power/BAT0/capacity") << "not a number\n";
     levels.push_back(soon(device, -1.0F));
     std::ofstream(root / "power/BAT0/capacity") << "40\n";

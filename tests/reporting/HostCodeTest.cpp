@@ -47,7 +47,8 @@ TEST(HostCode, ASinkMayCallEveryPublicFunction) {
             {"initWithKey()",
              [] {
                  NorvAnalytics::initWithKey(std::string(ReportingHarness::kKey));
-                 NorvAnalytics::sharedController().setUrlString(std::string(ReportingHarness::kUrl));
+                 NorvAnalytics::sharedController().setUrlString(
+                     std::string(ReportingHarness::kUrl));
              }},
             {"an event call", [] { NorvAnalytics::sendEventWithPageName("From the sink"); }},
             {"saveStoreUserID()", [] { NorvAnalytics::saveStoreUserID("from-the-sink"); }},
@@ -59,7 +60,8 @@ TEST(HostCode, ASinkMayCallEveryPublicFunction) {
             {"setSecureUrl()", [] { NorvAnalytics::setSecureUrl(false); }},
             {"setCollectionServerHost()",
              [] { NorvAnalytics::setCollectionServerHost("collector.test:80"); }},
-            {"Keychain::saveItem()", [] { Keychain::saveItem("v", "k", "from-the-sink", nullptr); }},
+            {"Keychain::saveItem()",
+             [] { Keychain::saveItem("v", "k", "from-the-sink", nullptr); }},
             {"MainQueue::sync()", [] { MainQueue::main().sync([] {}); }},
             {"setDiagnosticsSink(nullptr)", [] { Platform::setDiagnosticsSink(nullptr); }},
         };

@@ -70,7 +70,8 @@ TEST(Startup, NothingHappensBeforeInitWithKeyAndInitResetsWhatItOwnsOnTheCollect
     for (const auto& [host, reason] : refused) {
         lines.clear();
         EXPECT_FALSE(NorvAnalytics::setCollectionServerHost(host));
-        Diagnostics::waitUntilDelivered(std::chrono::steady_clock::now() + std::chrono::seconds(30));
+        Diagnostics::waitUntilDelivered(std::chrono::steady_clock::now() +
+                                        std::chrono::seconds(30));
         EXPECT_EQ(lines,
                   std::vector<std::string>{"2Collection server host \"" + host + "\" refused: it " +
                                            reason + ". It stays \"collector.example:8080\"."});

@@ -5,8 +5,8 @@
 #include <NorvAnalytic/MainQueue.h>
 #include <NorvAnalytic/Platform.h>
 
-#include "events/DeviceIdentity.h"
 #include "delivery/DeliveryQueue.h"
+#include "events/DeviceIdentity.h"
 #include "events/EventTable.h"
 #include "events/TextFormat.h"
 #include "platform/Diagnostics.h"

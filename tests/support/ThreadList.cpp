@@ -27,7 +27,8 @@ std::vector<ThreadInfo> threadList() {
         }
         // A thread that ended between the listing and the reads has no name.
         if (!name.empty()) {
-            threads.push_back({std::stol(task.path().filename().string()), name, blocked, switches});
+            threads.push_back(
+                {std::stol(task.path().filename().string()), name, blocked, switches});
         }
     }
     return threads;
