@@ -19,6 +19,7 @@
 #include <string_view>
 #include <system_error>
 #include <thread>
+#include <vector>
 
 #include "platform/Diagnostics.h"
 #include "platform/SdkThread.h"
@@ -138,6 +139,9 @@ public:
             if (stopping_ || !ensureThreadLocked()) {
                 return errSecInteractionNotAllowed;
             }
+            std::erase_if(calls_,
+                          [](const std::weak_ptr<Call>& waiting) { return waiting.expired(); });
+            calls_.push_back(call);
         }
         g_main_context_invoke_full(context_, G_PRIORITY_DEFAULT, &SecretServiceLink::runCall,
                                    new std::shared_ptr<Call>(call), [](gpointer held) {
@@ -238,8 +242,11 @@ private:
         return true;
     }
 
+    // The call in progress is cancelled, and those still waiting for the thread fail at once,
+    // so that a daemon that does not answer never holds up the host's exit.
     void stopAtExit() {
         std::optional<std::thread> thread;
+        std::vector<std::shared_ptr<Call>> waiting;
         {
             const std::lock_guard lock(mutex_);
             stopping_ = true;
@@ -247,6 +254,18 @@ private:
             if (current_) {
                 g_cancellable_cancel(current_);
             }
+            for (const std::weak_ptr<Call>& call : calls_) {
+                if (auto locked = call.lock()) {
+                    waiting.push_back(std::move(locked));
+                }
+            }
+        }
+        for (const std::shared_ptr<Call>& call : waiting) {
+            {
+                const std::lock_guard lock(call->mutex);
+                call->done = true;
+            }
+            call->ended.notify_all();
         }
         g_main_loop_quit(loop_);
         if (thread && thread->get_id() != std::this_thread::get_id()) {
@@ -395,6 +414,8 @@ private:
     std::atomic<bool> answered_{true};
     std::mutex mutex_;
     std::optional<std::thread> thread_;
+    // The calls made so far that may still wait, and the one the thread serves now.
+    std::vector<std::weak_ptr<Call>> calls_;
     GCancellable* current_ = nullptr;
     bool stopping_ = false;
     // The link's thread only.

@@ -258,9 +258,9 @@ private:
         }
     }
 
-    // Hands the executor a drain, unlocked. False, said once per failing stretch, when the
-    // host's executor threw: the tasks stay here and the hand-over is tried again later.
-    bool handOver(std::unique_lock<std::mutex>& lock, const Executor& executor,
+    // Hands the executor a drain, unlocked. What it threw is said once per failing stretch:
+    // the tasks stay here and the hand-over is tried again later.
+    void handOver(std::unique_lock<std::mutex>& lock, const Executor& executor,
                   std::uint64_t generation) {
         lock.unlock();
         std::exception_ptr thrown;
@@ -271,7 +271,7 @@ private:
         }
         lock.lock();
         if (!thrown || generation != executorGeneration_) {
-            return true;
+            return;
         }
         drainPending_ = false;
         retryAt_ = std::chrono::steady_clock::now() + retryDelay_;
@@ -284,11 +284,11 @@ private:
                                     "handed over again.");
             lock.lock();
         }
-        return false;
     }
 
-    // On the host's thread: the tasks that waited when it began, then another drain for the
-    // rest, so that a busy SDK never keeps the host's loop from its own work.
+    // On the host's thread: the tasks that waited when it began; norv-main hands over another
+    // drain for the rest, so that a busy SDK never keeps the host's loop from its own work, and
+    // an executor that runs what it is given at once never nests one drain in another.
     void drain(std::uint64_t generation) {
         std::unique_lock lock(mutex_);
         if (generation != executorGeneration_) {
@@ -312,12 +312,8 @@ private:
             wake_.notify_one();
             return;
         }
-        if (tasks_.empty()) {
-            drainPending_ = false;
-            return;
-        }
-        const Executor executor = executor_;
-        if (!handOver(lock, executor, generation)) {
+        drainPending_ = false;
+        if (!tasks_.empty()) {
             lock.unlock();
             wake_.notify_one();
         }

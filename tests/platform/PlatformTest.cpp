@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
@@ -142,6 +143,38 @@ TEST(MainQueueTest, WhatATaskOrTheHostsExecutorThrowsIsSaidOnceAndTheQueueGoesOn
     EXPECT_EQ(ran, (Lines{"after the throw", "loop 0", "loop 1", "loop 2"}));
     EXPECT_EQ(said, (Lines{"A task on the main queue threw", "The host's executor threw",
                            "A task on the main queue threw"}));
+}
+
+// The executor is replaced while a task of the queue runs on the host's thread: the tasks after
+// it wait for it to end, wherever they run next, and keep their order.
+TEST(MainQueueTest, AChangeOfExecutorWhileATaskRunsKeepsTheQueueSerial) {
+    auto& queue = MainQueue::main();
+    std::atomic<int> running = 0;
+    std::atomic<bool> overlapped = false;
+    Lines ran;  // each task appends while it alone runs; read after a sync
+    const auto task = [&](std::string name, std::chrono::milliseconds takes) {
+        return [&, name, takes] {
+            overlapped = overlapped || running.fetch_add(1) > 0;
+            std::this_thread::sleep_for(takes);
+            ran.push_back(name);
+            running.fetch_sub(1);
+        };
+    };
+    Testing::HostLoop loop;
+    queue.setExecutor(loop.executor());
+    std::promise<void> started;
+    queue.async([&] {
+        started.set_value();
+        task("slow, on the loop", 200ms)();
+    });
+    for (const char* name : {"next", "after"}) {
+        queue.async(task(name, 1ms));
+    }
+    started.get_future().wait();
+    queue.setExecutor(nullptr);
+    Testing::endsWithin(30s, "the queue after a change of executor", [&] { queue.sync([] {}); });
+    EXPECT_FALSE(overlapped);
+    EXPECT_EQ(ran, (Lines{"slow, on the loop", "next", "after"}));
 }
 
 // A sink slower than the lines said: they reach it in order, and what a full queue dropped is
