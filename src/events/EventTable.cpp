@@ -209,7 +209,8 @@ EventResponseContext EventTable::context(const EventTexts& texts, std::string de
     return context;
 }
 
-void EventTable::keep(const EventResponseContext& context, std::int64_t statusCode) {
+std::shared_ptr<Event> EventTable::savedEvent(const EventResponseContext& context,
+                                              std::int64_t statusCode) {
     auto event = std::make_shared<Event>();
     for (const Field& field : kFields) {
         if (field.context != nullptr) {
@@ -218,7 +219,7 @@ void EventTable::keep(const EventResponseContext& context, std::int64_t statusCo
     }
     event->value = TextFormat::decimal(context.value);
     event->statusCode = statusCode;
-    SavedEvents::append(std::move(event));
+    return event;
 }
 
 std::string EventTable::body(const EventTexts& texts, const Text& key, const DeviceFacts& device) {

@@ -77,7 +77,7 @@ void SavedEvents::setLimits(std::size_t events, std::size_t bytes) {
     maxBytes.store(bytes, std::memory_order_relaxed);
 }
 
-void SavedEvents::append(std::shared_ptr<Event> event) {
+SavedEvents::Appended SavedEvents::append(std::shared_ptr<Event> event) {
     assertOnMainQueue();
     auto& events = Event::savedEvents();
     Seen& state = seen();
@@ -96,6 +96,7 @@ void SavedEvents::append(std::shared_ptr<Event> event) {
         bytesLeft -= events[drop] ? bytes(*events[drop]) : 0;
         state.bytes = bytesLeft;
     }
+    const bool kept = drop < events.size();
     events.erase(events.begin(), events.begin() + drop);
     state.size = events.size();
     state.front = events.empty() ? nullptr : events.front().get();
@@ -103,7 +104,7 @@ void SavedEvents::append(std::shared_ptr<Event> event) {
 
     if (drop == 0) {
         state.dropping = false;
-        return;
+        return {true, 0};
     }
     const std::uint64_t total = dropped.fetch_add(drop, std::memory_order_relaxed) + drop;
     // Said once per burst: drops go on silently until an event is kept without one.
@@ -115,6 +116,7 @@ void SavedEvents::append(std::shared_ptr<Event> event) {
                                 std::to_string(total) + " dropped so far)");
     }
     state.dropping = true;
+    return {kept, drop};
 }
 
 std::pair<std::size_t, std::size_t> SavedEvents::limits() {

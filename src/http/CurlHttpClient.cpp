@@ -3,6 +3,9 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <limits>
 #include <cstdlib>
 #include <deque>
 #include <memory>
@@ -31,13 +34,18 @@ constexpr long kIdleTimeoutSeconds = 60;
 // A server that trickles its answer slowly enough to pass the idle check still ends here.
 constexpr long kWholeRequestTimeoutSeconds = 300;
 constexpr long kMaxRedirects = 16;
+// With transfers running, libcurl's own timers wake the loop sooner when they must. With none,
+// it sleeps until a request or a stop wakes it.
 constexpr int kPollMilliseconds = 1000;
+constexpr int kIdlePollMilliseconds = std::numeric_limits<int>::max();
 
 using Completion = HttpClient::Completion;
 
 struct Request {
     HttpRequest request;
     Completion completion;
+    // In the order of send(): a cancel reaches every request sent before it.
+    std::uint64_t sequence = 0;
 };
 
 // Runs a completion on our thread: nothing it throws may leave it.
@@ -58,8 +66,13 @@ void cancel(Request& request, const char* why) noexcept {
 struct Transfer {
     CURL* easy = nullptr;
     Request request;
+    curl_slist* headers = nullptr;
     std::string answer;
     bool tooLong = false;
+    // Set by libcurl's last call before it writes the request: from then on it is on the wire.
+    bool started = false;
+    // Requests sent before this number are cancelled unless started; read on the network thread.
+    const std::atomic<std::uint64_t>* cancelBefore = nullptr;
     std::uint64_t settingsVersion = 0;
     char errorText[CURL_ERROR_SIZE] = {};
 };
@@ -78,6 +91,17 @@ struct Network {
     std::vector<std::unique_ptr<Transfer>> idle;
     curl_slist* connectTo = nullptr;
 };
+
+// libcurl's call after a connection is ready (or reused) and before the request is written:
+// the last moment a cancel keeps a request off the wire.
+int beforeRequest(void* user, char*, char*, int, int) {
+    auto* transfer = static_cast<Transfer*>(user);
+    if (transfer->request.sequence < transfer->cancelBefore->load(std::memory_order_acquire)) {
+        return CURL_PREREQFUNC_ABORT;
+    }
+    transfer->started = true;
+    return CURL_PREREQFUNC_OK;
+}
 
 std::size_t receive(char* bytes, std::size_t size, std::size_t count, void* user) {
     auto* transfer = static_cast<Transfer*>(user);
@@ -146,7 +170,7 @@ public:
                                        "The request was dropped: too many requests were waiting"));
             return;
         }
-        incoming_.push_back({std::move(request), std::move(completion)});
+        incoming_.push_back({std::move(request), std::move(completion), nextSequence_++});
         if (state_ == State::Idle && !start()) {
             Request unsent = std::move(incoming_.back());
             incoming_.pop_back();
@@ -157,6 +181,32 @@ public:
         } else if (sleepsWithRoom_) {
             sleepsWithRoom_ = false;
             curl_multi_wakeup(network_->multi);
+        }
+    }
+
+    // Requests still in the list are cancelled here; transfers libcurl has not started writing
+    // are taken out of the multi handle by the network thread, which this waits for (unless it
+    // is that thread: a completion that cancels, whose later requests the pre-request check stops).
+    void cancelUnsent() {
+        std::deque<Request> cancelled;
+        std::uint64_t ticket = 0;
+        bool wait = false;
+        {
+            std::lock_guard lock(mutex_);
+            cancelBefore_.store(nextSequence_, std::memory_order_release);
+            cancelled.swap(incoming_);
+            if (state_ == State::Running) {
+                ticket = ++cancelsAsked_;
+                curl_multi_wakeup(network_->multi);
+                wait = thread_.get_id() != std::this_thread::get_id();
+            }
+        }
+        for (Request& request : cancelled) {
+            cancel(request, "The request was cancelled before it was sent");
+        }
+        if (wait) {
+            std::unique_lock lock(mutex_);
+            cancelsDone_.wait(lock, [&] { return cancelsMade_ >= ticket || state_ != State::Running; });
         }
     }
 
@@ -316,9 +366,17 @@ private:
             if (settings_.version != appliedVersion_) {
                 settings = settings_;
             }
+            const std::uint64_t cancels = cancelsAsked_;
             lock.unlock();
             if (settings) {
                 apply(network, *settings);
+            }
+            if (cancels != cancelsMadeHere_) {
+                cancelNotStarted(network, active);
+                cancelsMadeHere_ = cancels;
+                std::lock_guard made(mutex_);
+                cancelsMade_ = cancels;
+                cancelsDone_.notify_all();
             }
             for (Request& request : taken) {
                 begin(network, active, std::move(request));
@@ -338,7 +396,8 @@ private:
             // A new request wakes the thread only if curl has room for it; else an answer will.
             sleepsWithRoom_ = active.size() < kMaxTransfers;
             lock.unlock();
-            curl_multi_poll(network.multi, nullptr, 0, kPollMilliseconds, nullptr);
+            curl_multi_poll(network.multi, nullptr, 0,
+                            active.empty() ? kIdlePollMilliseconds : kPollMilliseconds, nullptr);
             lock.lock();
             sleepsWithRoom_ = false;
         }
@@ -347,11 +406,13 @@ private:
         const std::string why = stopReason_;
         const bool deleteThis = deleteWhenStopped_;
         state_ = State::Stopped;
+        cancelsDone_.notify_all();
         lock.unlock();
         for (auto& transfer : active) {
             curl_multi_remove_handle(network.multi, transfer->easy);
             cancel(transfer->request, why.c_str());
             curl_easy_cleanup(transfer->easy);
+            curl_slist_free_all(transfer->headers);
         }
         for (Request& request : waiting) {
             cancel(request, why.c_str());
@@ -364,6 +425,38 @@ private:
         curl_slist_free_all(network.connectTo);
         if (deleteThis) {
             delete this;
+        }
+    }
+
+    void cancelNotStarted(Network& network, std::vector<std::unique_ptr<Transfer>>& active) {
+        const std::uint64_t before = cancelBefore_.load(std::memory_order_acquire);
+        for (auto transfer = active.begin(); transfer != active.end();) {
+            if ((*transfer)->started || (*transfer)->request.sequence >= before) {
+                ++transfer;
+                continue;
+            }
+            std::unique_ptr<Transfer> taken = std::move(*transfer);
+            transfer = active.erase(transfer);
+            curl_multi_remove_handle(network.multi, taken->easy);
+            Request request = std::move(taken->request);
+            recycle(network, std::move(taken));
+            cancel(request, "The request was cancelled before it was sent");
+        }
+    }
+
+    // Keeps the easy handle and its connection settings for the next request.
+    void recycle(Network& network, std::unique_ptr<Transfer> transfer) noexcept {
+        CURL* easy = transfer->easy;
+        curl_slist_free_all(transfer->headers);
+        transfer->headers = nullptr;
+        transfer->answer = std::string();
+        transfer->tooLong = false;
+        transfer->started = false;
+        transfer->request = Request();
+        try {
+            network.idle.push_back(std::move(transfer));
+        } catch (...) {
+            curl_easy_cleanup(easy);
         }
     }
 
@@ -404,6 +497,9 @@ private:
         curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, kIdleTimeoutSeconds);
         curl_easy_setopt(easy, CURLOPT_TIMEOUT, kWholeRequestTimeoutSeconds);
         curl_easy_setopt(easy, CURLOPT_SHARE, network.share);
+        curl_easy_setopt(easy, CURLOPT_PREREQFUNCTION, &beforeRequest);
+        curl_easy_setopt(easy, CURLOPT_PREREQDATA, transfer.get());
+        transfer->cancelBefore = &cancelBefore_;
         return transfer;
     }
 
@@ -426,6 +522,13 @@ private:
         }
         transfer->request = std::move(request);
         const HttpRequest& http = transfer->request.request;
+        for (const auto& [name, value] : http.headers) {
+            const std::string field = name + ": " + value;
+            if (curl_slist* appended = curl_slist_append(transfer->headers, field.c_str())) {
+                transfer->headers = appended;
+            }
+        }
+        curl_easy_setopt(easy, CURLOPT_HTTPHEADER, transfer->headers);
         curl_easy_setopt(easy, CURLOPT_URL, http.url.c_str());
         // Over TLS, wait for the first connection's protocol: HTTP/2 carries every request on it.
         // A plain one is HTTP/1.1, whose first answer may be long in coming.
@@ -462,19 +565,17 @@ private:
         if (status > 0 && (result == CURLE_OK || cut)) {
             // An answer over the cap is no document the SDK reads, but its status still counts.
             data = cut ? std::string() : std::move(transfer->answer);
+        } else if (result == CURLE_ABORTED_BY_CALLBACK && !transfer->started) {
+            // Stopped before a byte of it was written: a cancel.
+            error = HttpClient::error(HttpClientErrorCancelled,
+                                      "The request was cancelled before it was sent");
         } else {
             error = HttpClient::error(HttpClientErrorTransport, transfer->errorText[0] != '\0'
                                                                   ? transfer->errorText
                                                                   : curl_easy_strerror(result));
         }
-        transfer->answer = std::string();
-        transfer->tooLong = false;
+        recycle(network, std::move(transfer));
         request.request = HttpRequest();
-        try {
-            network.idle.push_back(std::move(transfer));
-        } catch (...) {
-            curl_easy_cleanup(easy);
-        }
         complete(request.completion, std::move(data),
                  data ? std::optional<HttpResponse>(HttpResponse{status}) : std::nullopt,
                  std::move(error));
@@ -490,6 +591,13 @@ private:
     bool stopRequested_ = false;
     bool deleteWhenStopped_ = false;
     std::string stopReason_;
+    std::uint64_t nextSequence_ = 0;
+    std::atomic<std::uint64_t> cancelBefore_{0};
+    // Cancels asked for, and made by the network thread (its own count, and the one others see).
+    std::uint64_t cancelsAsked_ = 0;
+    std::uint64_t cancelsMade_ = 0;
+    std::uint64_t cancelsMadeHere_ = 0;
+    std::condition_variable cancelsDone_;
     // The network thread's copy of the settings.
     std::uint64_t appliedVersion_ = 0;
     std::string caInfo_;
@@ -502,6 +610,8 @@ CurlHttpClient::~CurlHttpClient() { Impl::destroy(impl_.release()); }
 void CurlHttpClient::send(HttpRequest request, Completion completion) {
     impl_->send(std::move(request), std::move(completion));
 }
+
+void CurlHttpClient::cancelUnsent() { impl_->cancelUnsent(); }
 
 void CurlHttpClient::connectTo(const std::string& hostAndPort, const std::string& addressAndPort) {
     impl_->connectTo(hostAndPort, addressAndPort);
