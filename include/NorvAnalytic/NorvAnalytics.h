@@ -37,7 +37,8 @@ public:
     // previous host and says why on the diagnostics sink when the text is not such a host.
     static bool setCollectionServerHost(const std::string& host);
     // Waits until every event sent before the call has had its answer handled, or failed: true
-    // then, false when the timeout passes first. A timeout of zero or less only looks. Never
+    // then, false when the timeout passes first or when a bound dropped events since the previous
+    // flush (droppedEventCount() grew). A timeout of zero or less only looks. Never
     // waits on the main queue's own thread (with an executor, the host's thread that runs it):
     // there it returns false at once. Call it before returning from main.
     static bool flush(std::chrono::milliseconds timeout);

@@ -53,14 +53,34 @@ Journal::~Journal() = default;
 void Journal::setWanted(bool wanted) {
     {
         std::lock_guard lock(stateMutex_);
-        if (wanted_ == wanted) {
+        if (wanted_ == wanted && wanted) {
             return;
         }
         wanted_ = wanted;
-        // Off deletes the file, also one an earlier process left that this one never opened.
-        removeFile_ = !wanted;
+    }
+    if (!wanted) {
+        // Off deletes the file, also one an earlier process left that this one never opened;
+        // an open one is closed by the delivery thread, which sends from memory what it held.
+        std::lock_guard io(ioMutex_);
+        if (!file_) {
+            removeUnusedLocked();
+        }
     }
     wake_();
+}
+
+void Journal::removeUnusedLocked() {
+    path_ = queuePath();
+    if (!owner_ && std::filesystem::exists(path_)) {
+        owner_ = OwnerLock::acquire(path_);
+    }
+    if (owner_ && owner_->use()) {
+        // Only when no other live process uses it.
+        if (owner_->useAlone()) {
+            QueueFile::remove(path_);
+        }
+        owner_->stopUsing();
+    }
 }
 
 bool Journal::wanted() const {
@@ -151,7 +171,7 @@ bool Journal::needsTurn(std::size_t room) const {
     if (want && opening_ == 0) {
         return Clock::now() >= writableAfter_;
     }
-    if ((!want && opening_ != 0) || removeFile_) {
+    if (!want && opening_ != 0) {
         return true;
     }
     if (opening_ == 0) {
@@ -181,26 +201,18 @@ std::optional<Clock::time_point> Journal::dueAt() const {
 std::vector<Outgoing> Journal::reconcile() {
     std::lock_guard io(ioMutex_);
     bool want = false;
-    bool remove = false;
+    bool turnedOff = false;
     {
         std::lock_guard lock(stateMutex_);
         want = wanted_ && allowed_;
-        remove = std::exchange(removeFile_, false);
+        turnedOff = !wanted_;
         if (want && opening_ == 0 && Clock::now() < writableAfter_) {
             return {};
         }
     }
     std::vector<Outgoing> moved;
     if (!want && file_) {
-        moved = closeLocked(true);
-    } else if (!want && remove) {
-        path_ = queuePath();
-        if ((owner_ || ((owner_ = OwnerLock::acquire(path_)))) && owner_->use()) {
-            if (owner_->useAlone()) {
-                QueueFile::remove(path_);
-            }
-            owner_->stopUsing();
-        }
+        moved = closeLocked(turnedOff);
     }
     if (want && !file_ && !openLocked()) {
         std::shared_ptr<const void> hold;

@@ -124,6 +124,8 @@ private:
     // The methods named ...Locked run with ioMutex_ held.
     bool openLocked();
     std::vector<Outgoing> closeLocked(bool turnedOff);
+    // Deletes the queue file when no other live process uses it.
+    void removeUnusedLocked();
     // After a failure: the file is let be for a while, and the host hears of it once (what names
     // the failed step; null when it was said already).
     void pauseLocked(const char* what);
@@ -156,7 +158,6 @@ private:
     mutable std::mutex stateMutex_;
     bool wanted_ = false;
     bool allowed_ = false;
-    bool removeFile_ = false;
     // The current opening of the file; 0 while it is closed. Written with both locks held.
     std::uint64_t opening_ = 0;
     std::atomic<bool> open_{false};
