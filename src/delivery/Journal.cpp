@@ -1,9 +1,6 @@
 #include "delivery/Journal.h"
 
-#include <NorvAnalytic/Bundle.h>
-
 #include <algorithm>
-#include <limits>
 #include <string_view>
 #include <system_error>
 
@@ -18,31 +15,10 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using State = QueueFile::State;
 
-constexpr std::size_t kChangesPerCommit = 128;
-constexpr std::chrono::milliseconds kCommitDelay{10};
 constexpr std::size_t kReadBatch = 64;
-// A retry round that got an answer sends every unanswered row.
-constexpr std::size_t kAllRetries = std::numeric_limits<std::size_t>::max();
 // After a failure the file is let be for a second, then for twice as long each time, at most this.
 constexpr std::chrono::milliseconds kFirstPause{1000};
 constexpr std::chrono::milliseconds kLongestPause{30'000};
-
-// The host's queue file, named by its bundle identifier.
-std::filesystem::path queuePath() {
-    const std::shared_ptr<const Bundle> bundle = Bundle::mainBundle();
-    return QueueFile::pathFor(bundle ? bundle->bundleIdentifier() : std::string());
-}
-
-// The device UUID a body was made with, for the answer's log lines.
-std::string deviceUUIDIn(std::string_view body) {
-    constexpr std::string_view kKey = "device_uuid=";
-    std::size_t start = body.starts_with(kKey) ? 0 : body.find("&" + std::string(kKey));
-    if (start == std::string_view::npos) {
-        return {};
-    }
-    start = body.find('=', start) + 1;
-    return std::string(body.substr(start, body.find('&', start) - start));
-}
 
 }  // namespace
 
@@ -53,7 +29,7 @@ Journal::~Journal() = default;
 void Journal::setWanted(bool wanted) {
     {
         std::lock_guard lock(stateMutex_);
-        if (wanted_ == wanted && wanted) {
+        if (wanted_ && wanted) {
             return;
         }
         wanted_ = wanted;
@@ -67,20 +43,6 @@ void Journal::setWanted(bool wanted) {
         }
     }
     wake_();
-}
-
-void Journal::removeUnusedLocked() {
-    path_ = queuePath();
-    if (!owner_ && std::filesystem::exists(path_)) {
-        owner_ = OwnerLock::acquire(path_);
-    }
-    if (owner_ && owner_->use()) {
-        // Only when no other live process uses it.
-        if (owner_->useAlone()) {
-            QueueFile::remove(path_);
-        }
-        owner_->stopUsing();
-    }
 }
 
 bool Journal::wanted() const {
@@ -111,22 +73,16 @@ void Journal::settle(JournalRow row, Settlement settlement, bool retried) {
             return;
         }
         const bool answered = settlement != Settlement::Unanswered;
-        if (settlement == Settlement::Delivered) {
-            changes_.push_back({row.id, std::nullopt});
+        const std::optional<State> state =
+            settlement == Settlement::Delivered ? std::nullopt
+                                                : std::optional(answered ? State::Refused : State::Unanswered);
+        if (retried) {
+            retries_.tryAnswered(answered);
         } else {
-            changes_.push_back({row.id, answered ? State::Refused : State::Unanswered});
+            retries_.firstSendEnded(answered);
         }
-        unanswered_ += answered ? 0 : 1;
-        if (retried && retryRound_) {
-            // An answer means the server is back: the rest of the round follows. An answer that
-            // comes after its round ended starts nothing: the round's rows may still be on their way.
-            retries_ = answered ? kAllRetries : 0;
-        }
-        if (changes_.size() == 1) {
-            changesSince_ = Clock::now();
-        }
-        // The first starts the thread's wait for the group; a full group is written at once.
-        wake = changes_.size() == 1 || changes_.size() >= kChangesPerCommit || (retried && answered);
+        // An answered try lets the rest of its round go at once.
+        wake = changes_.add({{row.id, state}}) || (retried && answered);
     }
     if (wake) {
         wake_();
@@ -135,8 +91,8 @@ void Journal::settle(JournalRow row, Settlement settlement, bool retried) {
 
 void Journal::retryEnded(JournalRow row) {
     std::lock_guard lock(stateMutex_);
-    if (row.opening == opening_ && retriesInFlight_ > 0) {
-        --retriesInFlight_;
+    if (row.opening == opening_) {
+        retries_.tryEnded();
     }
 }
 
@@ -155,7 +111,7 @@ void Journal::tick(std::size_t maxUnanswered, std::size_t maxUnansweredBytes) {
 
 bool Journal::hasResendWork() const {
     std::lock_guard lock(stateMutex_);
-    return opening_ != 0 && unanswered_ > 0;
+    return opening_ != 0 && retries_.unanswered() > 0;
 }
 
 bool Journal::accepting() const {
@@ -168,17 +124,12 @@ bool Journal::isOpen() const { return open_.load(std::memory_order_relaxed); }
 bool Journal::needsTurn(std::size_t room) const {
     std::lock_guard lock(stateMutex_);
     const bool want = wanted_ && allowed_;
-    if (want && opening_ == 0) {
-        return Clock::now() >= writableAfter_;
+    if (want != (opening_ != 0)) {
+        return !want || Clock::now() >= writableAfter_;
     }
-    if (!want && opening_ != 0) {
-        return true;
-    }
-    if (opening_ == 0) {
-        return false;
-    }
-    return changes_.size() >= kChangesPerCommit || tick_ ||
-           (room > 0 && (backlogCount_ > 0 || (retries_ > 0 && unanswered_ > 0)));
+    return opening_ != 0 &&
+           (changes_.full() || tick_ ||
+            (room > 0 && (backlogCount_ > 0 || (retries_.allowance() > 0 && retries_.unanswered() > 0))));
 }
 
 bool Journal::hasPendingChanges() const {
@@ -190,7 +141,7 @@ std::optional<Clock::time_point> Journal::dueAt() const {
     std::lock_guard lock(stateMutex_);
     std::optional<Clock::time_point> due;
     if (opening_ != 0 && !changes_.empty()) {
-        due = std::max(changesSince_ + kCommitDelay, writableAfter_);
+        due = std::max(changes_.dueAt(), writableAfter_);
     }
     if (wanted_ && allowed_ && opening_ == 0) {
         due = due ? std::min(*due, writableAfter_) : writableAfter_;
@@ -222,8 +173,22 @@ std::vector<Outgoing> Journal::reconcile() {
     return moved;
 }
 
+void Journal::removeUnusedLocked() {
+    path_ = QueueFile::pathForMainBundle();
+    if (!owner_ && std::filesystem::exists(path_)) {
+        owner_ = OwnerLock::acquire(path_);
+    }
+    // Only when no other live process uses it.
+    if (owner_ && owner_->use()) {
+        if (owner_->useAlone()) {
+            QueueFile::remove(path_);
+        }
+        owner_->stopUsing();
+    }
+}
+
 bool Journal::openLocked() {
-    path_ = queuePath();
+    path_ = QueueFile::pathForMainBundle();
     try {
         if (!DataDirectory::makePrivate(path_.parent_path())) {
             throw std::system_error(std::make_error_code(std::errc::permission_denied),
@@ -243,26 +208,27 @@ bool Journal::openLocked() {
             return false;
         }
         const std::vector<std::int64_t> ids = file_->claimOrphans();
+        const std::size_t unanswered = file_->count(State::Unanswered).events;
         std::lock_guard lock(stateMutex_);
         const std::uint64_t epoch = PrivacyEpoch::current();
         for (const std::int64_t id : ids) {
-            backlog_.push_back({id, 0, EventsInFlight::begin(), epoch, recoveryHold_});
+            backlog_.push({id, 0, EventsInFlight::begin(), epoch, recoveryHold_});
         }
         recoveryHold_.reset();
         opening_ = ++openings_;
         open_.store(true, std::memory_order_relaxed);
         backlogCount_ = backlog_.size();
-        unanswered_ = file_->count(State::Unanswered).events;
+        retries_.reset();
+        retries_.counted(unanswered);
         handedOverRow_ = 0;
         retriedRow_ = 0;
         return true;
-    } catch (const std::system_error& error) {
+    } catch (const std::system_error&) {
         if (file_) {
             file_.reset();
             owner_->stopUsing();
         }
         backlog_.clear();
-        backlogBytes_ = 0;
         pauseLocked("opened");
         return false;
     }
@@ -281,6 +247,7 @@ std::vector<Outgoing> Journal::closeLocked(bool turnedOff) {
                 std::ranges::move(rows, std::back_inserter(moved));
             }
         } catch (const std::system_error&) {
+            std::lock_guard lock(stateMutex_);
             lost_ += backlog_.size();
         }
         for (Outgoing& event : moved) {
@@ -297,16 +264,12 @@ std::vector<Outgoing> Journal::closeLocked(bool turnedOff) {
     file_.reset();
     owner_->stopUsing();
     backlog_.clear();
-    backlogBytes_ = 0;
     std::lock_guard lock(stateMutex_);
     opening_ = 0;
     open_.store(false, std::memory_order_relaxed);
     changes_.clear();
     backlogCount_ = 0;
-    unanswered_ = 0;
-    retries_ = 0;
-    retriesInFlight_ = 0;
-    retryRound_ = false;
+    retries_.reset();
     tick_ = false;
     return moved;
 }
@@ -330,16 +293,9 @@ void Journal::resumeLocked() {
     reportedFailure_ = false;
 }
 
-Outgoing Journal::outgoingFrom(QueueFile::Row& row, EventsInFlight::Ticket ticket,
-                               std::uint64_t epoch, std::shared_ptr<const void> hold,
-                               bool retried) const {
-    // Texts a later version wrote under names this one does not know read as none.
-    EventRecord record{EventTable::decode(row.texts).value_or(EventTexts{}),
-                       std::make_shared<const Destination>(Destination{std::nullopt, row.url}),
-                       std::move(ticket), row.isSavedEvent, epoch, std::move(row.eventId)};
-    std::string uuid = deviceUUIDIn(row.body);
-    return {std::move(record), std::move(row.body), std::move(uuid), {opening_, row.id}, retried,
-            std::move(hold)};
+bool Journal::pausedLocked() const {
+    std::lock_guard lock(stateMutex_);
+    return Clock::now() < writableAfter_;
 }
 
 std::vector<Outgoing> Journal::readPendingLocked(std::size_t limit) {
@@ -348,25 +304,17 @@ std::vector<Outgoing> Journal::readPendingLocked(std::size_t limit) {
     if (rows.empty()) {
         // Erased under us by another process's forget: those events are gone with the identity.
         backlog_.clear();
-        backlogBytes_ = 0;
         return read;
     }
     for (QueueFile::Row& row : rows) {
-        while (!backlog_.empty() && backlog_.front().id < row.id) {
-            backlogBytes_ -= backlog_.front().bytes;
-            backlog_.pop_front();
-        }
         handedOverRow_ = row.id;
-        if (backlog_.empty() || backlog_.front().id != row.id) {
-            read.push_back(outgoingFrom(row, EventsInFlight::begin(), PrivacyEpoch::current(),
-                                        nullptr, false));
-            continue;
+        if (std::optional<PendingRows::Row> pending = backlog_.take(row.id)) {
+            read.push_back(Outgoing::fromRow(row, {opening_, row.id}, std::move(pending->ticket),
+                                             pending->epoch, std::move(pending->hold), false));
+        } else {
+            read.push_back(Outgoing::fromRow(row, {opening_, row.id}, EventsInFlight::begin(),
+                                             PrivacyEpoch::current(), nullptr, false));
         }
-        BacklogRow& entry = backlog_.front();
-        backlogBytes_ -= entry.bytes;
-        read.push_back(outgoingFrom(row, std::move(entry.ticket), entry.epoch,
-                                    std::move(entry.hold), false));
-        backlog_.pop_front();
     }
     return read;
 }
@@ -382,7 +330,7 @@ Journal::Accepted Journal::accept(std::vector<Outgoing> events, std::size_t room
         accepted.discardedBy = PrivacyEpoch::fenceSince(event.record.epoch);
         return true;
     });
-    if (!file_ || events.empty() || Clock::now() < writableAfterLocked()) {
+    if (!file_ || events.empty() || pausedLocked()) {
         accepted.unwritten = std::move(events);
         return accepted;
     }
@@ -396,7 +344,7 @@ Journal::Accepted Journal::accept(std::vector<Outgoing> events, std::size_t room
     std::vector<QueueFile::Change> changes = takeChanges(true);
     std::vector<std::int64_t> ids;
     if (!file_->write(rows, ids, changes)) {
-        returnChanges(std::move(changes));
+        giveBackChanges(std::move(changes));
         pauseLocked("written");
         accepted.unwritten = std::move(events);
         return accepted;
@@ -409,10 +357,8 @@ Journal::Accepted Journal::accept(std::vector<Outgoing> events, std::size_t room
             handedOverRow_ = ids[index];
             accepted.now.push_back(std::move(event));
         } else {
-            const std::size_t bytes = rows[index].body.size() + rows[index].texts.size();
-            backlogBytes_ += bytes;
-            backlog_.push_back({ids[index], bytes, std::move(event.record.ticket),
-                                event.record.epoch, std::move(event.hold)});
+            backlog_.push({ids[index], rows[index].body.size() + rows[index].texts.size(),
+                           std::move(event.record.ticket), event.record.epoch, std::move(event.hold)});
         }
     }
     trimBacklogLocked();
@@ -420,30 +366,49 @@ Journal::Accepted Journal::accept(std::vector<Outgoing> events, std::size_t room
 }
 
 void Journal::trimBacklogLocked() {
-    std::vector<QueueFile::Change> oldest;
-    std::size_t maxEvents = 0;
-    std::size_t maxBytes = 0;
-    {
-        std::lock_guard lock(stateMutex_);
-        maxEvents = maxEvents_;
-        maxBytes = maxBytes_;
-    }
-    while (backlog_.size() > maxEvents || backlogBytes_ > maxBytes) {
-        oldest.push_back({backlog_.front().id, std::nullopt});
-        backlogBytes_ -= backlog_.front().bytes;
-        backlog_.pop_front();
-    }
     std::lock_guard lock(stateMutex_);
-    backlogCount_ = backlog_.size();
-    if (oldest.empty()) {
-        return;
+    std::vector<QueueFile::Change> oldest;
+    for (const std::int64_t id : backlog_.trim(maxEvents_, maxBytes_)) {
+        oldest.push_back({id, std::nullopt});
     }
+    backlogCount_ = backlog_.size();
     lost_ += oldest.size();
     // Deleted with the next group commit; a kill before it leaves them for the next process.
-    if (changes_.empty()) {
-        changesSince_ = Clock::now();
+    if (!oldest.empty()) {
+        changes_.add(oldest);
     }
-    changes_.insert(changes_.end(), oldest.begin(), oldest.end());
+}
+
+std::vector<Outgoing> Journal::readRetriesLocked(std::size_t room) {
+    std::vector<Outgoing> read;
+    while (read.size() < room) {
+        std::size_t allowance = 0;
+        {
+            std::lock_guard lock(stateMutex_);
+            allowance = retries_.allowance();
+        }
+        if (allowance == 0) {
+            break;
+        }
+        // An answered row must not be tried again: what the answers changed goes first.
+        commitLocked(true);
+        std::vector<QueueFile::Row> rows = file_->read(
+            State::Unanswered, retriedRow_, std::min({room - read.size(), allowance, kReadBatch}));
+        std::lock_guard lock(stateMutex_);
+        if (rows.empty()) {
+            // The round is over; the next one starts from the oldest again.
+            retriedRow_ = 0;
+            retries_.finish();
+            break;
+        }
+        for (QueueFile::Row& row : rows) {
+            retriedRow_ = row.id;
+            retries_.tried();
+            read.push_back(Outgoing::fromRow(row, {opening_, row.id}, EventsInFlight::begin(),
+                                             PrivacyEpoch::current(), nullptr, true));
+        }
+    }
+    return read;
 }
 
 std::vector<Outgoing> Journal::readBack(std::size_t room) {
@@ -454,36 +419,7 @@ std::vector<Outgoing> Journal::readBack(std::size_t room) {
     }
     try {
         serviceTickLocked();
-        while (read.size() < room) {
-            std::size_t retries = 0;
-            {
-                std::lock_guard lock(stateMutex_);
-                retries = retries_;
-            }
-            if (retries == 0) {
-                break;
-            }
-            // An answered row must not be tried again: what the answers changed goes first.
-            commitLocked(true);
-            std::vector<QueueFile::Row> rows =
-                file_->read(State::Unanswered, retriedRow_,
-                            std::min({room - read.size(), retries, kReadBatch}));
-            std::lock_guard lock(stateMutex_);
-            if (rows.empty()) {
-                // The round is over; the next one starts from the oldest again.
-                retriedRow_ = 0;
-                retries_ = 0;
-                retryRound_ = false;
-                break;
-            }
-            for (QueueFile::Row& row : rows) {
-                retriedRow_ = row.id;
-                retries_ -= retries_ == kAllRetries ? 0 : 1;
-                ++retriesInFlight_;
-                read.push_back(
-                    outgoingFrom(row, EventsInFlight::begin(), PrivacyEpoch::current(), nullptr, true));
-            }
-        }
+        read = readRetriesLocked(room);
         while (read.size() < room && !backlog_.empty()) {
             std::vector<Outgoing> rows = readPendingLocked(std::min(room - read.size(), kReadBatch));
             if (rows.empty()) {
@@ -517,13 +453,8 @@ void Journal::serviceTickLocked() {
     const std::size_t unanswered = file_->count(State::Unanswered).events;
     std::lock_guard lock(stateMutex_);
     lost_ += trimmed;
-    unanswered_ = unanswered;
-    // A row still on its way from the last round is not tried twice; one try goes first, and
-    // the rest follow once it has an answer.
-    if (unanswered_ > 0 && retries_ == 0 && retriesInFlight_ == 0) {
-        retryRound_ = true;
-        retries_ = 1;
-    }
+    retries_.counted(unanswered);
+    retries_.tick();
 }
 
 void Journal::commit(bool force) {
@@ -534,7 +465,7 @@ void Journal::commit(bool force) {
 }
 
 void Journal::commitLocked(bool force) {
-    if (Clock::now() < writableAfterLocked()) {
+    if (pausedLocked()) {
         return;
     }
     std::vector<QueueFile::Change> changes = takeChanges(force);
@@ -545,29 +476,19 @@ void Journal::commitLocked(bool force) {
     if (file_->write({}, none, changes)) {
         resumeLocked();
     } else {
-        returnChanges(std::move(changes));
+        giveBackChanges(std::move(changes));
         pauseLocked("written");
     }
 }
 
-Clock::time_point Journal::writableAfterLocked() const {
-    std::lock_guard lock(stateMutex_);
-    return writableAfter_;
-}
-
 std::vector<QueueFile::Change> Journal::takeChanges(bool force) {
-    std::vector<QueueFile::Change> taken;
     std::lock_guard lock(stateMutex_);
-    if (force || changes_.size() >= kChangesPerCommit || Clock::now() - changesSince_ >= kCommitDelay) {
-        taken.swap(changes_);
-    }
-    return taken;
+    return changes_.take(force);
 }
 
-void Journal::returnChanges(std::vector<QueueFile::Change> changes) {
+void Journal::giveBackChanges(std::vector<QueueFile::Change> changes) {
     std::lock_guard lock(stateMutex_);
-    changes.insert(changes.end(), changes_.begin(), changes_.end());
-    changes_.swap(changes);
+    changes_.giveBack(std::move(changes));
 }
 
 std::size_t Journal::takeLost() {
@@ -593,7 +514,6 @@ std::size_t Journal::fence(FenceKind kind) {
         closeLocked(false);
     }
     backlog_.clear();
-    backlogBytes_ = 0;
     {
         std::lock_guard lock(stateMutex_);
         // Until consent returns the file is neither read nor written.
@@ -619,15 +539,11 @@ void Journal::abandonInChild() {
         static_cast<void>(owner_.release());
     }
     backlog_.clear();
-    backlogBytes_ = 0;
     opening_ = 0;
     open_.store(false, std::memory_order_relaxed);
     changes_.clear();
     backlogCount_ = 0;
-    unanswered_ = 0;
-    retries_ = 0;
-    retriesInFlight_ = 0;
-    retryRound_ = false;
+    retries_.reset();
     tick_ = false;
     recoveryHold_.reset();
 }

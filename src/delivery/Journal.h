@@ -4,7 +4,6 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -12,8 +11,11 @@
 #include <optional>
 #include <vector>
 
-#include "delivery/EventRecord.h"
+#include "delivery/Outgoing.h"
+#include "delivery/PendingChanges.h"
+#include "delivery/PendingRows.h"
 #include "delivery/QueueFile.h"
+#include "delivery/RetryRound.h"
 
 namespace NorvAnalytic {
 
@@ -113,14 +115,6 @@ public:
     void abandonInChild();
 
 private:
-    struct BacklogRow {
-        std::int64_t id;
-        std::size_t bytes;
-        EventsInFlight::Ticket ticket;
-        std::uint64_t epoch;
-        std::shared_ptr<const void> hold;
-    };
-
     // The methods named ...Locked run with ioMutex_ held.
     bool openLocked();
     std::vector<Outgoing> closeLocked(bool turnedOff);
@@ -130,16 +124,15 @@ private:
     // the failed step; null when it was said already).
     void pauseLocked(const char* what);
     void resumeLocked();
-    std::chrono::steady_clock::time_point writableAfterLocked() const;
-    Outgoing outgoingFrom(QueueFile::Row& row, EventsInFlight::Ticket ticket, std::uint64_t epoch,
-                          std::shared_ptr<const void> hold, bool retried) const;
+    bool pausedLocked() const;
     // The next pending rows after the last one handed over, with their tickets.
     std::vector<Outgoing> readPendingLocked(std::size_t limit);
+    std::vector<Outgoing> readRetriesLocked(std::size_t room);
     void trimBacklogLocked();
     void serviceTickLocked();
     void commitLocked(bool force);
     std::vector<QueueFile::Change> takeChanges(bool force);
-    void returnChanges(std::vector<QueueFile::Change> changes);
+    void giveBackChanges(std::vector<QueueFile::Change> changes);
 
     std::function<void()> wake_;
 
@@ -148,8 +141,7 @@ private:
     std::unique_ptr<OwnerLock> owner_;
     std::unique_ptr<QueueFile> file_;
     std::filesystem::path path_;
-    std::deque<BacklogRow> backlog_;
-    std::size_t backlogBytes_ = 0;
+    PendingRows backlog_;
     std::int64_t handedOverRow_ = 0;
     std::int64_t retriedRow_ = 0;
     bool reportedFailure_ = false;
@@ -162,14 +154,9 @@ private:
     std::uint64_t opening_ = 0;
     std::atomic<bool> open_{false};
     std::uint64_t openings_ = 0;
-    std::vector<QueueFile::Change> changes_;
-    std::chrono::steady_clock::time_point changesSince_;
+    PendingChanges changes_;
     std::size_t backlogCount_ = 0;
-    std::size_t unanswered_ = 0;
-    // Unanswered rows a turn may still try in this round, and those of it on their way.
-    std::size_t retries_ = 0;
-    std::size_t retriesInFlight_ = 0;
-    bool retryRound_ = false;
+    RetryRound retries_;
     bool tick_ = false;
     std::size_t maxUnanswered_ = 0;
     std::size_t maxUnansweredBytes_ = 0;

@@ -37,18 +37,6 @@ void prepareClient() {
 
 }  // namespace
 
-SentEvent::~SentEvent() {
-    Outbox& outbox = Outbox::shared();
-    if (outgoing.retried) {
-        outbox.journal().retryEnded(outgoing.row);
-    }
-    outbox.released(generation_);
-}
-
-void SentEvent::settle(Journal::Settlement settlement) {
-    Outbox::shared().journal().settle(outgoing.row, settlement, outgoing.retried);
-}
-
 Outbox& Outbox::shared() {
     // Never destroyed: completions may still run while the process exits.
     static auto* outbox = new Outbox;
@@ -64,25 +52,20 @@ void Outbox::connect(Connections connections) { connections_ = std::move(connect
 
 void Outbox::submit(EventRecord record) {
     prepareClient();
-    std::vector<EventRecord> droppedRecords;
-    std::vector<Outgoing> droppedReady;
-    std::string warning;
+    Dropped dropped;
     bool wake = false;
     {
         std::lock_guard lock(mutex_);
         ensureThreadLocked();
         queuedBytes_ += record.bytes();
         waiting_.push_back(std::move(record));
-        warning = trimLocked(droppedRecords, droppedReady);
+        dropped = trimLocked();
         wake = (journal_.isOpen() || inWindow_ < kWindow) && wakeLocked();
     }
     if (wake) {
         wake_.notify_one();
     }
-    if (!droppedRecords.empty() || !droppedReady.empty()) {
-        EventsInFlight::noteLost(droppedRecords.size() + droppedReady.size());
-    }
-    report(warning);
+    dropped.account();
 }
 
 void Outbox::ensureThreadLocked() {
@@ -209,24 +192,10 @@ void Outbox::deliverForever() {
             // Out of memory: what the file held is let go.
         }
         lock.lock();
-        std::vector<EventRecord> droppedRecords;
-        std::vector<Outgoing> droppedReady;
-        std::string warning;
-        if (!moved.empty()) {
-            for (auto event = moved.rbegin(); event != moved.rend(); ++event) {
-                queuedBytes_ += event->bytes();
-                ready_.push_front(std::move(*event));
-            }
-            warning = trimLocked(droppedRecords, droppedReady);
-        }
+        Dropped dropped = addReadyLocked(moved, true);
         Turn turn = takeLocked(last);
         lock.unlock();
-        if (!droppedRecords.empty() || !droppedReady.empty()) {
-            EventsInFlight::noteLost(droppedRecords.size() + droppedReady.size());
-        }
-        droppedRecords.clear();
-        droppedReady.clear();
-        report(warning);
+        dropped.account();
         std::size_t used = 0;
         try {
             used = run(turn);
@@ -267,21 +236,13 @@ std::size_t Outbox::run(Turn& turn) {
         now.push_back(std::move(fromMemory[next++]));
     }
     if (next < fromMemory.size()) {
-        std::vector<EventRecord> droppedRecords;
-        std::vector<Outgoing> droppedReady;
-        std::string warning;
+        fromMemory.erase(fromMemory.begin(), fromMemory.begin() + static_cast<std::ptrdiff_t>(next));
+        Dropped dropped;
         {
             std::lock_guard lock(mutex_);
-            for (; next < fromMemory.size(); ++next) {
-                queuedBytes_ += fromMemory[next].bytes();
-                ready_.push_back(std::move(fromMemory[next]));
-            }
-            warning = trimLocked(droppedRecords, droppedReady);
+            dropped = addReadyLocked(fromMemory, false);
         }
-        if (!droppedRecords.empty() || !droppedReady.empty()) {
-            EventsInFlight::noteLost(droppedRecords.size() + droppedReady.size());
-        }
-        report(warning);
+        dropped.account();
     }
     // A burst goes into the file first: what is accepted is safe before anything is read back.
     if (!turn.moreWaiting && now.size() < turn.room) {
@@ -439,23 +400,47 @@ void Outbox::released(std::uint64_t generation) {
     }
 }
 
-std::string Outbox::trimLocked(std::vector<EventRecord>& droppedRecords,
-                               std::vector<Outgoing>& droppedReady) {
+Outbox::Dropped Outbox::addReadyLocked(std::vector<Outgoing>& events, bool inFront) {
+    for (Outgoing& event : events) {
+        queuedBytes_ += event.bytes();
+    }
+    if (inFront) {
+        ready_.insert(ready_.begin(), std::make_move_iterator(events.begin()),
+                      std::make_move_iterator(events.end()));
+    } else {
+        std::ranges::move(events, std::back_inserter(ready_));
+    }
+    events.clear();
+    return trimLocked();
+}
+
+Outbox::Dropped Outbox::trimLocked() {
+    Dropped dropped;
     while ((waiting_.size() + ready_.size() > maxEvents_ || queuedBytes_ > maxBytes_) &&
            !(waiting_.empty() && ready_.empty())) {
         // The oldest first: what a file held or could not take came before the waiting records.
         if (!ready_.empty()) {
             queuedBytes_ -= ready_.front().bytes();
-            droppedReady.push_back(std::move(ready_.front()));
+            dropped.ready.push_back(std::move(ready_.front()));
             ready_.pop_front();
         } else {
             queuedBytes_ -= waiting_.front().bytes();
-            droppedRecords.push_back(std::move(waiting_.front()));
+            dropped.records.push_back(std::move(waiting_.front()));
             waiting_.pop_front();
         }
     }
-    const std::size_t count = droppedRecords.size() + droppedReady.size();
-    return count > 0 ? countDroppedLocked(count) : std::string();
+    const std::size_t count = dropped.records.size() + dropped.ready.size();
+    dropped.warning = count > 0 ? countDroppedLocked(count) : std::string();
+    return dropped;
+}
+
+void Outbox::Dropped::account() {
+    if (const std::size_t count = records.size() + ready.size(); count > 0) {
+        EventsInFlight::noteLost(count);
+    }
+    records.clear();
+    ready.clear();
+    report(warning);
 }
 
 std::string Outbox::countDroppedLocked(std::size_t count) {
@@ -478,20 +463,15 @@ void Outbox::report(const std::string& warning) {
 }
 
 void Outbox::setLimits(std::size_t maxEvents, std::size_t maxBytes) {
-    std::vector<EventRecord> droppedRecords;
-    std::vector<Outgoing> droppedReady;
-    std::string warning;
+    Dropped dropped;
     {
         std::lock_guard lock(mutex_);
         maxEvents_ = std::max<std::size_t>(maxEvents, 1);
         maxBytes_ = maxBytes;
-        warning = trimLocked(droppedRecords, droppedReady);
+        dropped = trimLocked();
     }
     journal_.setLimits(std::max<std::size_t>(maxEvents, 1), maxBytes);
-    if (!droppedRecords.empty() || !droppedReady.empty()) {
-        EventsInFlight::noteLost(droppedRecords.size() + droppedReady.size());
-    }
-    report(warning);
+    dropped.account();
 }
 
 std::uint64_t Outbox::droppedCount() const {

@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "delivery/DeviceFactsSource.h"
-#include "delivery/EventRecord.h"
+#include "delivery/Outgoing.h"
 #include "delivery/Journal.h"
 #include "delivery/SentEvent.h"
 
@@ -114,9 +114,18 @@ private:
                   std::optional<HttpResponse> response, std::optional<Error> error);
     void released(std::uint64_t generation);
     void setTouching(bool touching);
-    // Drops the oldest beyond the bounds; returns the burst's one warning.
-    std::string trimLocked(std::vector<EventRecord>& droppedRecords,
-                           std::vector<Outgoing>& droppedReady);
+    // What a bound dropped, let go of (its tickets take a lock of their own), counted and said
+    // outside the lock.
+    struct Dropped {
+        std::vector<EventRecord> records;
+        std::vector<Outgoing> ready;
+        std::string warning;
+        void account();
+    };
+    // Adds built events to those waiting for room (in front: they came before all that waits).
+    Dropped addReadyLocked(std::vector<Outgoing>& events, bool inFront);
+    // Drops the oldest beyond the bounds.
+    Dropped trimLocked();
     std::string countDroppedLocked(std::size_t count);
     static void report(const std::string& warning);
 

@@ -1,5 +1,6 @@
 #include "delivery/QueueFile.h"
 
+#include <NorvAnalytic/Bundle.h>
 #include <sqlite3.h>
 
 #include <algorithm>
@@ -53,6 +54,11 @@ std::filesystem::path QueueFile::pathFor(const std::string& bundleIdentifier) {
         }
     }
     return DataDirectory::path() / (name + ".sqlite");
+}
+
+std::filesystem::path QueueFile::pathForMainBundle() {
+    const std::shared_ptr<const Bundle> bundle = Bundle::mainBundle();
+    return pathFor(bundle ? bundle->bundleIdentifier() : std::string());
 }
 
 std::unique_ptr<QueueFile> QueueFile::open(const std::filesystem::path& path, const OwnerLock& owner) {

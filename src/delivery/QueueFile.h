@@ -48,6 +48,8 @@ public:
 
     // queue-<bundle identifier>.sqlite in the data directory, queue.sqlite without one.
     static std::filesystem::path pathFor(const std::string& bundleIdentifier);
+    // The file of the host's main bundle.
+    static std::filesystem::path pathForMainBundle();
     // Opens or creates the file for the process that holds owner. Rows this process left in an
     // earlier opening are deleted: they were sent from memory or discarded since. A damaged or
     // foreign file is moved aside, reported, and replaced; null (reported) when no file can be had.

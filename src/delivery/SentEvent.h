@@ -3,7 +3,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "delivery/EventRecord.h"
+#include "delivery/Outgoing.h"
 #include "delivery/Journal.h"
 
 namespace NorvAnalytic {

@@ -9,7 +9,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "delivery/EventRecord.h"
+#include "delivery/Outgoing.h"
 
 namespace NorvAnalytic {
 

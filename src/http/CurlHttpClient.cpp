@@ -10,7 +10,6 @@
 #include <deque>
 #include <memory>
 #include <mutex>
-#include <new>
 #include <optional>
 #include <set>
 #include <string>
@@ -19,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "http/CurlTransfer.h"
 #include "platform/SdkThread.h"
 
 namespace NorvAnalytic {
@@ -29,53 +29,13 @@ constexpr long kMaxConnectionsPerHost = 6;
 // Requests in curl at once. Over HTTP/2 they are streams on one connection; over HTTP/1.1 curl
 // runs six and queues the rest until a connection is free.
 constexpr std::size_t kMaxTransfers = 64;
-constexpr curl_off_t kMaxAnswerBytes = 1 << 20;
-constexpr long kIdleTimeoutSeconds = 60;
-// A server that trickles its answer slowly enough to pass the idle check still ends here.
-constexpr long kWholeRequestTimeoutSeconds = 300;
-constexpr long kMaxRedirects = 16;
 // With transfers running, libcurl's own timers wake the loop sooner when they must. With none,
 // it sleeps until a request or a stop wakes it.
 constexpr int kPollMilliseconds = 1000;
 constexpr int kIdlePollMilliseconds = std::numeric_limits<int>::max();
 
 using Completion = HttpClient::Completion;
-
-struct Request {
-    HttpRequest request;
-    Completion completion;
-    // In the order of send(): a cancel reaches every request sent before it.
-    std::uint64_t sequence = 0;
-};
-
-// Runs a completion on our thread: nothing it throws may leave it.
-void complete(Completion& completion, std::optional<std::string> data,
-              std::optional<HttpResponse> response, std::optional<Error> error) noexcept {
-    try {
-        completion(std::move(data), response, std::move(error));
-    } catch (...) {
-    }
-}
-
-void cancel(Request& request, const char* why) noexcept {
-    complete(request.completion, std::nullopt, std::nullopt,
-             HttpClient::error(HttpClientErrorCancelled, why));
-}
-
-// One easy handle, kept for the next request, and what its request needs while curl works.
-struct Transfer {
-    CURL* easy = nullptr;
-    Request request;
-    curl_slist* headers = nullptr;
-    std::string answer;
-    bool tooLong = false;
-    // Set by libcurl's last call before it writes the request: from then on it is on the wire.
-    bool started = false;
-    // Requests sent before this number are cancelled unless started; read on the network thread.
-    const std::atomic<std::uint64_t>* cancelBefore = nullptr;
-    std::uint64_t settingsVersion = 0;
-    char errorText[CURL_ERROR_SIZE] = {};
-};
+using Transfers = std::vector<std::unique_ptr<CurlTransfer>>;
 
 struct Settings {
     std::vector<std::string> connectTo;
@@ -88,34 +48,12 @@ struct Settings {
 struct Network {
     CURLM* multi = nullptr;
     CURLSH* share = nullptr;
-    std::vector<std::unique_ptr<Transfer>> idle;
+    Transfers idle;
     curl_slist* connectTo = nullptr;
 };
 
-// libcurl's call after a connection is ready (or reused) and before the request is written:
-// the last moment a cancel keeps a request off the wire.
-int beforeRequest(void* user, char*, char*, int, int) {
-    auto* transfer = static_cast<Transfer*>(user);
-    if (transfer->request.sequence < transfer->cancelBefore->load(std::memory_order_acquire)) {
-        return CURL_PREREQFUNC_ABORT;
-    }
-    transfer->started = true;
-    return CURL_PREREQFUNC_OK;
-}
-
-std::size_t receive(char* bytes, std::size_t size, std::size_t count, void* user) {
-    auto* transfer = static_cast<Transfer*>(user);
-    const std::size_t length = size * count;
-    if (transfer->answer.size() + length > static_cast<std::size_t>(kMaxAnswerBytes)) {
-        transfer->tooLong = true;
-        return 0;  // curl stops reading this answer
-    }
-    try {
-        transfer->answer.append(bytes, length);
-    } catch (...) {
-        return 0;
-    }
-    return length;
+void completeUnsent(Completion& completion, HttpClientErrorCode code, const char* why) {
+    CurlRequest{{}, std::move(completion)}.complete(std::nullopt, std::nullopt, HttpClient::error(code, why));
 }
 
 }  // namespace
@@ -158,26 +96,23 @@ public:
         std::unique_lock lock(mutex_);
         if (state_ == State::Stopped) {
             lock.unlock();
-            complete(completion, std::nullopt, std::nullopt,
-                     HttpClient::error(HttpClientErrorCancelled,
-                                       "The request was not sent: the process is exiting"));
+            completeUnsent(completion, HttpClientErrorCancelled,
+                           "The request was not sent: the process is exiting");
             return;
         }
         if (incoming_.size() >= kMaxWaitingRequests) {
             lock.unlock();
-            complete(completion, std::nullopt, std::nullopt,
-                     HttpClient::error(HttpClientErrorDropped,
-                                       "The request was dropped: too many requests were waiting"));
+            completeUnsent(completion, HttpClientErrorDropped,
+                           "The request was dropped: too many requests were waiting");
             return;
         }
         incoming_.push_back({std::move(request), std::move(completion), nextSequence_++});
         if (state_ == State::Idle && !start()) {
-            Request unsent = std::move(incoming_.back());
+            CurlRequest unsent = std::move(incoming_.back());
             incoming_.pop_back();
             lock.unlock();
-            complete(unsent.completion, std::nullopt, std::nullopt,
-                     HttpClient::error(HttpClientErrorTransport,
-                                       "The request was not sent: no network thread could start"));
+            completeUnsent(unsent.completion, HttpClientErrorTransport,
+                           "The request was not sent: no network thread could start");
         } else if (sleepsWithRoom_) {
             sleepsWithRoom_ = false;
             curl_multi_wakeup(network_->multi);
@@ -188,7 +123,7 @@ public:
     // are taken out of the multi handle by the network thread, which this waits for (unless it
     // is that thread: a completion that cancels, whose later requests the pre-request check stops).
     void cancelUnsent() {
-        std::deque<Request> cancelled;
+        std::deque<CurlRequest> cancelled;
         std::uint64_t ticket = 0;
         bool wait = false;
         {
@@ -201,8 +136,8 @@ public:
                 wait = thread_.get_id() != std::this_thread::get_id();
             }
         }
-        for (Request& request : cancelled) {
-            cancel(request, "The request was cancelled before it was sent");
+        for (CurlRequest& request : cancelled) {
+            request.cancel("The request was cancelled before it was sent");
         }
         if (wait) {
             std::unique_lock lock(mutex_);
@@ -314,7 +249,7 @@ private:
 
     void stop(const char* why) {
         std::thread thread;
-        std::deque<Request> cancelled;
+        std::deque<CurlRequest> cancelled;
         {
             std::lock_guard lock(mutex_);
             stopRequestedLocked();
@@ -330,8 +265,8 @@ private:
         if (thread.joinable()) {
             thread.join();
         }
-        for (Request& request : cancelled) {
-            cancel(request, why);
+        for (CurlRequest& request : cancelled) {
+            request.cancel(why);
         }
     }
 
@@ -342,7 +277,7 @@ private:
             return;
         }
         static_cast<void>(network_.release());
-        static_cast<void>(new std::deque<Request>(std::move(incoming_)));
+        static_cast<void>(new std::deque<CurlRequest>(std::move(incoming_)));
         abandonParentsThread(thread_);
         incoming_.clear();
         state_ = State::Idle;
@@ -353,11 +288,11 @@ private:
 
     void run() {
         Network& network = *network_;
-        std::vector<std::unique_ptr<Transfer>> active;
+        Transfers active;
         active.reserve(kMaxTransfers);
         std::unique_lock lock(mutex_);
         while (!stopRequested_) {
-            std::vector<Request> taken;
+            std::vector<CurlRequest> taken;
             while (!incoming_.empty() && active.size() + taken.size() < kMaxTransfers) {
                 taken.push_back(std::move(incoming_.front()));
                 incoming_.pop_front();
@@ -378,7 +313,7 @@ private:
                 cancelsMade_ = cancels;
                 cancelsDone_.notify_all();
             }
-            for (Request& request : taken) {
+            for (CurlRequest& request : taken) {
                 begin(network, active, std::move(request));
             }
             int running = 0;
@@ -401,7 +336,7 @@ private:
             lock.lock();
             sleepsWithRoom_ = false;
         }
-        std::deque<Request> waiting;
+        std::deque<CurlRequest> waiting;
         waiting.swap(incoming_);
         const std::string why = stopReason_;
         const bool deleteThis = deleteWhenStopped_;
@@ -409,17 +344,14 @@ private:
         cancelsDone_.notify_all();
         lock.unlock();
         for (auto& transfer : active) {
-            curl_multi_remove_handle(network.multi, transfer->easy);
-            cancel(transfer->request, why.c_str());
-            curl_easy_cleanup(transfer->easy);
-            curl_slist_free_all(transfer->headers);
+            curl_multi_remove_handle(network.multi, transfer->easy());
+            transfer->takeBack().cancel(why.c_str());
         }
-        for (Request& request : waiting) {
-            cancel(request, why.c_str());
+        active.clear();
+        for (CurlRequest& request : waiting) {
+            request.cancel(why.c_str());
         }
-        for (auto& transfer : network.idle) {
-            curl_easy_cleanup(transfer->easy);
-        }
+        network.idle.clear();
         curl_multi_cleanup(network.multi);
         curl_share_cleanup(network.share);
         curl_slist_free_all(network.connectTo);
@@ -428,35 +360,28 @@ private:
         }
     }
 
-    void cancelNotStarted(Network& network, std::vector<std::unique_ptr<Transfer>>& active) {
+    void cancelNotStarted(Network& network, Transfers& active) {
         const std::uint64_t before = cancelBefore_.load(std::memory_order_acquire);
         for (auto transfer = active.begin(); transfer != active.end();) {
-            if ((*transfer)->started || (*transfer)->request.sequence >= before) {
+            if ((*transfer)->started() || (*transfer)->request().sequence >= before) {
                 ++transfer;
                 continue;
             }
-            std::unique_ptr<Transfer> taken = std::move(*transfer);
+            std::unique_ptr<CurlTransfer> taken = std::move(*transfer);
             transfer = active.erase(transfer);
-            curl_multi_remove_handle(network.multi, taken->easy);
-            Request request = std::move(taken->request);
+            curl_multi_remove_handle(network.multi, taken->easy());
+            CurlRequest request = taken->takeBack();
             recycle(network, std::move(taken));
-            cancel(request, "The request was cancelled before it was sent");
+            request.cancel("The request was cancelled before it was sent");
         }
     }
 
-    // Keeps the easy handle and its connection settings for the next request.
-    void recycle(Network& network, std::unique_ptr<Transfer> transfer) noexcept {
-        CURL* easy = transfer->easy;
-        curl_slist_free_all(transfer->headers);
-        transfer->headers = nullptr;
-        transfer->answer = std::string();
-        transfer->tooLong = false;
-        transfer->started = false;
-        transfer->request = Request();
+    // Keeps the easy handle and its connections for the next request.
+    static void recycle(Network& network, std::unique_ptr<CurlTransfer> transfer) noexcept {
         try {
             network.idle.push_back(std::move(transfer));
         } catch (...) {
-            curl_easy_cleanup(easy);
+            // Out of memory: this handle goes.
         }
     }
 
@@ -470,120 +395,39 @@ private:
         appliedVersion_ = settings.version;
     }
 
-    std::unique_ptr<Transfer> takeTransfer(Network& network) {
-        if (!network.idle.empty()) {
-            std::unique_ptr<Transfer> transfer = std::move(network.idle.back());
-            network.idle.pop_back();
-            return transfer;
-        }
-        auto transfer = std::make_unique<Transfer>();
-        CURL* easy = transfer->easy = curl_easy_init();
-        if (easy == nullptr) {
-            throw std::bad_alloc();
-        }
-        curl_easy_setopt(easy, CURLOPT_PRIVATE, transfer.get());
-        curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-        curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer->errorText);
-        curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &receive);
-        curl_easy_setopt(easy, CURLOPT_WRITEDATA, transfer.get());
-        curl_easy_setopt(easy, CURLOPT_MAXFILESIZE_LARGE, kMaxAnswerBytes);
-        curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
-        curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-        curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
-        curl_easy_setopt(easy, CURLOPT_MAXREDIRS, kMaxRedirects);
-        curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, CURL_HTTP_VERSION_2TLS);
-        curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT, kIdleTimeoutSeconds);
-        curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, 1L);
-        curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, kIdleTimeoutSeconds);
-        curl_easy_setopt(easy, CURLOPT_TIMEOUT, kWholeRequestTimeoutSeconds);
-        curl_easy_setopt(easy, CURLOPT_SHARE, network.share);
-        curl_easy_setopt(easy, CURLOPT_PREREQFUNCTION, &beforeRequest);
-        curl_easy_setopt(easy, CURLOPT_PREREQDATA, transfer.get());
-        transfer->cancelBefore = &cancelBefore_;
-        return transfer;
-    }
-
-    void begin(Network& network, std::vector<std::unique_ptr<Transfer>>& active,
-               Request request) noexcept {
-        std::unique_ptr<Transfer> transfer;
+    void begin(Network& network, Transfers& active, CurlRequest request) noexcept {
+        std::unique_ptr<CurlTransfer> transfer;
         try {
-            transfer = takeTransfer(network);
-        } catch (...) {
-            complete(request.completion, std::nullopt, std::nullopt,
-                     HttpClient::error(HttpClientErrorDropped,
-                                       "The request was dropped: out of memory"));
-            return;
-        }
-        CURL* easy = transfer->easy;
-        if (transfer->settingsVersion != appliedVersion_) {
-            curl_easy_setopt(easy, CURLOPT_CONNECT_TO, network.connectTo);
-            curl_easy_setopt(easy, CURLOPT_CAINFO, caInfo_.empty() ? nullptr : caInfo_.c_str());
-            transfer->settingsVersion = appliedVersion_;
-        }
-        transfer->request = std::move(request);
-        const HttpRequest& http = transfer->request.request;
-        for (const auto& [name, value] : http.headers) {
-            const std::string field = name + ": " + value;
-            if (curl_slist* appended = curl_slist_append(transfer->headers, field.c_str())) {
-                transfer->headers = appended;
+            if (network.idle.empty()) {
+                transfer = CurlTransfer::make(network.share, &cancelBefore_);
+            } else {
+                transfer = std::move(network.idle.back());
+                network.idle.pop_back();
             }
+            transfer->load(std::move(request), network.connectTo, caInfo_, appliedVersion_);
+            curl_multi_add_handle(network.multi, transfer->easy());
+            active.push_back(std::move(transfer));
+        } catch (...) {
+            (transfer ? transfer->takeBack() : std::move(request))
+                .complete(std::nullopt, std::nullopt,
+                          HttpClient::error(HttpClientErrorDropped, "The request was dropped: out of memory"));
         }
-        curl_easy_setopt(easy, CURLOPT_HTTPHEADER, transfer->headers);
-        curl_easy_setopt(easy, CURLOPT_URL, http.url.c_str());
-        // Over TLS, wait for the first connection's protocol: HTTP/2 carries every request on it.
-        // A plain one is HTTP/1.1, whose first answer may be long in coming.
-        curl_easy_setopt(easy, CURLOPT_PIPEWAIT, http.url.starts_with("https:") ? 1L : 0L);
-        if (http.method == "GET") {
-            curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
-            curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, nullptr);
-        } else {
-            // The body stays in the request until the transfer ends: curl reads it from there.
-            curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE,
-                             static_cast<curl_off_t>(http.body.size()));
-            curl_easy_setopt(easy, CURLOPT_POSTFIELDS, http.body.c_str());
-            curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST,
-                             http.method == "POST" ? nullptr : http.method.c_str());
-        }
-        transfer->errorText[0] = '\0';
-        curl_multi_add_handle(network.multi, easy);
-        active.push_back(std::move(transfer));
     }
 
-    void finish(Network& network, std::vector<std::unique_ptr<Transfer>>& active, CURL* easy,
-                CURLcode result) noexcept {
+    void finish(Network& network, Transfers& active, CURL* easy, CURLcode result) noexcept {
         const auto found = std::ranges::find_if(
-            active, [easy](const std::unique_ptr<Transfer>& transfer) { return transfer->easy == easy; });
-        std::unique_ptr<Transfer> transfer = std::move(*found);
+            active, [easy](const std::unique_ptr<CurlTransfer>& transfer) { return transfer->easy() == easy; });
+        std::unique_ptr<CurlTransfer> transfer = std::move(*found);
         active.erase(found);
         curl_multi_remove_handle(network.multi, easy);
-        long status = 0;
-        curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
-        const bool cut = transfer->tooLong || result == CURLE_FILESIZE_EXCEEDED;
-        Request request = std::move(transfer->request);
-        std::optional<std::string> data;
-        std::optional<Error> error;
-        if (status > 0 && (result == CURLE_OK || cut)) {
-            // An answer over the cap is no document the SDK reads, but its status still counts.
-            data = cut ? std::string() : std::move(transfer->answer);
-        } else if (result == CURLE_ABORTED_BY_CALLBACK && !transfer->started) {
-            // Stopped before a byte of it was written: a cancel.
-            error = HttpClient::error(HttpClientErrorCancelled,
-                                      "The request was cancelled before it was sent");
-        } else {
-            error = HttpClient::error(HttpClientErrorTransport, transfer->errorText[0] != '\0'
-                                                                  ? transfer->errorText
-                                                                  : curl_easy_strerror(result));
-        }
+        CurlTransfer::Outcome outcome = transfer->finish(result);
         recycle(network, std::move(transfer));
-        request.request = HttpRequest();
-        complete(request.completion, std::move(data),
-                 data ? std::optional<HttpResponse>(HttpResponse{status}) : std::nullopt,
-                 std::move(error));
+        outcome.request.complete(std::move(outcome.data), outcome.response, std::move(outcome.error));
     }
 
     std::mutex mutex_;
     State state_ = State::Idle;
-    std::deque<Request> incoming_;
+    std::deque<CurlRequest> incoming_;
     Settings settings_;
     std::unique_ptr<Network> network_;
     std::thread thread_;
