@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -35,6 +36,8 @@ struct DeviceFacts {
 class EventTable {
 public:
     static EventTexts texts(const Event& event);
+    // Every text member an Event has, those the body never takes from it included.
+    static std::span<Text Event::* const> textMembers();
     static const std::string* find(const EventTexts& texts, Text Event::*member);
     // What handleEventResponse takes: the texts in their context slots, the body as sent.
     static EventResponseContext context(const EventTexts& texts, std::string deviceUUID,
