@@ -150,6 +150,8 @@ private:
     mutable std::mutex stateMutex_;
     bool wanted_ = false;
     bool allowed_ = false;
+    // Turned off and on again before the thread closed the file: it still closes it.
+    bool reopen_ = false;
     // The current opening of the file; 0 while it is closed. Written with both locks held.
     std::uint64_t opening_ = 0;
     std::atomic<bool> open_{false};
