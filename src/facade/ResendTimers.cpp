@@ -5,7 +5,7 @@
 
 #include <mutex>
 
-#include "delivery/DeliveryQueue.h"
+#include "facade/EventDelivery.h"
 #include "mainqueue/RestingTimers.h"
 
 namespace NorvAnalytic {
@@ -13,7 +13,7 @@ namespace NorvAnalytic {
 namespace {
 
 bool resendHasWork() {
-    return !Event::savedEvents().empty() || DeliveryQueue::shared().hasResendWork();
+    return !Event::savedEvents().empty() || EventDelivery::outbox().journal().hasResendWork();
 }
 
 // After every main-queue task: whatever it saved (an answer's keep, or the host's own code
@@ -36,10 +36,7 @@ void tick() {
 
 std::shared_ptr<Timer> ResendTimers::start() {
     static std::once_flag installed;
-    std::call_once(installed, [] {
-        setMainQueueTaskObserver(&wakeIfSaved);
-        DeliveryQueue::shared().onResendWork(&ResendTimers::resendWorkAppeared);
-    });
+    std::call_once(installed, [] { setMainQueueTaskObserver(&wakeIfSaved); });
     return scheduledRestingTimer(std::chrono::duration<double>(1.0), &tick);
 }
 

@@ -14,7 +14,8 @@ class ResendTimers {
 public:
     // Schedules one more timer on the main queue.
     static std::shared_ptr<Timer> start();
-    // Any thread: resending has work again (the queue file holds unanswered rows).
+    // Any thread: resending has work again (an event of the queue file got no answer, so its
+    // row waits for the next tick's try).
     static void resendWorkAppeared() noexcept;
 };
 
