@@ -85,12 +85,10 @@ int threads() {
     return failures == 0 ? 0 : 6;
 }
 
-// How often our threads woke in three seconds. norv-http is left out: its wait for libcurl is
-// another change's.
+// How often our threads woke in three seconds.
 unsigned long long wakeUpsOfOurs() {
-    return NorvAnalytic::Testing::wakeUpsDuring(std::chrono::seconds(3), [](const std::string& name) {
-        return name.starts_with("norv-") && name != "norv-http";
-    });
+    return NorvAnalytic::Testing::wakeUpsDuring(
+        std::chrono::seconds(3), [](const std::string& name) { return name.starts_with("norv-"); });
 }
 
 // Idle with nothing saved, our threads sleep; a refused event is resent on the next tick, and
