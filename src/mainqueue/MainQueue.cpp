@@ -221,16 +221,13 @@ private:
 
     // Runs one task as a task of the queue: what it throws is said once and goes no further.
     void runTask(Task& task) noexcept {
-        {
-            const TaskScope scope;
-            try {
-                task();
-            } catch (...) {
-                Diagnostics::report(DiagnosticLevel::Error,
-                                    "A task on the main queue threw (" +
-                                        whatOf(std::current_exception()) +
-                                        "); the queue goes on with the next task.");
-            }
+        const TaskScope scope;
+        try {
+            task();
+        } catch (...) {
+            Diagnostics::report(DiagnosticLevel::Error, "A task on the main queue threw (" +
+                                                            whatOf(std::current_exception()) +
+                                                            "); the queue goes on with the next task.");
         }
         observeTask();
     }
@@ -552,10 +549,8 @@ void MainQueue::async(Task task) { engine().async(std::move(task)); }
 
 void MainQueue::sync(Task task) {
     if (isCurrent()) {
-        {
-            const TaskScope scope;
-            task();
-        }
+        const TaskScope scope;
+        task();
         engine().observeTask();
         return;
     }

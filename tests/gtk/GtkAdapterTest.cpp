@@ -9,18 +9,17 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iterator>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "support/FakeKeychainBackend.h"
+#include "support/QueueOrderProbe.h"
 #include "support/RecordingHttpClient.h"
 
 namespace NorvAnalytic {
@@ -189,42 +188,15 @@ TEST(GtkAdapter, TheGtkThreadNeverWaitsForTheDesktop) {
 TEST(GtkAdapter, AtUninstallTheTasksLeftOnTheLoopRunFirstAndOneAtATime) {
     gtk_init();
     ASSERT_EQ(norv_gtk_install(), 1);
-    std::atomic<int> running = 0;
-    std::atomic<bool> overlapped = false;
-    std::mutex mutex;
-    std::vector<int> order;
-    const auto task = [&](int number) {
-        return [&, number] {
-            overlapped = overlapped || running.fetch_add(1) > 0;
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-            {
-                const std::lock_guard lock(mutex);
-                order.push_back(number);
-            }
-            running.fetch_sub(1);
-        };
-    };
-    // Handed to the GTK loop, which does not turn before the adapter goes.
-    for (int number = 0; number < 20; ++number) {
-        MainQueue::main().async(task(number));
-    }
+    Testing::QueueOrderProbe probe;
+    probe.queue(20);  // handed to the GTK loop, which does not turn before the adapter goes
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    std::atomic<bool> adding = true;
-    std::thread newer([&] {
-        for (int number = 100; adding; ++number) {
-            MainQueue::main().async(task(number));
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-    });
+    probe.startAdding();
     norv_gtk_uninstall();
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    adding = false;
-    newer.join();
-    std::thread([] { MainQueue::main().sync([] {}); }).join();
-    EXPECT_FALSE(overlapped);
-    const std::lock_guard lock(mutex);
-    ASSERT_GE(order.size(), 20U);
-    EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
+    probe.stopAdding();
+    EXPECT_FALSE(probe.overlapped());
+    EXPECT_TRUE(probe.ranInOrder(20));
 }
 
 }  // namespace

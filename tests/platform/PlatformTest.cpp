@@ -28,6 +28,7 @@
 #include "platform/Diagnostics.h"
 #include "platform/LinuxDevice.h"
 #include "support/HostLoop.h"
+#include "support/QueueOrderProbe.h"
 #include "support/ThreadList.h"
 
 namespace NorvAnalytic {
@@ -149,32 +150,22 @@ TEST(MainQueueTest, WhatATaskOrTheHostsExecutorThrowsIsSaidOnceAndTheQueueGoesOn
 // it wait for it to end, wherever they run next, and keep their order.
 TEST(MainQueueTest, AChangeOfExecutorWhileATaskRunsKeepsTheQueueSerial) {
     auto& queue = MainQueue::main();
-    std::atomic<int> running = 0;
-    std::atomic<bool> overlapped = false;
-    Lines ran;  // each task appends while it alone runs; read after a sync
-    const auto task = [&](std::string name, std::chrono::milliseconds takes) {
-        return [&, name, takes] {
-            overlapped = overlapped || running.fetch_add(1) > 0;
-            std::this_thread::sleep_for(takes);
-            ran.push_back(name);
-            running.fetch_sub(1);
-        };
-    };
+    Testing::QueueOrderProbe probe;
     Testing::HostLoop loop;
     queue.setExecutor(loop.executor());
     std::promise<void> started;
-    queue.async([&] {
+    queue.async([&, slow = probe.task(0, 200ms)] {
         started.set_value();
-        task("slow, on the loop", 200ms)();
+        slow();
     });
-    for (const char* name : {"next", "after"}) {
-        queue.async(task(name, 1ms));
-    }
+    queue.async(probe.task(1));
     started.get_future().wait();
+    probe.startAdding();
     queue.setExecutor(nullptr);
-    Testing::endsWithin(30s, "the queue after a change of executor", [&] { queue.sync([] {}); });
-    EXPECT_FALSE(overlapped);
-    EXPECT_EQ(ran, (Lines{"slow, on the loop", "next", "after"}));
+    std::this_thread::sleep_for(50ms);
+    Testing::endsWithin(30s, "the queue after a change of executor", [&] { probe.stopAdding(); });
+    EXPECT_FALSE(probe.overlapped());
+    EXPECT_TRUE(probe.ranInOrder(2));
 }
 
 // A sink slower than the lines said: they reach it in order, and what a full queue dropped is

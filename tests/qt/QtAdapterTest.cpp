@@ -12,14 +12,11 @@
 #include <QPushButton>
 #include <QTest>
 #include <QThread>
-#include <algorithm>
-#include <atomic>
 #include <chrono>
-#include <mutex>
 #include <thread>
-#include <vector>
 
 #include "support/FakeKeychainBackend.h"
+#include "support/QueueOrderProbe.h"
 #include "support/RecordingHttpClient.h"
 
 namespace NorvAnalytic {
@@ -115,23 +112,7 @@ public:
 // and never beside one, while another thread keeps adding tasks.
 TEST(QtAdapter, TheGuiThreadNeverWaitsForTheDesktopAndTasksLeftWithTheApplicationRunFirst) {
     Platform::setApplication(std::make_shared<SlowDesktop>());
-    std::atomic<int> running = 0;
-    std::atomic<bool> overlapped = false;
-    std::mutex mutex;
-    std::vector<int> order;
-    const auto task = [&](int number) {
-        return [&, number] {
-            overlapped = overlapped || running.fetch_add(1) > 0;
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-            {
-                const std::lock_guard lock(mutex);
-                order.push_back(number);
-            }
-            running.fetch_sub(1);
-        };
-    };
-    std::atomic<bool> adding = true;
-    std::thread newer;
+    Testing::QueueOrderProbe probe;
     {
         int argc = 1;
         char name[] = "qt_adapter_test";
@@ -143,28 +124,14 @@ TEST(QtAdapter, TheGuiThreadNeverWaitsForTheDesktopAndTasksLeftWithTheApplicatio
         EXPECT_FALSE(Platform::application()->canOpenURL(url));  // not asked yet
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100));
         EXPECT_TRUE(QTest::qWaitFor([&] { return Platform::application()->canOpenURL(url); }));
-        // Posted to the GUI thread, whose loop never turns again.
-        for (int number = 0; number < 20; ++number) {
-            MainQueue::main().async(task(number));
-        }
+        probe.queue(20);  // posted to the GUI thread, whose loop never turns again
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        newer = std::thread([&] {
-            for (int number = 100; adding; ++number) {
-                MainQueue::main().async(task(number));
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            }
-        });
+        probe.startAdding();
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    adding = false;
-    newer.join();
-    std::thread([] { MainQueue::main().sync([] {}); }).join();
-    EXPECT_FALSE(overlapped);
-    {
-        const std::lock_guard lock(mutex);
-        ASSERT_GE(order.size(), 20U);
-        EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
-    }
+    probe.stopAdding();
+    EXPECT_FALSE(probe.overlapped());
+    EXPECT_TRUE(probe.ranInOrder(20));
     Platform::setApplication(nullptr);
 }
 
