@@ -225,9 +225,10 @@ private:
         try {
             task();
         } catch (...) {
-            Diagnostics::report(DiagnosticLevel::Error, "A task on the main queue threw (" +
-                                                            whatOf(std::current_exception()) +
-                                                            "); the queue goes on with the next task.");
+            Diagnostics::report(DiagnosticLevel::Error,
+                                "A task on the main queue threw (" +
+                                    whatOf(std::current_exception()) +
+                                    "); the queue goes on with the next task.");
         }
         observeTask();
     }

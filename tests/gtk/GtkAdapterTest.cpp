@@ -21,6 +21,7 @@
 #include "support/FakeKeychainBackend.h"
 #include "support/QueueOrderProbe.h"
 #include "support/RecordingHttpClient.h"
+#include "support/SlowDesktop.h"
 
 namespace NorvAnalytic {
 namespace {
@@ -159,19 +160,8 @@ TEST(GtkAdapter, TheAlertIsAModalDialogOverTheWindowDrivenFromTheGtkThread) {
     std::filesystem::remove_all(opened.parent_path());
 }
 
-// A desktop that takes its time to name a handler, as xdg-mime may; it knows only "x-test".
-class SlowDesktop final : public Application {
-public:
-    std::shared_ptr<Window> keyWindow() const override { return nullptr; }
-    bool canOpenURL(const URL& url) override {
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        return url.scheme() == "x-test";
-    }
-    bool openURL(const URL&) override { return false; }
-};
-
 TEST(GtkAdapter, TheGtkThreadNeverWaitsForTheDesktop) {
-    Platform::setApplication(std::make_shared<SlowDesktop>());
+    Platform::setApplication(std::make_shared<Testing::SlowDesktop>());
     gtk_init();
     ASSERT_EQ(norv_gtk_install(), 1);
     const URL url = *URL::URLWithString("x-test://a");

@@ -18,6 +18,7 @@
 #include "support/FakeKeychainBackend.h"
 #include "support/QueueOrderProbe.h"
 #include "support/RecordingHttpClient.h"
+#include "support/SlowDesktop.h"
 
 namespace NorvAnalytic {
 namespace {
@@ -97,21 +98,10 @@ TEST(QtAdapter, TheAlertIsAModalBoxOverTheActiveWindowDrivenFromTheGuiThread) {
     QDesktopServices::unsetUrlHandler("https");
 }
 
-// A desktop that takes its time to name a handler, as xdg-mime may; it knows only "x-test".
-class SlowDesktop final : public Application {
-public:
-    std::shared_ptr<Window> keyWindow() const override { return nullptr; }
-    bool canOpenURL(const URL& url) override {
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        return url.scheme() == "x-test";
-    }
-    bool openURL(const URL&) override { return false; }
-};
-
 // The tasks left on the GUI thread's loop when the application goes run before any newer task
 // and never beside one, while another thread keeps adding tasks.
 TEST(QtAdapter, TheGuiThreadNeverWaitsForTheDesktopAndTasksLeftWithTheApplicationRunFirst) {
-    Platform::setApplication(std::make_shared<SlowDesktop>());
+    Platform::setApplication(std::make_shared<Testing::SlowDesktop>());
     Testing::QueueOrderProbe probe;
     {
         int argc = 1;

@@ -21,7 +21,8 @@ public:
     QueueOrderProbe(const QueueOrderProbe&) = delete;
     QueueOrderProbe& operator=(const QueueOrderProbe&) = delete;
 
-    MainQueue::Task task(int number, std::chrono::milliseconds takes = std::chrono::milliseconds(2)) {
+    MainQueue::Task task(int number,
+                         std::chrono::milliseconds takes = std::chrono::milliseconds(2)) {
         return [this, number, takes] {
             overlapped_ = overlapped_ || running_.fetch_add(1) > 0;
             std::this_thread::sleep_for(takes);
