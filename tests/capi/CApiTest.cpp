@@ -138,11 +138,11 @@ TEST(CApi, ASinkThatCallsUsWhenTheQueueFileIsDamagedHoldsNothingUp) {
                 },
                 &heard);
             Testing::endsWithin(std::chrono::seconds(30), row.name, [&] {
-                norv_init_with_key(ReportingHarness::kKey);
+                ReportingHarness::withoutNewTimer([] { norv_init_with_key(ReportingHarness::kKey); });
                 heard.answered.get_future().wait();
             });
             norv_set_diagnostics_sink(nullptr, nullptr);
-            harness.restart();
+            NorvAnalytics::sharedController().setUrlString(std::string(ReportingHarness::kUrl));
         }
     }
     ::unsetenv("XDG_DATA_HOME");

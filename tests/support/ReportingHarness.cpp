@@ -54,6 +54,16 @@ void ReportingHarness::restart() {
     NorvAnalytics::sharedController().setUrlString(std::string(kUrl));
 }
 
+void ReportingHarness::withoutNewTimer(const std::function<void()>& f) {
+    auto& controller = NorvAnalytics::sharedController();
+    const std::shared_ptr<Timer> kept = controller.timer();
+    f();
+    if (const auto added = controller.timer(); added && added != kept) {
+        added->invalidate();
+    }
+    controller.setTimer(kept);
+}
+
 void ReportingHarness::tick() {
     clock->advance(std::chrono::seconds(1));
     MainQueue::main().sync([] {});

@@ -2,6 +2,7 @@
 
 #include <NorvAnalytic/NorvAnalytics.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -47,6 +48,9 @@ public:
 
     // initWithKey again, pointed at kUrl; the earlier timers keep running.
     void restart();
+    // Runs f, which calls initWithKey, and takes back the timer that added: a timer left behind
+    // ticks on after the test, against the next one's stand-ins.
+    static void withoutNewTimer(const std::function<void()>& f);
     // One second of the resend timer; returns once the main queue has run its ticks.
     void tick();
     std::string deviceUUID() const;
