@@ -15,6 +15,10 @@ namespace {
 
 using Statement = std::unique_ptr<sqlite3_stmt, decltype(&sqlite3_finalize)>;
 
+// The columns eventAt() reads, in its order.
+constexpr const char* kEventColumns =
+    "SELECT id, received_at, status, body, answer, idempotency_key, repeats";
+
 Statement prepare(sqlite3* database, const char* sql) {
     sqlite3_stmt* statement = nullptr;
     if (sqlite3_prepare_v2(database, sql, -1, &statement, nullptr) != SQLITE_OK) {
@@ -33,6 +37,23 @@ std::string columnText(sqlite3_stmt* statement, int column) {
     return text ? std::string(text,
                               static_cast<std::size_t>(sqlite3_column_bytes(statement, column)))
                 : std::string();
+}
+
+// One row of kEventColumns, without its pairs.
+StoredEvent eventAt(sqlite3_stmt* statement) {
+    StoredEvent event;
+    event.id = sqlite3_column_int64(statement, 0);
+    event.receivedAt = columnText(statement, 1);
+    event.status = sqlite3_column_int(statement, 2);
+    const auto* bytes = static_cast<const char*>(sqlite3_column_blob(statement, 3));
+    event.body.assign(bytes ? bytes : "",
+                      static_cast<std::size_t>(sqlite3_column_bytes(statement, 3)));
+    event.answer = columnText(statement, 4);
+    if (sqlite3_column_type(statement, 5) != SQLITE_NULL) {
+        event.idempotencyKey = columnText(statement, 5);
+    }
+    event.repeats = sqlite3_column_int64(statement, 6);
+    return event;
 }
 
 }  // namespace
@@ -96,11 +117,22 @@ CollectorStore::CollectorStore(const std::string& path) {
     // The page filters and counts by type and device, and counts by status, over many events.
     execute("CREATE INDEX IF NOT EXISTS pairs_by_key ON pairs (key, value, event_id)");
     execute("CREATE INDEX IF NOT EXISTS events_by_status ON events (status)");
-    // Files written before answers were kept gain the column; their events show no answer.
+    addColumn("answer", "TEXT NOT NULL DEFAULT ''");
+    addColumn("idempotency_key", "TEXT");
+    addColumn("repeats", "INTEGER NOT NULL DEFAULT 0");
+    // One event per key; events without a key (NULL) are all distinct.
+    execute("CREATE UNIQUE INDEX IF NOT EXISTS events_by_key ON events (idempotency_key)");
+    Statement repeats = prepare(database_, "SELECT COALESCE(SUM(repeats), 0) FROM events");
+    sqlite3_step(repeats.get());
+    repeatsAbsorbed_ = sqlite3_column_int64(repeats.get(), 0);
+}
+
+void CollectorStore::addColumn(const char* name, const char* definition) {
     Statement columns =
-        prepare(database_, "SELECT 1 FROM pragma_table_info('events') WHERE name = 'answer'");
+        prepare(database_, "SELECT 1 FROM pragma_table_info('events') WHERE name = ?");
+    sqlite3_bind_text(columns.get(), 1, name, -1, SQLITE_STATIC);
     if (sqlite3_step(columns.get()) != SQLITE_ROW) {
-        execute("ALTER TABLE events ADD COLUMN answer TEXT NOT NULL DEFAULT ''");
+        execute(("ALTER TABLE events ADD COLUMN " + std::string(name) + " " + definition).c_str());
     }
 }
 
@@ -130,19 +162,24 @@ std::vector<FormPair> CollectorStore::parsePairs(const std::string& body) {
 
 std::int64_t CollectorStore::save(const std::string& body,
                                   std::chrono::system_clock::time_point receivedAt, int status,
-                                  const std::string& answer) {
+                                  const std::string& answer,
+                                  const std::optional<std::string>& idempotencyKey) {
     const std::vector<FormPair> pairs = parsePairs(body);
     std::lock_guard lock(mutex_);
     execute("BEGIN IMMEDIATE");
     try {
         Statement insertEvent =
             prepare(database_,
-                    "INSERT INTO events (received_at, status, body, answer) VALUES (?, ?, ?, ?)");
+                    "INSERT INTO events (received_at, status, body, answer, idempotency_key) "
+                    "VALUES (?, ?, ?, ?, ?)");
         bindText(insertEvent.get(), 1, isoTime(receivedAt));
         sqlite3_bind_int(insertEvent.get(), 2, status);
         sqlite3_bind_blob(insertEvent.get(), 3, body.data(), static_cast<int>(body.size()),
                           SQLITE_TRANSIENT);
         bindText(insertEvent.get(), 4, answer);
+        if (idempotencyKey) {
+            bindText(insertEvent.get(), 5, *idempotencyKey);
+        }
         if (sqlite3_step(insertEvent.get()) != SQLITE_DONE) {
             throw std::runtime_error(std::string("SQLite: ") + sqlite3_errmsg(database_));
         }
@@ -203,9 +240,35 @@ void CollectorStore::bind(sqlite3_stmt* statement, const EventFilter& filter) {
     sqlite3_bind_int64(statement, 7, static_cast<sqlite3_int64>(filter.limit));
 }
 
+std::optional<StoredEvent> CollectorStore::eventWithKey(const std::string& idempotencyKey) const {
+    std::lock_guard lock(mutex_);
+    Statement select = prepare(
+        database_, (std::string(kEventColumns) + " FROM events WHERE idempotency_key = ?").c_str());
+    bindText(select.get(), 1, idempotencyKey);
+    if (sqlite3_step(select.get()) != SQLITE_ROW) {
+        return std::nullopt;
+    }
+    return eventAt(select.get());
+}
+
+void CollectorStore::countRepeat(std::int64_t id) {
+    std::lock_guard lock(mutex_);
+    Statement update = prepare(database_, "UPDATE events SET repeats = repeats + 1 WHERE id = ?");
+    sqlite3_bind_int64(update.get(), 1, id);
+    if (sqlite3_step(update.get()) != SQLITE_DONE) {
+        throw std::runtime_error(std::string("SQLite: ") + sqlite3_errmsg(database_));
+    }
+    ++repeatsAbsorbed_;
+}
+
+std::int64_t CollectorStore::repeatsAbsorbed() const {
+    std::lock_guard lock(mutex_);
+    return repeatsAbsorbed_;
+}
+
 std::vector<StoredEvent> CollectorStore::events(const EventFilter& filter) const {
-    std::string sql = "SELECT id, received_at, status, body, answer FROM events WHERE id > ?1" +
-                      conditions(filter);
+    std::string sql =
+        std::string(kEventColumns) + " FROM events WHERE id > ?1" + conditions(filter);
     sql += filter.newestFirst ? " ORDER BY id DESC" : " ORDER BY id";
     if (filter.limit > 0) {
         sql += " LIMIT ?7";
@@ -216,15 +279,7 @@ std::vector<StoredEvent> CollectorStore::events(const EventFilter& filter) const
     bind(selectEvents.get(), filter);
     std::vector<StoredEvent> events;
     while (sqlite3_step(selectEvents.get()) == SQLITE_ROW) {
-        StoredEvent event;
-        event.id = sqlite3_column_int64(selectEvents.get(), 0);
-        event.receivedAt = columnText(selectEvents.get(), 1);
-        event.status = sqlite3_column_int(selectEvents.get(), 2);
-        const auto* bytes = static_cast<const char*>(sqlite3_column_blob(selectEvents.get(), 3));
-        event.body.assign(bytes ? bytes : "",
-                          static_cast<std::size_t>(sqlite3_column_bytes(selectEvents.get(), 3)));
-        event.answer = columnText(selectEvents.get(), 4);
-        events.push_back(std::move(event));
+        events.push_back(eventAt(selectEvents.get()));
     }
     Statement selectPairs =
         prepare(database_, "SELECT key, value FROM pairs WHERE event_id = ? ORDER BY position");
