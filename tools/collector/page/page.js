@@ -360,6 +360,8 @@ async function control(path, request) {
     $("token").value = "";
   }
   $("controlError").textContent = answer.ok ? "" : `Refused: ${await answer.text()}`;
+  // A refused change stays in the form, to be applied again.
+  if (!answer.ok && path === "/control/steer") steerEdited = true;
   showState(await (await fetch("/control/state")).json());
 }
 
