@@ -2,15 +2,19 @@
 #include <httplib.h>
 #include <sqlite3.h>
 
+#include <latch>
+#include <regex>
 #include <thread>
 #include <vector>
 
 #include "CollectorFixture.h"
+#include "RawConnection.h"
 
 namespace NorvAnalytic::Collector {
 namespace {
 
 using Json = nlohmann::json;
+using namespace std::chrono_literals;
 
 // A repeat is answered as its first request was, whatever the steering and the refusals say
 // by then, and uses up no refusal; the event is stored once.
@@ -71,25 +75,42 @@ TEST_F(CollectorTest, StoresAnEventOncePerKeyAndAnswersARepeatAsTheFirst) {
 // The SDK's one-second resend may meet its first request still in the collector: however many
 // arrive at once, one is stored, one refusal is used, and all are answered alike.
 TEST_F(CollectorTest, StoresAKeyOnceWhenItsRequestsArriveTogether) {
-    ASSERT_TRUE(control({"refuse", "--status", "503", "--count", "2"}));
-    constexpr int kRequests = 12;
-    std::vector<std::string> answers(kRequests);
-    std::vector<std::thread> senders;
-    for (int index = 0; index < kRequests; ++index) {
-        senders.emplace_back([this, &answers, index] {
-            httplib::Client client("127.0.0.1", port_);
-            const auto answer = client.Post("/api/v3/saveEvent", {{"Idempotency-Key", "\"same\""}},
-                                            "type=7&pageName=Twice", "text/plain");
-            answers[index] = answer ? std::to_string(answer->status) + answer->body : "none";
-        });
+    constexpr int kRounds = 30;
+    constexpr int kRequests = 16;
+    ASSERT_TRUE(control({"refuse", "--status", "503", "--count", std::to_string(kRounds + 1)}));
+    for (int round = 0; round < kRounds; ++round) {
+        const std::string body = "type=7&pageName=Round" + std::to_string(round);
+        const std::string request =
+            "POST /api/v3/saveEvent HTTP/1.1\r\nHost: 127.0.0.1\r\n"
+            "Idempotency-Key: \"same-" +
+            std::to_string(round) +
+            "\"\r\nConnection: close\r\nContent-Length: " + std::to_string(body.size()) +
+            "\r\n\r\n" + body;
+        std::vector<std::unique_ptr<RawConnection>> clients;
+        for (int index = 0; index < kRequests; ++index) {
+            clients.push_back(std::make_unique<RawConnection>(port_));
+        }
+        std::latch ready(kRequests);
+        std::vector<std::string> answers(kRequests);
+        std::vector<std::jthread> senders;
+        for (int index = 0; index < kRequests; ++index) {
+            senders.emplace_back([&, index] {
+                ready.arrive_and_wait();
+                clients[index]->send(request);
+                const std::string answer = clients[index]->receiveAll(10s);
+                // The answer without its Date, which may tick between two of them.
+                answers[index] = std::regex_replace(answer, std::regex("Date: [^\r]*\r\n"), "");
+            });
+        }
+        senders.clear();
+        EXPECT_EQ(std::count(answers.begin(), answers.end(), answers.front()), kRequests) << round;
+        EXPECT_TRUE(answers.front().starts_with("HTTP/1.1 503")) << answers.front();
     }
-    for (std::thread& sender : senders) {
-        sender.join();
+    const std::vector<StoredEvent> events = store_.events();
+    ASSERT_EQ(events.size(), static_cast<std::size_t>(kRounds));
+    for (const StoredEvent& event : events) {
+        EXPECT_EQ(event.repeats, kRequests - 1);
     }
-    EXPECT_EQ(std::count(answers.begin(), answers.end(), answers.front()), kRequests);
-    EXPECT_TRUE(answers.front().starts_with("503")) << answers.front();
-    ASSERT_EQ(store_.events().size(), 1U);
-    EXPECT_EQ(store_.events().front().repeats, kRequests - 1);
     EXPECT_EQ(state().at("refusal").at("remaining"), 1);
 }
 
