@@ -25,6 +25,9 @@ public:
     ~CurlHttpClient() override;
 
     void send(HttpRequest request, Completion completion) override;
+    // Requests not yet written to the wire are cancelled: those in the list at once, those in
+    // libcurl before it writes a byte of them. Returns once none of them can go out.
+    void cancelUnsent() override;
 
     // Sends requests for "host:port" to another "address:port" instead (tests, deployments).
     void connectTo(const std::string& hostAndPort, const std::string& addressAndPort);

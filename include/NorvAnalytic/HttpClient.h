@@ -7,6 +7,8 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace NorvAnalytic {
 
@@ -14,6 +16,9 @@ struct HttpRequest {
     std::string method;
     std::string url;
     std::string body;
+    // Header fields a client must send beyond its own: none by default, an Idempotency-Key per
+    // event while NorvAnalytics::setIdempotencyKeys(true).
+    std::vector<std::pair<std::string, std::string>> headers = {};
 };
 
 struct HttpResponse {
@@ -43,6 +48,11 @@ public:
                                           std::optional<Error> error)>;
     virtual ~HttpClient() = default;
     virtual void send(HttpRequest request, Completion completion) = 0;
+    // Cancels every request sent before the call whose bytes have not been written to the wire:
+    // its completion is told HttpClientErrorCancelled, and nothing of it reaches the server. The
+    // SDK calls it when the host withdraws consent or forgets the device. This default cancels
+    // nothing, so a client that keeps it still sends what it holds.
+    virtual void cancelUnsent() {}
 
     // An error of kHttpClientErrorDomain with this code and text, for a completion.
     static Error error(HttpClientErrorCode code, std::string description);

@@ -37,7 +37,8 @@ public:
     // previous host and says why on the diagnostics sink when the text is not such a host.
     static bool setCollectionServerHost(const std::string& host);
     // Waits until every event sent before the call has had its answer handled, or failed: true
-    // then, false when the timeout passes first. A timeout of zero or less only looks. Never
+    // then, false when the timeout passes first or when a bound dropped events since the previous
+    // flush (droppedEventCount() grew). A timeout of zero or less only looks. Never
     // waits on the main queue's own thread (with an executor, the host's thread that runs it):
     // there it returns false at once. Call it before returning from main.
     static bool flush(std::chrono::milliseconds timeout);
@@ -59,15 +60,27 @@ public:
     static void setPersistentQueue(bool enabled);
     // Allowed by default. While not allowed, an event call returns at once and its event is
     // discarded: nothing is sent, and the keychain, the queue file and the network are left
-    // alone. Withdrawing discards every waiting and kept event. Not remembered across starts:
-    // a host whose user has not agreed calls it with false before anything else, every start.
+    // alone. Withdrawing is a fence: when it returns, every event recorded before it is
+    // discarded wherever it waits (queued, kept for resending, in the queue file, or in the HTTP
+    // client not yet written to the wire), and an answer that arrives later keeps nothing. Not
+    // remembered across starts: a host whose user has not agreed calls it with false before
+    // anything else, every start.
     static void setCollectionAllowed(bool allowed);
-    // Events discarded because collection was not allowed.
+    // Events discarded because collection was not allowed, or withdrawn while they waited.
     static std::uint64_t discardedWithoutConsentCount();
     // Erases the device UUID and the store user id from the keychain and from every file of
-    // ours in the data directory, and drops every waiting and kept event. The next event (when
-    // allowed) carries a new UUID; other processes of the host use the new one within a second.
+    // ours in the data directory, and discards every event recorded before the call, wherever it
+    // waits, as a withdrawal of consent does: none of them is ever sent with the new UUID. The
+    // next event (when allowed) carries a new UUID; other processes of the host use the new one
+    // within a second.
     static void forgetDevice();
+    // Events forgetDevice() discarded.
+    static std::uint64_t discardedByForgetCount();
+    // Off by default. When on, every event is sent with an Idempotency-Key request header, made
+    // once per event and the same on each resend of it (the one-second resend, and the next
+    // process's from the persistent queue), so that a server can store it once. The body is
+    // the same either way.
+    static void setIdempotencyKeys(bool enabled);
     // Bounds the events kept for resending after the server refused them, in memory and in the
     // queue file (defaults: 10,000 events, 16 MiB). Beyond either the oldest is dropped,
     // counted in droppedEventCount() and said once per burst on the diagnostics sink.

@@ -54,7 +54,8 @@ NORVANALYTIC_EXPORT void norv_set_log_level(int32_t log_level);
 NORVANALYTIC_EXPORT void norv_check_updates(int check_updates);
 
 /* Waits up to timeout_ms for every event sent before the call to be answered or failed: 1 then,
- * 0 when the time passed first (at once on the main queue's own thread). Call before exit. */
+ * 0 when the time passed first (at once on the main queue's own thread) or when a bound dropped
+ * events since the previous flush. Call before exit. */
 NORVANALYTIC_EXPORT int norv_flush(int timeout_ms);
 /* Bounds the events waiting for the network (defaults 100000 events, 32 MiB); beyond either,
  * the oldest is dropped and counted. */
@@ -70,15 +71,21 @@ NORVANALYTIC_EXPORT uint64_t norv_dropped_event_count(void);
  * again. Off deletes the file. */
 NORVANALYTIC_EXPORT void norv_set_persistent_queue(int enabled);
 /* Allowed (1) by default. While 0, event calls discard their events and nothing is sent, read
- * or written; withdrawing discards every waiting and kept event. Not remembered across starts:
- * until the user agrees, call it with 0 before anything else, every start. */
+ * or written; withdrawing discards every event recorded before it, wherever it waits (a request
+ * already written to the wire may still be answered). Not remembered across starts: until the
+ * user agrees, call it with 0 before anything else, every start. */
 NORVANALYTIC_EXPORT void norv_set_collection_allowed(int allowed);
 /* How many events were discarded because collection was not allowed. */
 NORVANALYTIC_EXPORT uint64_t norv_discarded_without_consent_count(void);
 /* Erases the device UUID and the store user id from the keychain and from every file of ours,
- * and drops every waiting and kept event; waits for the keychain store. The next event carries
- * a new UUID. */
+ * and discards every event recorded before the call, so none is sent with the new UUID; waits
+ * for the keychain store. The next event carries a new UUID. */
 NORVANALYTIC_EXPORT void norv_forget_device(void);
+/* How many events norv_forget_device discarded. */
+NORVANALYTIC_EXPORT uint64_t norv_discarded_by_forget_count(void);
+/* Off (0) by default. On (1): every event carries an Idempotency-Key request header, the same on
+ * every resend of it, for a server that stores an event once per key. */
+NORVANALYTIC_EXPORT void norv_set_idempotency_keys(int enabled);
 /* Bounds the events kept for resending after a refusal, in memory and in the queue file
  * (defaults 10000 events, 16 MiB); beyond either, the oldest is dropped and counted. */
 NORVANALYTIC_EXPORT void norv_set_saved_event_limits(size_t max_events, size_t max_bytes);

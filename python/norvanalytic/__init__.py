@@ -14,6 +14,7 @@ import enum
 import logging
 import math
 import threading
+import time
 from typing import Callable, Optional
 
 from ._library import DIAGNOSTICS_SINK, lib
@@ -23,7 +24,7 @@ __all__ = [
     "init_with_key", "set_secure_url", "set_log_level", "check_updates", "flush",
     "set_waiting_event_limits", "dropped_event_count", "set_persistent_queue",
     "set_collection_allowed", "discarded_without_consent_count", "forget_device",
-    "set_saved_event_limits", "send_username", "send_warehouse",
+    "discarded_by_forget_count", "set_idempotency_keys", "set_saved_event_limits", "send_username", "send_warehouse",
     "send_error", "send_device_name", "send_device_custom_name", "send_event_with_player_id",
     "send_event_with_page_name", "send_user_login_event", "send_user_can_not_login_event",
     "send_user_logout_event", "send_location_service_status_event", "send_bluetooth_status_event",
@@ -164,14 +165,31 @@ def check_updates(check: bool) -> None:
     lib.norv_check_updates(_flag(check, "check"))
 
 
-def flush(timeout_s: float) -> bool:
+# The longest wait one C call takes: norv_flush counts milliseconds in a C int.
+_LONGEST_FLUSH_MS = 2**31 - 1
+
+
+def flush(timeout_s: Optional[float] = None) -> bool:
     """Wait until every event sent before the call was answered or failed.
 
-    True then; False when ``timeout_s`` seconds passed first. Call it before the program ends.
+    True then; False when ``timeout_s`` seconds passed first, or when a bound dropped events
+    since the previous flush. ``None`` or ``math.inf`` waits without a limit. Call it before the
+    program ends.
     """
-    seconds = _number(timeout_s, "timeout_s")
-    milliseconds = math.ceil(seconds * 1000.0) if seconds > 0 else 0
-    return lib.norv_flush(min(milliseconds, 2**31 - 1)) != 0
+    if timeout_s is not None:
+        seconds = _number(timeout_s, "timeout_s")
+        if math.isnan(seconds):
+            raise ValueError("timeout_s must be a number of seconds, not NaN")
+        if not math.isinf(seconds) or seconds < 0:
+            milliseconds = math.ceil(seconds * 1000.0) if seconds > 0 else 0
+            return lib.norv_flush(min(milliseconds, _LONGEST_FLUSH_MS)) != 0
+    while True:
+        started = time.monotonic()
+        if lib.norv_flush(_LONGEST_FLUSH_MS) != 0:
+            return True
+        # Back before its time: not a time-out but a drop, or the main queue's own thread.
+        if time.monotonic() - started < _LONGEST_FLUSH_MS / 1000.0:
+            return False
 
 
 def set_waiting_event_limits(max_events: int, max_bytes: int) -> None:
@@ -201,7 +219,7 @@ def set_collection_allowed(allowed: bool) -> None:
     """Whether the user agreed to collection; allowed by default.
 
     While not allowed, event calls discard their events and nothing is sent, read or written;
-    withdrawing discards every waiting and kept event. Not remembered across starts: until the
+    withdrawing discards every event recorded before it, wherever it waits. Not remembered across starts: until the
     user agrees, call it with False before anything else, every start.
     """
     lib.norv_set_collection_allowed(_flag(allowed, "allowed"))
@@ -215,10 +233,24 @@ def discarded_without_consent_count() -> int:
 def forget_device() -> None:
     """Erase the device UUID and the store user id everywhere we keep them.
 
-    Drops every waiting and kept event too; waits for the keychain store. The next event
-    carries a new UUID.
+    Discards every event recorded before the call, wherever it waits, so that none is sent with
+    the new UUID; waits for the keychain store. The next event carries a new UUID.
     """
     lib.norv_forget_device()
+
+
+def discarded_by_forget_count() -> int:
+    """How many events ``forget_device`` discarded."""
+    return lib.norv_discarded_by_forget_count()
+
+
+def set_idempotency_keys(enabled: bool) -> None:
+    """Send each event with an ``Idempotency-Key`` header, the same on every resend of it.
+
+    Off by default. Turn it on when the server stores an event once per key, as with the
+    persistent queue, which may send an event again after a crash.
+    """
+    lib.norv_set_idempotency_keys(_flag(enabled, "enabled"))
 
 
 def set_saved_event_limits(max_events: int, max_bytes: int) -> None:

@@ -25,6 +25,8 @@ _SIGNATURES = {
     "norv_set_collection_allowed": (None, [ctypes.c_int]),
     "norv_discarded_without_consent_count": (ctypes.c_uint64, []),
     "norv_forget_device": (None, []),
+    "norv_discarded_by_forget_count": (ctypes.c_uint64, []),
+    "norv_set_idempotency_keys": (None, [ctypes.c_int]),
     "norv_set_saved_event_limits": (None, [ctypes.c_size_t, ctypes.c_size_t]),
     "norv_send_username": (None, [_c_text]),
     "norv_send_warehouse": (None, [_c_text]),

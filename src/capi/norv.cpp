@@ -146,6 +146,14 @@ void norv_forget_device(void) {
     guarded(__func__, [] { NorvAnalytics::forgetDevice(); });
 }
 
+uint64_t norv_discarded_by_forget_count(void) {
+    return guarded(__func__, std::uint64_t{0}, [] { return NorvAnalytics::discardedByForgetCount(); });
+}
+
+void norv_set_idempotency_keys(int enabled) {
+    guarded(__func__, [&] { NorvAnalytics::setIdempotencyKeys(enabled != 0); });
+}
+
 void norv_set_saved_event_limits(size_t max_events, size_t max_bytes) {
     guarded(__func__, [&] { NorvAnalytics::setSavedEventLimits(max_events, max_bytes); });
 }

@@ -1,11 +1,14 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
+#include <string>
 
+#include "delivery/Destination.h"
 #include "delivery/EventsInFlight.h"
+#include "delivery/PrivacyEpoch.h"
 #include "events/EventTable.h"
-#include "facade/ControllerState.h"
 
 namespace NorvAnalytic {
 
@@ -16,6 +19,10 @@ struct EventRecord {
     std::shared_ptr<const Destination> destination = nullptr;
     EventsInFlight::Ticket ticket = EventsInFlight::begin();
     bool isSavedEvent = false;
+    // The privacy generation it was recorded in: a later fence discards it wherever it is.
+    std::uint64_t epoch = PrivacyEpoch::current();
+    // Its idempotency key, the same on every resend; empty while keys are off.
+    std::string eventId = {};
 
     // What a waiting record counts against the byte bound: itself and its texts.
     std::size_t bytes() const {
@@ -23,7 +30,7 @@ struct EventRecord {
         for (const auto& [member, text] : texts) {
             bytes += text.capacity() > 15 ? text.capacity() + 1 : 0;
         }
-        return bytes;
+        return bytes + (eventId.capacity() > 15 ? eventId.capacity() + 1 : 0);
     }
 };
 

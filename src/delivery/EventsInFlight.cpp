@@ -6,6 +6,7 @@
 #include <limits>
 #include <mutex>
 #include <new>
+#include <utility>
 
 #include <pthread.h>
 
@@ -22,6 +23,9 @@ struct Registry {
     std::uint64_t oldestOpen = 0;
     // The nearest event number a waiter waits to see ended: the others end without a wake.
     std::uint64_t wakeAt = std::numeric_limits<std::uint64_t>::max();
+    // Events a bound dropped, in all and as the last flush saw them.
+    std::uint64_t lost = 0;
+    std::uint64_t lostSeen = 0;
 };
 
 Registry& registry();
@@ -54,19 +58,20 @@ constexpr std::chrono::milliseconds kLongestWait = std::chrono::hours(24 * 365);
 
 }  // namespace
 
-EventsInFlight::Ticket::~Ticket() {
+void EventsInFlight::Ticket::end() noexcept {
     if (number_ == kEnded) {
         return;
     }
+    const std::uint64_t number = std::exchange(number_, kEnded);
     Registry& state = registry();
     {
         std::lock_guard lock(state.mutex);
         // A ticket from before a fork, in the child: no longer waited for.
-        if (number_ < state.oldestOpen) {
+        if (number < state.oldestOpen) {
             return;
         }
         auto& flags = state.endedFromOldestOpen;
-        flags[number_ - state.oldestOpen] = true;
+        flags[number - state.oldestOpen] = true;
         if (!flags.front()) {
             return;
         }
@@ -93,23 +98,36 @@ EventsInFlight::Ticket EventsInFlight::begin() {
     return Ticket(number);
 }
 
+void EventsInFlight::noteLost(std::uint64_t count) {
+    Registry& state = registry();
+    std::lock_guard lock(state.mutex);
+    state.lost += count;
+}
+
 bool EventsInFlight::waitForEarlier(std::chrono::milliseconds timeout) {
     Registry& state = registry();
     std::unique_lock lock(state.mutex);
     const std::uint64_t limit = state.oldestOpen + state.endedFromOldestOpen.size();
     const auto earlierEnded = [&] { return state.oldestOpen >= limit; };
+    const auto noneLost = [&] {
+        const bool none = state.lost == state.lostSeen;
+        state.lostSeen = state.lost;
+        return none;
+    };
     if (timeout <= std::chrono::milliseconds::zero()) {
-        return earlierEnded();
+        const bool ended = earlierEnded();
+        return noneLost() && ended;
     }
     const auto deadline = std::chrono::steady_clock::now() + std::min(timeout, kLongestWait);
     while (!earlierEnded()) {
         // Set again after each wake: a wake for another waiter's nearer limit clears it.
         state.wakeAt = std::min(state.wakeAt, limit);
         if (state.ended.wait_until(lock, deadline) == std::cv_status::timeout) {
-            return earlierEnded();
+            const bool ended = earlierEnded();
+            return noneLost() && ended;
         }
     }
-    return true;
+    return noneLost();
 }
 
 }  // namespace NorvAnalytic

@@ -1,126 +1,45 @@
 #include "delivery/QueueFile.h"
 
-#include <fcntl.h>
+#include <NorvAnalytic/Bundle.h>
 #include <sqlite3.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <charconv>
-#include <chrono>
-#include <fstream>
-#include <iterator>
-#include <string_view>
 #include <system_error>
-#include <thread>
 
-#include "keychain/FileKeychainBackend.h"
+#include "delivery/OwnerLock.h"
 #include "platform/Diagnostics.h"
+#include "storage/DataDirectory.h"
+#include "storage/SqliteFile.h"
 
 namespace NorvAnalytic {
 
 namespace {
 
-constexpr int kBusyMilliseconds = 5000;
-constexpr int kClaimBusyMilliseconds = 200;
-constexpr mode_t kFileMode = 0600;
+using Statement = SqliteFile::Statement;
 
-constexpr const char* kSchema =
-    "CREATE TABLE IF NOT EXISTS events("
-    " id INTEGER PRIMARY KEY AUTOINCREMENT, owner TEXT NOT NULL, state INTEGER NOT NULL,"
-    " saved INTEGER NOT NULL, url TEXT NOT NULL, body BLOB NOT NULL, texts BLOB NOT NULL);"
-    "CREATE INDEX IF NOT EXISTS events_by_owner ON events(owner, state, id);";
+// A claim waits only briefly for another process's write: the rows wait for the next try.
+constexpr std::chrono::milliseconds kClaimBusy{200};
+// A group commit waits a little longer; beyond that the events are sent from memory meanwhile.
+constexpr std::chrono::milliseconds kWriteBusy{1000};
 
-// The start time of a process in clock ticks since boot, the 22nd field of its stat file: with
-// the pid it names one process for good, where a pid alone is soon reused.
-std::optional<std::string> startTime(std::string_view pid) {
-    std::ifstream file("/proc/" + std::string(pid) + "/stat");
-    const std::string stat((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    // The command name in parentheses may hold spaces and parentheses of its own.
-    const std::size_t nameEnd = stat.rfind(')');
-    if (nameEnd == std::string::npos) {
-        return std::nullopt;
+const SqliteFile::Layout kLayout{
+    {"CREATE TABLE IF NOT EXISTS events("
+     " id INTEGER PRIMARY KEY AUTOINCREMENT, owner TEXT NOT NULL, state INTEGER NOT NULL,"
+     " saved INTEGER NOT NULL, url TEXT NOT NULL, body BLOB NOT NULL, texts BLOB NOT NULL,"
+     " event_id TEXT)",
+     "CREATE INDEX IF NOT EXISTS events_by_owner ON events(owner, state, id)"},
+    {{"events", {"id", "owner", "state", "saved", "url", "body", "texts"}}}};
+
+// Files written before events had ids gain the column; their rows have none.
+bool addEventIdColumn(SqliteFile& file) {
+    bool present = false;
+    {
+        Statement columns =
+            file.statement("SELECT 1 FROM pragma_table_info('events') WHERE name = 'event_id'");
+        present = columns.step();
     }
-    std::size_t position = nameEnd + 1;
-    for (int field = 2; field < 22; ++field) {
-        position = stat.find(' ', position);
-        if (position == std::string::npos) {
-            return std::nullopt;
-        }
-        ++position;
-    }
-    return stat.substr(position, stat.find(' ', position) - position);
+    return present || file.run("ALTER TABLE events ADD COLUMN event_id TEXT");
 }
-
-std::string ownToken() {
-    std::array<char, 24> digits{};
-    const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), ::getpid()).ptr;
-    const std::string pid(digits.data(), end);
-    return pid + ":" + startTime(pid).value_or("");
-}
-
-bool isAlive(std::string_view owner) {
-    const std::size_t colon = owner.find(':');
-    if (colon == std::string_view::npos) {
-        return false;
-    }
-    const std::optional<std::string> started = startTime(owner.substr(0, colon));
-    return started && *started == owner.substr(colon + 1);
-}
-
-// Not copied: every bound text outlives the statement's step, which its reset follows.
-void bindText(sqlite3_stmt* statement, int index, std::string_view text) {
-    sqlite3_bind_text(statement, index, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
-}
-
-void bindBlob(sqlite3_stmt* statement, int index, std::string_view bytes) {
-    sqlite3_bind_blob(statement, index, bytes.data(), static_cast<int>(bytes.size()), SQLITE_STATIC);
-}
-
-std::string column(sqlite3_stmt* statement, int index) {
-    const auto* bytes = static_cast<const char*>(sqlite3_column_blob(statement, index));
-    return bytes ? std::string(bytes, static_cast<std::size_t>(sqlite3_column_bytes(statement, index)))
-                 : std::string();
-}
-
-std::string secondsNow() {
-    std::array<char, 24> digits{};
-    const auto now = std::chrono::duration_cast<std::chrono::seconds>(
-                         std::chrono::system_clock::now().time_since_epoch())
-                         .count();
-    return std::string(digits.data(), std::to_chars(digits.data(), digits.data() + digits.size(), now).ptr);
-}
-
-// SQLITE_OK for a file that holds our table; the failure's code otherwise.
-int openChecked(const std::filesystem::path& path, sqlite3** database) {
-    if (sqlite3_open_v2(path.c_str(), database, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX,
-                        nullptr) != SQLITE_OK) {
-        return SQLITE_CANTOPEN;
-    }
-    sqlite3_busy_timeout(*database, kBusyMilliseconds);
-    sqlite3_stmt* check = nullptr;
-    int status = sqlite3_prepare_v2(*database, "PRAGMA quick_check", -1, &check, nullptr);
-    if (status == SQLITE_OK) {
-        status = sqlite3_step(check);
-        const auto* verdict = reinterpret_cast<const char*>(sqlite3_column_text(check, 0));
-        status = status == SQLITE_ROW && verdict && std::string_view(verdict) == "ok"
-                     ? SQLITE_OK
-                     : (status == SQLITE_ROW ? SQLITE_CORRUPT : status);
-    }
-    sqlite3_finalize(check);
-    // WAL: a killed writer's uncommitted tail is discarded by the next opener. NORMAL sync
-    // keeps every commit through a crash of the process; only a power loss can take the last.
-    // The rows are written once and read once, oldest first: a small page cache does.
-    for (const char* setup : {"PRAGMA journal_mode = WAL", "PRAGMA synchronous = NORMAL",
-                              "PRAGMA temp_store = MEMORY", "PRAGMA cache_size = -512", kSchema}) {
-        if (status == SQLITE_OK) {
-            status = sqlite3_exec(*database, setup, nullptr, nullptr, nullptr);
-        }
-    }
-    return status;
-}
-
-bool isDamage(int status) { return status == SQLITE_CORRUPT || status == SQLITE_NOTADB; }
 
 }  // namespace
 
@@ -134,55 +53,35 @@ std::filesystem::path QueueFile::pathFor(const std::string& bundleIdentifier) {
             name += plain ? c : '_';
         }
     }
-    return FileKeychainBackend::defaultPath().parent_path() / (name + ".sqlite");
+    return DataDirectory::path() / (name + ".sqlite");
 }
 
-std::unique_ptr<QueueFile> QueueFile::open(const std::filesystem::path& path) {
-    if (!FileKeychainBackend::makePrivateDirectories(path.parent_path())) {
-        Diagnostics::report(DiagnosticLevel::Error, "The event queue's directory " +
-                                                        path.parent_path().string() +
-                                                        " cannot be made: events stay in memory.");
-        return nullptr;
+std::filesystem::path QueueFile::pathForMainBundle() {
+    const std::shared_ptr<const Bundle> bundle = Bundle::mainBundle();
+    return pathFor(bundle ? bundle->bundleIdentifier() : std::string());
+}
+
+std::unique_ptr<QueueFile> QueueFile::open(const std::filesystem::path& path, const OwnerLock& owner) {
+    std::string failure = "its table cannot be brought up to date";
+    std::unique_ptr<SqliteFile> file = SqliteFile::open(
+        path, kLayout, {.description = "The event queue file", .busyTimeout = kWriteBusy}, &failure);
+    try {
+        if (file && addEventIdColumn(*file)) {
+            std::unique_ptr<QueueFile> opened(new QueueFile(std::move(file), owner));
+            return opened;
+        }
+    } catch (const std::system_error& error) {
+        failure = error.what();
     }
-    for (int attempt = 0; attempt < 2; ++attempt) {
-        // Made here with its mode, so it never exists readable by others; the journals take it.
-        const int descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kFileMode);
-        if (descriptor >= 0) {
-            ::close(descriptor);
-        }
-        sqlite3* database = nullptr;
-        const int status = openChecked(path, &database);
-        if (status == SQLITE_OK) {
-            return std::unique_ptr<QueueFile>(new QueueFile(database, ownToken()));
-        }
-        sqlite3_close_v2(database);
-        if (!isDamage(status) || attempt > 0) {
-            Diagnostics::report(DiagnosticLevel::Error,
-                                "The event queue file " + path.string() + " cannot be used (" +
-                                    sqlite3_errstr(status) + "): events stay in memory.");
-            return nullptr;
-        }
-        const std::string aside = path.string() + ".corrupt-" + secondsNow();
-        std::error_code ignored;
-        std::filesystem::rename(path, aside, ignored);
-        for (const char* suffix : {"-wal", "-shm"}) {
-            std::filesystem::rename(path.string() + suffix, aside + suffix, ignored);
-        }
-        Diagnostics::report(DiagnosticLevel::Error, "The event queue file " + path.string() +
-                                                        " was damaged: moved aside to " + aside +
-                                                        " and a new one started.");
-    }
+    Diagnostics::report(DiagnosticLevel::Error, "The event queue file " + path.string() +
+                                                    " cannot be used (" + failure +
+                                                    "): events stay in memory.");
     return nullptr;
 }
 
-void QueueFile::remove(const std::filesystem::path& path) {
-    std::error_code ignored;
-    for (const char* suffix : {"", "-wal", "-shm"}) {
-        std::filesystem::remove(path.string() + suffix, ignored);
-    }
-}
+void QueueFile::remove(const std::filesystem::path& path) { SqliteFile::remove(path); }
 
-void QueueFile::eraseAll(const std::filesystem::path& directory) {
+bool QueueFile::eraseAll(const std::filesystem::path& directory) {
     std::error_code error;
     std::vector<std::filesystem::path> files;
     for (const auto& entry : std::filesystem::directory_iterator(directory, error)) {
@@ -191,6 +90,7 @@ void QueueFile::eraseAll(const std::filesystem::path& directory) {
             files.push_back(entry.path());
         }
     }
+    bool erasedAll = true;
     for (const std::filesystem::path& file : files) {
         const std::string name = file.filename().string();
         if (name.find(".corrupt-") != std::string::npos) {
@@ -203,191 +103,184 @@ void QueueFile::eraseAll(const std::filesystem::path& directory) {
         sqlite3* database = nullptr;
         bool erased = sqlite3_open_v2(file.c_str(), &database, SQLITE_OPEN_READWRITE, nullptr) ==
                       SQLITE_OK;
-        sqlite3_busy_timeout(database, kBusyMilliseconds);
-        // Zeroed on delete, the free pages of earlier deletes dropped by the vacuum, and the
-        // journal that still holds old pages cut to nothing.
+        sqlite3_busy_timeout(database, 5000);
+        // Zeroed on delete, the free pages of earlier deletes dropped by the vacuum.
         for (const char* step : {"PRAGMA secure_delete = ON", "PRAGMA temp_store = MEMORY",
-                                 "DELETE FROM events", "VACUUM",
-                                 "PRAGMA wal_checkpoint(TRUNCATE)"}) {
+                                 "DELETE FROM events", "VACUUM"}) {
             erased = erased && sqlite3_exec(database, step, nullptr, nullptr, nullptr) == SQLITE_OK;
         }
+        // The journal still holds old pages until it is cut to nothing, which another process's
+        // open read can prevent: that is said, not taken for success.
+        int framesInJournal = 0;
+        int framesCopied = 0;
+        const bool truncated =
+            erased && sqlite3_wal_checkpoint_v2(database, nullptr, SQLITE_CHECKPOINT_TRUNCATE,
+                                                &framesInJournal, &framesCopied) == SQLITE_OK;
         sqlite3_close_v2(database);
         if (!erased) {
             // A file we cannot clean goes whole; a process still writing it starts anew.
             remove(file);
+        } else if (!truncated) {
+            erasedAll = false;
+            Diagnostics::report(DiagnosticLevel::Error,
+                                "The journal of the event queue file " + file.string() +
+                                    " could not be emptied while another process read it: "
+                                    "erased events' bytes may remain on disk until it is.");
         }
     }
+    return erasedAll;
 }
 
-QueueFile::QueueFile(sqlite3* database, std::string owner)
-    : database_(database), owner_(std::move(owner)) {}
+QueueFile::QueueFile(std::unique_ptr<SqliteFile> file, const OwnerLock& owner)
+    : file_(std::move(file)), owner_(owner) {}
 
-QueueFile::~QueueFile() {
-    for (const auto& [sql, prepared] : statements_) {
-        sqlite3_finalize(prepared);
-    }
-    sqlite3_close_v2(database_);
-}
+QueueFile::~QueueFile() = default;
 
-bool QueueFile::run(const char* sql) {
-    return sqlite3_exec(database_, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
-}
-
-QueueFile::Statement::~Statement() {
-    sqlite3_reset(prepared_);
-    sqlite3_clear_bindings(prepared_);
-}
-
-QueueFile::Statement QueueFile::statement(const char* sql) {
-    for (const auto& [text, prepared] : statements_) {
-        if (text == sql) {
-            return Statement(prepared);
-        }
-    }
-    sqlite3_stmt* prepared = nullptr;
-    if (sqlite3_prepare_v3(database_, sql, -1, SQLITE_PREPARE_PERSISTENT, &prepared, nullptr) !=
-        SQLITE_OK) {
-        throw std::system_error(std::make_error_code(std::errc::io_error), sqlite3_errmsg(database_));
-    }
-    statements_.emplace_back(sql, prepared);
-    return Statement(prepared);
-}
+void QueueFile::abandon() { file_->abandon(); }
 
 std::vector<std::int64_t> QueueFile::claimOrphans() {
-    std::vector<std::int64_t> ids;
-    // Runs on the host's thread at initWithKey: a file another process holds long is claimed
-    // from at the next start instead.
-    sqlite3_busy_timeout(database_, kClaimBusyMilliseconds);
-    const bool began = run("BEGIN IMMEDIATE");
-    sqlite3_busy_timeout(database_, kBusyMilliseconds);
+    // Rows this process left in an earlier opening went from memory, or were discarded.
+    if (!clear()) {
+        throw std::system_error(std::make_error_code(std::errc::io_error), "rows left behind");
+    }
+    file_->setBusyTimeout(kClaimBusy);
+    const bool began = file_->run("BEGIN IMMEDIATE");
+    file_->setBusyTimeout(kWriteBusy);
     if (began) {
-        std::vector<std::string> owners;
-        {
-            const Statement select =
-                statement("SELECT DISTINCT owner FROM events WHERE owner != ?1");
-            bindText(select, 1, owner_);
-            while (sqlite3_step(select) == SQLITE_ROW) {
-                owners.push_back(column(select, 0));
+        try {
+            std::vector<std::string> owners;
+            {
+                Statement select = file_->statement("SELECT DISTINCT owner FROM events WHERE owner != ?1");
+                select.bind(1, owner_.token());
+                while (select.step()) {
+                    owners.push_back(select.text(0));
+                }
             }
-        }
-        for (const std::string& owner : owners) {
-            if (isAlive(owner)) {
-                continue;
+            for (const std::string& owner : owners) {
+                if (owner_.isAlive(owner)) {
+                    continue;
+                }
+                Statement claim = file_->statement(
+                    "UPDATE events SET owner = ?1, saved = (saved OR state = 1), state = 0"
+                    " WHERE owner = ?2");
+                claim.bind(1, owner_.token()).bind(2, owner);
+                claim.step();
             }
-            const Statement claim =
-                statement("UPDATE events SET owner = ?1, saved = (saved OR state = 1), state = 0"
-                          " WHERE owner = ?2");
-            bindText(claim, 1, owner_);
-            bindText(claim, 2, owner);
-            sqlite3_step(claim);
+        } catch (const std::system_error&) {
+            file_->run("ROLLBACK");
+            throw;
         }
-        if (!run("COMMIT")) {
-            run("ROLLBACK");
+        if (!file_->run("COMMIT")) {
+            file_->run("ROLLBACK");
         }
     }
-    const Statement select =
-        statement("SELECT id FROM events WHERE owner = ?1 AND state = 0 ORDER BY id");
-    bindText(select, 1, owner_);
-    while (sqlite3_step(select) == SQLITE_ROW) {
-        ids.push_back(sqlite3_column_int64(select, 0));
+    std::vector<std::int64_t> ids;
+    Statement select =
+        file_->statement("SELECT id FROM events WHERE owner = ?1 AND state = 0 ORDER BY id");
+    select.bind(1, owner_.token());
+    while (select.step()) {
+        ids.push_back(select.number(0));
     }
     return ids;
 }
 
 bool QueueFile::write(const std::vector<Row>& rows, std::vector<std::int64_t>& ids,
                       const std::vector<Change>& changes) {
-    if (!run("BEGIN IMMEDIATE")) {
+    if (!file_->run("BEGIN IMMEDIATE")) {
         return false;
     }
-    bool written = true;
     const std::size_t firstId = ids.size();
-    for (const Row& row : rows) {
-        const Statement insert = statement(
-            "INSERT INTO events(owner, state, saved, url, body, texts) VALUES(?1, 0, ?2, ?3, ?4, ?5)");
-        bindText(insert, 1, owner_);
-        sqlite3_bind_int(insert, 2, row.isSavedEvent ? 1 : 0);
-        bindText(insert, 3, row.url);
-        bindBlob(insert, 4, row.body);
-        bindBlob(insert, 5, row.texts);
-        written = written && sqlite3_step(insert) == SQLITE_DONE;
-        ids.push_back(sqlite3_last_insert_rowid(database_));
-    }
-    for (const Change& change : changes) {
-        const Statement apply = statement(change.state ? "UPDATE events SET state = ?2 WHERE id = ?1"
-                                                       : "DELETE FROM events WHERE id = ?1");
-        sqlite3_bind_int64(apply, 1, change.id);
-        if (change.state) {
-            sqlite3_bind_int(apply, 2, static_cast<int>(*change.state));
+    try {
+        for (const Row& row : rows) {
+            Statement insert = file_->statement(
+                "INSERT INTO events(owner, state, saved, url, body, texts, event_id)"
+                " VALUES(?1, 0, ?2, ?3, ?4, ?5, ?6)");
+            insert.bind(1, owner_.token()).bind(2, std::int64_t{row.isSavedEvent ? 1 : 0});
+            insert.bind(3, row.url).bindBlob(4, row.body).bindBlob(5, row.texts);
+            if (row.eventId.empty()) {
+                insert.bindNull(6);
+            } else {
+                insert.bind(6, row.eventId);
+            }
+            insert.step();
+            ids.push_back(sqlite3_last_insert_rowid(file_->handle()));
         }
-        written = written && sqlite3_step(apply) == SQLITE_DONE;
+        for (const Change& change : changes) {
+            Statement apply = file_->statement(change.state
+                                                   ? "UPDATE events SET state = ?2 WHERE id = ?1"
+                                                   : "DELETE FROM events WHERE id = ?1");
+            apply.bind(1, change.id);
+            if (change.state) {
+                apply.bind(2, std::int64_t{static_cast<int>(*change.state)});
+            }
+            apply.step();
+        }
+        if (file_->run("COMMIT")) {
+            return true;
+        }
+    } catch (const std::system_error&) {
+        // Rolled back below: nothing of this group is written.
     }
-    if (written && run("COMMIT")) {
-        return true;
-    }
-    run("ROLLBACK");
+    file_->run("ROLLBACK");
     ids.resize(firstId);
     return false;
 }
 
 std::vector<QueueFile::Row> QueueFile::read(State state, std::int64_t afterId, std::size_t limit) {
     std::vector<Row> rows;
-    const Statement select = statement(
-        "SELECT id, url, body, texts, saved FROM events"
+    Statement select = file_->statement(
+        "SELECT id, url, body, texts, saved, event_id FROM events"
         " WHERE owner = ?1 AND state = ?2 AND id > ?3 ORDER BY id LIMIT ?4");
-    bindText(select, 1, owner_);
-    sqlite3_bind_int(select, 2, static_cast<int>(state));
-    sqlite3_bind_int64(select, 3, afterId);
-    sqlite3_bind_int64(select, 4, static_cast<sqlite3_int64>(limit));
-    while (sqlite3_step(select) == SQLITE_ROW) {
-        rows.push_back({sqlite3_column_int64(select, 0), column(select, 1), column(select, 2),
-                        column(select, 3), sqlite3_column_int(select, 4) != 0});
+    select.bind(1, owner_.token()).bind(2, std::int64_t{static_cast<int>(state)});
+    select.bind(3, afterId).bind(4, static_cast<std::int64_t>(limit));
+    while (select.step()) {
+        rows.push_back({select.number(0), select.text(1), select.text(2), select.text(3),
+                        select.number(4) != 0, select.text(5)});
     }
     return rows;
 }
 
 QueueFile::Counts QueueFile::count(State state) {
-    const Statement select = statement(
+    Statement select = file_->statement(
         "SELECT count(*), coalesce(sum(length(body) + length(texts)), 0) FROM events"
         " WHERE owner = ?1 AND state = ?2");
-    bindText(select, 1, owner_);
-    sqlite3_bind_int(select, 2, static_cast<int>(state));
-    if (sqlite3_step(select) != SQLITE_ROW) {
+    select.bind(1, owner_.token()).bind(2, std::int64_t{static_cast<int>(state)});
+    if (!select.step()) {
         return {};
     }
-    return {static_cast<std::size_t>(sqlite3_column_int64(select, 0)),
-            static_cast<std::size_t>(sqlite3_column_int64(select, 1))};
+    return {static_cast<std::size_t>(select.number(0)), static_cast<std::size_t>(select.number(1))};
 }
 
-std::size_t QueueFile::trim(State state, std::int64_t afterId, std::size_t maxEvents,
-                            std::size_t maxBytes) {
+std::size_t QueueFile::trim(State state, std::size_t maxEvents, std::size_t maxBytes) {
     Counts left = count(state);
     if (left.events <= maxEvents && left.bytes <= maxBytes) {
         return 0;
     }
     std::vector<Change> oldest;
     {
-        const Statement select = statement(
+        Statement select = file_->statement(
             "SELECT id, length(body) + length(texts) FROM events"
-            " WHERE owner = ?1 AND state = ?2 AND id > ?3 ORDER BY id");
-        bindText(select, 1, owner_);
-        sqlite3_bind_int(select, 2, static_cast<int>(state));
-        sqlite3_bind_int64(select, 3, afterId);
-        while ((left.events > maxEvents || left.bytes > maxBytes) &&
-               sqlite3_step(select) == SQLITE_ROW) {
-            oldest.push_back({sqlite3_column_int64(select, 0), std::nullopt});
+            " WHERE owner = ?1 AND state = ?2 ORDER BY id");
+        select.bind(1, owner_.token()).bind(2, std::int64_t{static_cast<int>(state)});
+        while ((left.events > maxEvents || left.bytes > maxBytes) && select.step()) {
+            oldest.push_back({select.number(0), std::nullopt});
             --left.events;
-            left.bytes -= std::min(left.bytes,
-                                   static_cast<std::size_t>(sqlite3_column_int64(select, 1)));
+            left.bytes -= std::min(left.bytes, static_cast<std::size_t>(select.number(1)));
         }
     }
     std::vector<std::int64_t> none;
     return write({}, none, oldest) ? oldest.size() : 0;
 }
 
-void QueueFile::clear() {
-    const Statement erase = statement("DELETE FROM events WHERE owner = ?1");
-    bindText(erase, 1, owner_);
-    sqlite3_step(erase);
+bool QueueFile::clear() {
+    try {
+        Statement erase = file_->statement("DELETE FROM events WHERE owner = ?1");
+        erase.bind(1, owner_.token());
+        erase.step();
+        return true;
+    } catch (const std::system_error&) {
+        return false;
+    }
 }
 
 }  // namespace NorvAnalytic

@@ -129,6 +129,28 @@ constexpr std::array<Field, 22> kFields = {{
     {"is_simulator", &constant<kSimulator>},
 }};
 
+// What an Event declares but the body never takes from it: the SDK adds the key, the device
+// UUID and the version afresh to every send.
+constexpr std::array kRecordOnly{&Event::key, &Event::version, &Event::device_uuid};
+
+constexpr auto kTextMembers = [] {
+    constexpr std::size_t kFromTable =
+        std::ranges::count_if(kFields, [](const Field& field) { return field.event != nullptr; });
+    std::array<Text Event::*, kFromTable + kRecordOnly.size()> members{};
+    std::size_t next = 0;
+    for (const Field& field : kFields) {
+        if (field.event != nullptr) {
+            members[next++] = field.event;
+        }
+    }
+    for (const auto member : kRecordOnly) {
+        members[next++] = member;
+    }
+    return members;
+}();
+// A text added to Event needs its row in the table above, or it would go unsent and uncounted.
+static_assert(sizeof(Event) == kTextMembers.size() * sizeof(Text) + sizeof(Event::statusCode));
+
 }  // namespace
 
 EventTexts EventTable::texts(const Event& event) {
@@ -145,6 +167,8 @@ EventTexts EventTable::texts(const Event& event) {
     }
     return texts;
 }
+
+std::span<Text Event::* const> EventTable::textMembers() { return kTextMembers; }
 
 const std::string* EventTable::find(const EventTexts& texts, Text Event::*member) {
     for (const auto& [slot, text] : texts) {
@@ -209,7 +233,8 @@ EventResponseContext EventTable::context(const EventTexts& texts, std::string de
     return context;
 }
 
-void EventTable::keep(const EventResponseContext& context, std::int64_t statusCode) {
+std::shared_ptr<Event> EventTable::savedEvent(const EventResponseContext& context,
+                                              std::int64_t statusCode) {
     auto event = std::make_shared<Event>();
     for (const Field& field : kFields) {
         if (field.context != nullptr) {
@@ -218,7 +243,7 @@ void EventTable::keep(const EventResponseContext& context, std::int64_t statusCo
     }
     event->value = TextFormat::decimal(context.value);
     event->statusCode = statusCode;
-    SavedEvents::append(std::move(event));
+    return event;
 }
 
 std::string EventTable::body(const EventTexts& texts, const Text& key, const DeviceFacts& device) {

@@ -4,7 +4,9 @@
 #include <NorvAnalytic/Types.h>
 
 #include <cstdint>
+#include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -34,12 +36,15 @@ struct DeviceFacts {
 class EventTable {
 public:
     static EventTexts texts(const Event& event);
+    // Every text member an Event has, those the body never takes from it included.
+    static std::span<Text Event::* const> textMembers();
     static const std::string* find(const EventTexts& texts, Text Event::*member);
     // What handleEventResponse takes: the texts in their context slots, the body as sent.
     static EventResponseContext context(const EventTexts& texts, std::string deviceUUID,
                                         std::string requestBody, bool isSavedEvent);
-    // Appends the event an answer context describes to Event::savedEvents(). Main queue only.
-    static void keep(const EventResponseContext& context, std::int64_t statusCode);
+    // The event an answer context describes, as the saved list keeps it.
+    static std::shared_ptr<Event> savedEvent(const EventResponseContext& context,
+                                             std::int64_t statusCode);
     // The texts as bytes that outlive the process, each named by its pair's wire key so a
     // later version of the table still reads them; decode answers nothing for bytes it cannot
     // read whole.

@@ -1,29 +1,15 @@
 #include "events/SavedEvents.h"
 
-#include <array>
 #include <atomic>
 #include <string>
 
+#include "events/EventTable.h"
 #include "mainqueue/MainQueueCheck.h"
 #include "platform/Diagnostics.h"
 
 namespace NorvAnalytic {
 
 namespace {
-
-// Every text an Event holds, whether the SDK sets it or a host does.
-constexpr std::array kTexts{
-    &Event::key,         &Event::value,
-    &Event::eventTypeId, &Event::endpoint,
-    &Event::version,     &Event::parameters,
-    &Event::response,    &Event::device_uuid,
-    &Event::pageName,    &Event::player_id,
-    &Event::username,    &Event::warehouse,
-    &Event::error,       &Event::deviceCustomName,
-    &Event::deviceName,
-};
-// A text added to Event must be added above, or its bytes would go uncounted.
-static_assert(sizeof(Event) == kTexts.size() * sizeof(Text) + sizeof(Event::statusCode));
 
 std::atomic<std::size_t> maxEvents{SavedEvents::kDefaultMaxEvents};
 std::atomic<std::size_t> maxBytes{SavedEvents::kDefaultMaxBytes};
@@ -63,7 +49,7 @@ std::size_t SavedEvents::bytes(const Event& event) {
     // A short text lives inside the string itself; a longer one owns a heap block.
     static const std::size_t inPlace = std::string().capacity();
     std::size_t bytes = sizeof(Event);
-    for (const auto member : kTexts) {
+    for (const auto member : EventTable::textMembers()) {
         const Text& text = event.*member;
         if (text && text->capacity() > inPlace) {
             bytes += text->capacity() + 1;
@@ -77,7 +63,7 @@ void SavedEvents::setLimits(std::size_t events, std::size_t bytes) {
     maxBytes.store(bytes, std::memory_order_relaxed);
 }
 
-void SavedEvents::append(std::shared_ptr<Event> event) {
+SavedEvents::Appended SavedEvents::append(std::shared_ptr<Event> event) {
     assertOnMainQueue();
     auto& events = Event::savedEvents();
     Seen& state = seen();
@@ -96,6 +82,7 @@ void SavedEvents::append(std::shared_ptr<Event> event) {
         bytesLeft -= events[drop] ? bytes(*events[drop]) : 0;
         state.bytes = bytesLeft;
     }
+    const bool kept = drop < events.size();
     events.erase(events.begin(), events.begin() + drop);
     state.size = events.size();
     state.front = events.empty() ? nullptr : events.front().get();
@@ -103,7 +90,7 @@ void SavedEvents::append(std::shared_ptr<Event> event) {
 
     if (drop == 0) {
         state.dropping = false;
-        return;
+        return {true, 0};
     }
     const std::uint64_t total = dropped.fetch_add(drop, std::memory_order_relaxed) + drop;
     // Said once per burst: drops go on silently until an event is kept without one.
@@ -115,6 +102,7 @@ void SavedEvents::append(std::shared_ptr<Event> event) {
                                 std::to_string(total) + " dropped so far)");
     }
     state.dropping = true;
+    return {kept, drop};
 }
 
 std::pair<std::size_t, std::size_t> SavedEvents::limits() {

@@ -17,10 +17,15 @@ public:
 
     // Any thread. A list already beyond new limits is cut at the next append.
     static void setLimits(std::size_t maxEvents, std::size_t maxBytes);
+    struct Appended {
+        // Whether the event is in the list: false when the limits dropped it at once.
+        bool kept = false;
+        // How many events the limits dropped, the new one included.
+        std::size_t dropped = 0;
+    };
     // Main queue: appends event to Event::savedEvents(), then drops the oldest beyond the
-    // limits, counts them and says so once per burst. A dropped event's row in the queue file
-    // goes at the next resend tick.
-    static void append(std::shared_ptr<Event> event);
+    // limits, counts them and says so once per burst.
+    static Appended append(std::shared_ptr<Event> event);
     // Any thread: (events, bytes); the queue file bounds its unanswered rows by them too.
     static std::pair<std::size_t, std::size_t> limits();
     // Any thread.

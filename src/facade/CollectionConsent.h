@@ -9,7 +9,6 @@ class CollectionConsent {
 public:
     // Any thread, no lock: read on every event call.
     static bool allowed() noexcept;
-    static void set(bool allowed) noexcept;
     static void countDiscarded(std::uint64_t count) noexcept;
     static std::uint64_t discardedCount() noexcept;
 };

@@ -10,15 +10,9 @@
 #include <string>
 
 #include "BuildConfig.h"
+#include "delivery/Destination.h"
 
 namespace NorvAnalytic {
-
-// Where an event goes: the app key and the collection URL of the moment it was sent, shared by
-// every event sent while they stay the same.
-struct Destination {
-    Text key;
-    std::string url;
-};
 
 // The shared controller's properties, behind one lock so that any thread may read or write
 // them. No I/O ever runs under the lock.

@@ -11,6 +11,11 @@
 
 namespace NorvAnalytic {
 
+DeviceFactsReader& DeviceFactsReader::shared() {
+    static auto* reader = new DeviceFactsReader;
+    return *reader;
+}
+
 std::shared_ptr<const DeviceFacts> DeviceFactsReader::read() {
     NorvAnalytics& controller = NorvAnalytics::sharedController();
     return std::make_shared<const DeviceFacts>(DeviceFacts{

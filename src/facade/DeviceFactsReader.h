@@ -2,17 +2,17 @@
 
 #include <memory>
 
-#include "events/EventTable.h"
+#include "delivery/DeviceFactsSource.h"
 
 namespace NorvAnalytic {
 
-// Reads what every event says about the app and the device. On the delivery thread, never the
-// host's: the first read of the device UUID may wait for the keychain store.
-class DeviceFactsReader {
+// The device's facts as the facade knows them: the identity from the keychain cache, the model,
+// the versions, and for an app-open event the battery and the store user id.
+class DeviceFactsReader final : public DeviceFactsSource {
 public:
-    static std::shared_ptr<const DeviceFacts> read();
-    // The same facts with the battery level and the store user id an app-open event carries.
-    static std::shared_ptr<const DeviceFacts> withAppOpenFacts(const DeviceFacts& facts);
+    static DeviceFactsReader& shared();
+    std::shared_ptr<const DeviceFacts> read() override;
+    std::shared_ptr<const DeviceFacts> withAppOpenFacts(const DeviceFacts& facts) override;
 };
 
 }  // namespace NorvAnalytic

@@ -2,10 +2,13 @@
 
 #include <NorvAnalytic/Event.h>
 
+#include <string>
+
 namespace NorvAnalytic {
 
-// Sends one event, unless collection is off: its record joins the delivery queue. Any thread;
-// never waits on the network, the keychain or the disk.
-void submitEvent(const Event& event, bool isSavedEvent) noexcept;
+// Sends one event, unless collection is off: its record joins the delivery queue, with eventId as
+// its idempotency key (a new one when empty and keys are on). Any thread; never waits on the
+// network, the keychain or the disk.
+void submitEvent(const Event& event, bool isSavedEvent, std::string eventId = {}) noexcept;
 
 }  // namespace NorvAnalytic

@@ -7,10 +7,10 @@
 #include <utility>
 
 #include "platform/Diagnostics.h"
-#include "delivery/DeliveryQueue.h"
 #include "events/CollectionUrl.h"
 #include "facade/CollectionConsent.h"
 #include "facade/ControllerState.h"
+#include "facade/EventDelivery.h"
 #include "events/EventCatalogue.h"
 #include "delivery/EventsInFlight.h"
 
@@ -49,7 +49,9 @@ NorvAnalytics& NorvAnalytics::initWithKey(const Text& key) {
     }
     controller.setIsEnabled(true);
     checkUpdates(false);
-    DeliveryQueue::shared().recover();
+    if (CollectionConsent::allowed()) {
+        EventDelivery::outbox().recover();
+    }
     // Every start adds a timer and leaves the earlier ones running: each start means one more
     // resend per second, which the server side has always seen.
     controller.setTimer(

@@ -3,6 +3,7 @@
 #include "events/EventCatalogue.h"
 #include "events/TextFormat.h"
 #include "facade/EventSubmission.h"
+#include "facade/CollectionConsent.h"
 #include "facade/RequestStartTimes.h"
 
 namespace NorvAnalytic {
@@ -130,7 +131,8 @@ void NorvAnalytics::sendEventWithType(std::int32_t type, float value, const Text
 
 void NorvAnalytics::sendRequestStartTime(const std::optional<Date>& startTime,
                                          const Text& endpoint) {
-    if (!startTime || !endpoint) {
+    // A start is the user's data too: none is noted while collection is not allowed.
+    if (!startTime || !endpoint || !CollectionConsent::allowed()) {
         return;
     }
     RequestStartTimes::shared().set(*endpoint, *startTime);

@@ -4,12 +4,14 @@
 
 #include <atomic>
 
-#include "delivery/DeliveryQueue.h"
-#include "delivery/QueueFile.h"
+#include "delivery/EventIds.h"
 #include "events/SavedEvents.h"
 #include "facade/CollectionConsent.h"
+#include "facade/ControllerState.h"
+#include "facade/EventDelivery.h"
 #include "facade/IdentityErasure.h"
-#include "keychain/FileKeychainBackend.h"
+#include "facade/RequestStartTimes.h"
+#include "facade/SavedEventTags.h"
 
 namespace NorvAnalytic {
 
@@ -18,15 +20,10 @@ namespace {
 std::atomic<bool> collectionAllowed{true};
 std::atomic<std::uint64_t> discardedWithoutConsent{0};
 
-// The saved list is the main queue's: dropped there, at once when this is that queue.
-void dropSavedEvents(bool countAsDiscarded) {
-    const auto drop = [countAsDiscarded] {
-        auto& saved = Event::savedEvents();
-        if (countAsDiscarded) {
-            CollectionConsent::countDiscarded(saved.size());
-        }
-        saved.clear();
-    };
+// The saved list is the main queue's: its events of before the fence go there, at once when
+// this is that queue. Until then a tick finds and drops them itself.
+void dropFencedSavedEvents() {
+    const auto drop = [] { SavedEventTags::shared().dropFenced(Event::savedEvents()); };
     if (MainQueue::main().isCurrent()) {
         drop();
     } else {
@@ -40,10 +37,6 @@ bool CollectionConsent::allowed() noexcept {
     return collectionAllowed.load(std::memory_order_acquire);
 }
 
-void CollectionConsent::set(bool allowed) noexcept {
-    collectionAllowed.store(allowed, std::memory_order_release);
-}
-
 void CollectionConsent::countDiscarded(std::uint64_t count) noexcept {
     discardedWithoutConsent.fetch_add(count, std::memory_order_relaxed);
 }
@@ -53,17 +46,23 @@ std::uint64_t CollectionConsent::discardedCount() noexcept {
 }
 
 void NorvAnalytics::setPersistentQueue(bool enabled) {
-    DeliveryQueue::shared().setPersistent(enabled);
+    EventDelivery::outbox().setPersistent(enabled);
 }
+
+void NorvAnalytics::setIdempotencyKeys(bool enabled) { EventIds::setEnabled(enabled); }
 
 void NorvAnalytics::setCollectionAllowed(bool allowed) {
     const bool wasAllowed = collectionAllowed.exchange(allowed, std::memory_order_acq_rel);
     if (allowed && !wasAllowed) {
-        DeliveryQueue::shared().recover();
+        // The queue file is read again once the SDK has started.
+        if (ControllerState::locked([](const ControllerState& state) { return state.isEnabled; })) {
+            EventDelivery::outbox().recover();
+        }
     }
     if (!allowed && wasAllowed) {
-        DeliveryQueue::shared().discardAll();
-        dropSavedEvents(true);
+        EventDelivery::outbox().fence(FenceKind::ConsentWithdrawn);
+        RequestStartTimes::shared().clear();
+        dropFencedSavedEvents();
     }
 }
 
@@ -72,19 +71,20 @@ std::uint64_t NorvAnalytics::discardedWithoutConsentCount() {
 }
 
 void NorvAnalytics::forgetDevice() {
-    DeliveryQueue::shared().eraseWhileHeld([] {
-        eraseDeviceIdentity();
-        QueueFile::eraseAll(FileKeychainBackend::defaultPath().parent_path());
-    });
-    dropSavedEvents(false);
+    EventDelivery::outbox().fence(FenceKind::DeviceForgotten);
+    eraseDeviceIdentity();
+    RequestStartTimes::shared().clear();
+    dropFencedSavedEvents();
 }
+
+std::uint64_t NorvAnalytics::discardedByForgetCount() { return EventDelivery::discardedByForget(); }
 
 void NorvAnalytics::setSavedEventLimits(std::size_t maxEvents, std::size_t maxBytes) {
     SavedEvents::setLimits(maxEvents, maxBytes);
 }
 
 std::uint64_t NorvAnalytics::droppedEventCount() {
-    return DeliveryQueue::shared().droppedCount() + SavedEvents::droppedCount();
+    return EventDelivery::outbox().droppedCount() + SavedEvents::droppedCount();
 }
 
 }  // namespace NorvAnalytic

@@ -5,21 +5,28 @@
 
 #include <algorithm>
 
-#include "delivery/DeliveryQueue.h"
-#include "facade/CollectionConsent.h"
-#include "mainqueue/MainQueueCheck.h"
+#include "events/SavedEvents.h"
 #include "events/TextFormat.h"
+#include "facade/CollectionConsent.h"
+#include "facade/EventDelivery.h"
 #include "facade/EventSubmission.h"
+#include "facade/SavedEventTags.h"
+#include "mainqueue/MainQueueCheck.h"
 
 namespace NorvAnalytic {
 
 void NorvAnalytics::checkEvents() {
     assertOnMainQueue();
+    auto& events = Event::savedEvents();
+    SavedEventTags& tags = SavedEventTags::shared();
+    // Events kept before consent was withdrawn or the device forgotten are never resent.
+    tags.dropFenced(events);
     if (!CollectionConsent::allowed() || !hasConnection()) {
         return;
     }
-    DeliveryQueue::shared().resendTick();
-    auto& events = Event::savedEvents();
+    tags.releaseGone();
+    const auto [maxEvents, maxBytes] = SavedEvents::limits();
+    EventDelivery::outbox().journal().tick(maxEvents, maxBytes);
     if (events.empty()) {
         return;
     }
@@ -30,13 +37,17 @@ void NorvAnalytics::checkEvents() {
     if (!head->eventTypeId) {
         return;
     }
+    const std::optional<SavedEventTags::Tag> tag = tags.take(head.get());
     // The value goes back through its float, as the server always saw it.
     Event resent = *head;
     resent.value = TextFormat::decimal(TextFormat::leadingFloat(head->value));
-    submitEvent(resent, true);
+    // The same key as its first send: a server that saw that one knows this one.
+    submitEvent(resent, true, tag ? tag->eventId : std::string());
     // Sent once, whatever the answer: a resend that fails again is not kept.
     std::erase_if(events, [&](const std::shared_ptr<Event>& event) { return event == head; });
-    DeliveryQueue::shared().savedEventResent(head.get());
+    if (tag && tag->row) {
+        EventDelivery::outbox().journal().settle(tag->row, Journal::Settlement::Delivered, false);
+    }
 }
 
 bool NorvAnalytics::hasConnection() {

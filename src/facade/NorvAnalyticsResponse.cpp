@@ -2,10 +2,13 @@
 #include <NorvAnalytic/NorvAnalytics.h>
 #include <NorvAnalytic/Platform.h>
 
+#include "delivery/EventsInFlight.h"
 #include "events/AnswerRule.h"
 #include "events/EventCatalogue.h"
 #include "events/EventTable.h"
+#include "events/SavedEvents.h"
 #include "events/ServerAnswer.h"
+#include "facade/AnswerHandling.h"
 #include "mainqueue/MainQueueCheck.h"
 
 namespace NorvAnalytic {
@@ -38,20 +41,35 @@ void NorvAnalytics::handleEventResponse(const EventResponseContext& context,
                                         std::optional<HttpResponse> response,
                                         [[maybe_unused]] std::optional<std::string> transportError) {
     assertOnMainQueue();
-    NorvAnalytics& controller = sharedController();
     // No answer at all: the request never reached the server, and the event is dropped. The
-    // delivery queue has said why on the diagnostics sink.
+    // delivery has said why on the diagnostics sink.
     if (!data) {
         return;
     }
     const long statusCode = response ? response->statusCode : 0;
-    if (AnswerRule::keeps(statusCode, context.isSavedEvent)) {
-        EventTable::keep(context, statusCode);
+    handleAnswer(context, std::move(*data), response,
+                 AnswerRule::keeps(statusCode, context.isSavedEvent));
+}
+
+std::shared_ptr<Event> handleAnswer(const EventResponseContext& context, std::string data,
+                                    std::optional<HttpResponse> response, bool keeps) {
+    assertOnMainQueue();
+    NorvAnalytics& controller = NorvAnalytics::sharedController();
+    std::shared_ptr<Event> kept;
+    if (keeps) {
+        kept = EventTable::savedEvent(context, response ? response->statusCode : 0);
+        const SavedEvents::Appended appended = SavedEvents::append(kept);
+        if (!appended.kept) {
+            kept.reset();
+        }
+        if (appended.dropped > 0) {
+            EventsInFlight::noteLost(appended.dropped);
+        }
     }
     if (!AnswerRule::reads(context.typeId, controller.logLevel(), controller.isEnabled())) {
-        return;
+        return kept;
     }
-    const std::optional<ServerAnswer::Json> document = ServerAnswer::parse(*data);
+    const std::optional<ServerAnswer::Json> document = ServerAnswer::parse(data);
     const ServerAnswer::Json* root = document ? &*document : nullptr;
 
     const std::string message = ServerAnswer::describe(ServerAnswer::member(root, "message"));
@@ -75,7 +93,7 @@ void NorvAnalytics::handleEventResponse(const EventResponseContext& context,
                 }
                 Platform::log("Analytic is disabled from server " +
                               ServerAnswer::describe(payload));
-                return;
+                return kept;
             }
             if (controller.logLevel() == 0) {
                 controller.print("Analytic is enabled,\n message = " + message);
@@ -100,7 +118,7 @@ void NorvAnalytics::handleEventResponse(const EventResponseContext& context,
                     }
                 }
                 if (result == UpdatePromptResult::AlreadyShowing) {
-                    return;
+                    return kept;
                 }
             }
         }
@@ -109,6 +127,7 @@ void NorvAnalytics::handleEventResponse(const EventResponseContext& context,
     if (!line.empty() && controller.isEnabled()) {
         controller.print(line);
     }
+    return kept;
 }
 
 }  // namespace NorvAnalytic

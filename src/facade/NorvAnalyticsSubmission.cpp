@@ -1,10 +1,11 @@
 #include <NorvAnalytic/NorvAnalytics.h>
 
-#include "delivery/DeliveryQueue.h"
+#include "delivery/EventIds.h"
 #include "events/EventCatalogue.h"
 #include "events/TextFormat.h"
 #include "facade/CollectionConsent.h"
 #include "facade/ControllerState.h"
+#include "facade/EventDelivery.h"
 #include "facade/EventSubmission.h"
 #include "platform/Diagnostics.h"
 
@@ -19,10 +20,13 @@ std::string& NorvAnalytics::addObject(const Text& object, const std::string& key
 }
 
 void NorvAnalytics::setWaitingEventLimits(std::size_t maxEvents, std::size_t maxBytes) {
-    DeliveryQueue::shared().setLimits(maxEvents, maxBytes);
+    EventDelivery::outbox().setLimits(maxEvents, maxBytes);
 }
 
-void submitEvent(const Event& event, bool isSavedEvent) noexcept {
+void submitEvent(const Event& event, bool isSavedEvent, std::string eventId) noexcept {
+    // Read before consent: a withdrawal between the two finds this event with the older
+    // generation and discards it wherever it is.
+    const std::uint64_t epoch = PrivacyEpoch::current();
     if (!CollectionConsent::allowed()) {
         CollectionConsent::countDiscarded(1);
         return;
@@ -41,9 +45,12 @@ void submitEvent(const Event& event, bool isSavedEvent) noexcept {
             }
             return;
         }
-        DeliveryQueue::shared().submit(
-            {EventTable::texts(event), std::move(destination), EventsInFlight::begin(),
-             isSavedEvent});
+        if (eventId.empty()) {
+            eventId = EventIds::next();
+        }
+        EventDelivery::outbox().submit({EventTable::texts(event), std::move(destination),
+                                        EventsInFlight::begin(), isSavedEvent, epoch,
+                                        std::move(eventId)});
     } catch (...) {
         // Out of memory: this one event is dropped, and the host's call returns as usual.
     }

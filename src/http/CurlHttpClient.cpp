@@ -3,11 +3,13 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <limits>
 #include <cstdlib>
 #include <deque>
 #include <memory>
 #include <mutex>
-#include <new>
 #include <optional>
 #include <set>
 #include <string>
@@ -16,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "http/CurlTransfer.h"
 #include "platform/SdkThread.h"
 
 namespace NorvAnalytic {
@@ -26,43 +29,13 @@ constexpr long kMaxConnectionsPerHost = 6;
 // Requests in curl at once. Over HTTP/2 they are streams on one connection; over HTTP/1.1 curl
 // runs six and queues the rest until a connection is free.
 constexpr std::size_t kMaxTransfers = 64;
-constexpr curl_off_t kMaxAnswerBytes = 1 << 20;
-constexpr long kIdleTimeoutSeconds = 60;
-// A server that trickles its answer slowly enough to pass the idle check still ends here.
-constexpr long kWholeRequestTimeoutSeconds = 300;
-constexpr long kMaxRedirects = 16;
+// With transfers running, libcurl's own timers wake the loop sooner when they must. With none,
+// it sleeps until a request or a stop wakes it.
 constexpr int kPollMilliseconds = 1000;
+constexpr int kIdlePollMilliseconds = std::numeric_limits<int>::max();
 
 using Completion = HttpClient::Completion;
-
-struct Request {
-    HttpRequest request;
-    Completion completion;
-};
-
-// Runs a completion on our thread: nothing it throws may leave it.
-void complete(Completion& completion, std::optional<std::string> data,
-              std::optional<HttpResponse> response, std::optional<Error> error) noexcept {
-    try {
-        completion(std::move(data), response, std::move(error));
-    } catch (...) {
-    }
-}
-
-void cancel(Request& request, const char* why) noexcept {
-    complete(request.completion, std::nullopt, std::nullopt,
-             HttpClient::error(HttpClientErrorCancelled, why));
-}
-
-// One easy handle, kept for the next request, and what its request needs while curl works.
-struct Transfer {
-    CURL* easy = nullptr;
-    Request request;
-    std::string answer;
-    bool tooLong = false;
-    std::uint64_t settingsVersion = 0;
-    char errorText[CURL_ERROR_SIZE] = {};
-};
+using Transfers = std::vector<std::unique_ptr<CurlTransfer>>;
 
 struct Settings {
     std::vector<std::string> connectTo;
@@ -75,23 +48,12 @@ struct Settings {
 struct Network {
     CURLM* multi = nullptr;
     CURLSH* share = nullptr;
-    std::vector<std::unique_ptr<Transfer>> idle;
+    Transfers idle;
     curl_slist* connectTo = nullptr;
 };
 
-std::size_t receive(char* bytes, std::size_t size, std::size_t count, void* user) {
-    auto* transfer = static_cast<Transfer*>(user);
-    const std::size_t length = size * count;
-    if (transfer->answer.size() + length > static_cast<std::size_t>(kMaxAnswerBytes)) {
-        transfer->tooLong = true;
-        return 0;  // curl stops reading this answer
-    }
-    try {
-        transfer->answer.append(bytes, length);
-    } catch (...) {
-        return 0;
-    }
-    return length;
+void completeUnsent(Completion& completion, HttpClientErrorCode code, const char* why) {
+    CurlRequest{{}, std::move(completion)}.complete(std::nullopt, std::nullopt, HttpClient::error(code, why));
 }
 
 }  // namespace
@@ -134,29 +96,52 @@ public:
         std::unique_lock lock(mutex_);
         if (state_ == State::Stopped) {
             lock.unlock();
-            complete(completion, std::nullopt, std::nullopt,
-                     HttpClient::error(HttpClientErrorCancelled,
-                                       "The request was not sent: the process is exiting"));
+            completeUnsent(completion, HttpClientErrorCancelled,
+                           "The request was not sent: the process is exiting");
             return;
         }
         if (incoming_.size() >= kMaxWaitingRequests) {
             lock.unlock();
-            complete(completion, std::nullopt, std::nullopt,
-                     HttpClient::error(HttpClientErrorDropped,
-                                       "The request was dropped: too many requests were waiting"));
+            completeUnsent(completion, HttpClientErrorDropped,
+                           "The request was dropped: too many requests were waiting");
             return;
         }
-        incoming_.push_back({std::move(request), std::move(completion)});
+        incoming_.push_back({std::move(request), std::move(completion), nextSequence_++});
         if (state_ == State::Idle && !start()) {
-            Request unsent = std::move(incoming_.back());
+            CurlRequest unsent = std::move(incoming_.back());
             incoming_.pop_back();
             lock.unlock();
-            complete(unsent.completion, std::nullopt, std::nullopt,
-                     HttpClient::error(HttpClientErrorTransport,
-                                       "The request was not sent: no network thread could start"));
+            completeUnsent(unsent.completion, HttpClientErrorTransport,
+                           "The request was not sent: no network thread could start");
         } else if (sleepsWithRoom_) {
             sleepsWithRoom_ = false;
             curl_multi_wakeup(network_->multi);
+        }
+    }
+
+    // Requests still in the list are cancelled here; transfers libcurl has not started writing
+    // are taken out of the multi handle by the network thread, which this waits for (unless it
+    // is that thread: a completion that cancels, whose later requests the pre-request check stops).
+    void cancelUnsent() {
+        std::deque<CurlRequest> cancelled;
+        std::uint64_t ticket = 0;
+        bool wait = false;
+        {
+            std::lock_guard lock(mutex_);
+            cancelBefore_.store(nextSequence_, std::memory_order_release);
+            cancelled.swap(incoming_);
+            if (state_ == State::Running) {
+                ticket = ++cancelsAsked_;
+                curl_multi_wakeup(network_->multi);
+                wait = thread_.get_id() != std::this_thread::get_id();
+            }
+        }
+        for (CurlRequest& request : cancelled) {
+            request.cancel("The request was cancelled before it was sent");
+        }
+        if (wait) {
+            std::unique_lock lock(mutex_);
+            cancelsDone_.wait(lock, [&] { return cancelsMade_ >= ticket || state_ != State::Running; });
         }
     }
 
@@ -264,7 +249,7 @@ private:
 
     void stop(const char* why) {
         std::thread thread;
-        std::deque<Request> cancelled;
+        std::deque<CurlRequest> cancelled;
         {
             std::lock_guard lock(mutex_);
             stopRequestedLocked();
@@ -280,8 +265,8 @@ private:
         if (thread.joinable()) {
             thread.join();
         }
-        for (Request& request : cancelled) {
-            cancel(request, why);
+        for (CurlRequest& request : cancelled) {
+            request.cancel(why);
         }
     }
 
@@ -292,7 +277,7 @@ private:
             return;
         }
         static_cast<void>(network_.release());
-        static_cast<void>(new std::deque<Request>(std::move(incoming_)));
+        static_cast<void>(new std::deque<CurlRequest>(std::move(incoming_)));
         abandonParentsThread(thread_);
         incoming_.clear();
         state_ = State::Idle;
@@ -303,11 +288,11 @@ private:
 
     void run() {
         Network& network = *network_;
-        std::vector<std::unique_ptr<Transfer>> active;
+        Transfers active;
         active.reserve(kMaxTransfers);
         std::unique_lock lock(mutex_);
         while (!stopRequested_) {
-            std::vector<Request> taken;
+            std::vector<CurlRequest> taken;
             while (!incoming_.empty() && active.size() + taken.size() < kMaxTransfers) {
                 taken.push_back(std::move(incoming_.front()));
                 incoming_.pop_front();
@@ -316,11 +301,19 @@ private:
             if (settings_.version != appliedVersion_) {
                 settings = settings_;
             }
+            const std::uint64_t cancels = cancelsAsked_;
             lock.unlock();
             if (settings) {
                 apply(network, *settings);
             }
-            for (Request& request : taken) {
+            if (cancels != cancelsMadeHere_) {
+                cancelNotStarted(network, active);
+                cancelsMadeHere_ = cancels;
+                std::lock_guard made(mutex_);
+                cancelsMade_ = cancels;
+                cancelsDone_.notify_all();
+            }
+            for (CurlRequest& request : taken) {
                 begin(network, active, std::move(request));
             }
             int running = 0;
@@ -338,32 +331,57 @@ private:
             // A new request wakes the thread only if curl has room for it; else an answer will.
             sleepsWithRoom_ = active.size() < kMaxTransfers;
             lock.unlock();
-            curl_multi_poll(network.multi, nullptr, 0, kPollMilliseconds, nullptr);
+            curl_multi_poll(network.multi, nullptr, 0,
+                            active.empty() ? kIdlePollMilliseconds : kPollMilliseconds, nullptr);
             lock.lock();
             sleepsWithRoom_ = false;
         }
-        std::deque<Request> waiting;
+        std::deque<CurlRequest> waiting;
         waiting.swap(incoming_);
         const std::string why = stopReason_;
         const bool deleteThis = deleteWhenStopped_;
         state_ = State::Stopped;
+        cancelsDone_.notify_all();
         lock.unlock();
         for (auto& transfer : active) {
-            curl_multi_remove_handle(network.multi, transfer->easy);
-            cancel(transfer->request, why.c_str());
-            curl_easy_cleanup(transfer->easy);
+            curl_multi_remove_handle(network.multi, transfer->easy());
+            transfer->takeBack().cancel(why.c_str());
         }
-        for (Request& request : waiting) {
-            cancel(request, why.c_str());
+        active.clear();
+        for (CurlRequest& request : waiting) {
+            request.cancel(why.c_str());
         }
-        for (auto& transfer : network.idle) {
-            curl_easy_cleanup(transfer->easy);
-        }
+        network.idle.clear();
         curl_multi_cleanup(network.multi);
         curl_share_cleanup(network.share);
         curl_slist_free_all(network.connectTo);
         if (deleteThis) {
             delete this;
+        }
+    }
+
+    void cancelNotStarted(Network& network, Transfers& active) {
+        const std::uint64_t before = cancelBefore_.load(std::memory_order_acquire);
+        for (auto transfer = active.begin(); transfer != active.end();) {
+            if ((*transfer)->started() || (*transfer)->request().sequence >= before) {
+                ++transfer;
+                continue;
+            }
+            std::unique_ptr<CurlTransfer> taken = std::move(*transfer);
+            transfer = active.erase(transfer);
+            curl_multi_remove_handle(network.multi, taken->easy());
+            CurlRequest request = taken->takeBack();
+            recycle(network, std::move(taken));
+            request.cancel("The request was cancelled before it was sent");
+        }
+    }
+
+    // Keeps the easy handle and its connections for the next request.
+    static void recycle(Network& network, std::unique_ptr<CurlTransfer> transfer) noexcept {
+        try {
+            network.idle.push_back(std::move(transfer));
+        } catch (...) {
+            // Out of memory: this handle goes.
         }
     }
 
@@ -377,112 +395,39 @@ private:
         appliedVersion_ = settings.version;
     }
 
-    std::unique_ptr<Transfer> takeTransfer(Network& network) {
-        if (!network.idle.empty()) {
-            std::unique_ptr<Transfer> transfer = std::move(network.idle.back());
-            network.idle.pop_back();
-            return transfer;
-        }
-        auto transfer = std::make_unique<Transfer>();
-        CURL* easy = transfer->easy = curl_easy_init();
-        if (easy == nullptr) {
-            throw std::bad_alloc();
-        }
-        curl_easy_setopt(easy, CURLOPT_PRIVATE, transfer.get());
-        curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-        curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer->errorText);
-        curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &receive);
-        curl_easy_setopt(easy, CURLOPT_WRITEDATA, transfer.get());
-        curl_easy_setopt(easy, CURLOPT_MAXFILESIZE_LARGE, kMaxAnswerBytes);
-        curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
-        curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-        curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
-        curl_easy_setopt(easy, CURLOPT_MAXREDIRS, kMaxRedirects);
-        curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, CURL_HTTP_VERSION_2TLS);
-        curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT, kIdleTimeoutSeconds);
-        curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, 1L);
-        curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, kIdleTimeoutSeconds);
-        curl_easy_setopt(easy, CURLOPT_TIMEOUT, kWholeRequestTimeoutSeconds);
-        curl_easy_setopt(easy, CURLOPT_SHARE, network.share);
-        return transfer;
-    }
-
-    void begin(Network& network, std::vector<std::unique_ptr<Transfer>>& active,
-               Request request) noexcept {
-        std::unique_ptr<Transfer> transfer;
+    void begin(Network& network, Transfers& active, CurlRequest request) noexcept {
+        std::unique_ptr<CurlTransfer> transfer;
         try {
-            transfer = takeTransfer(network);
+            if (network.idle.empty()) {
+                transfer = CurlTransfer::make(network.share, &cancelBefore_);
+            } else {
+                transfer = std::move(network.idle.back());
+                network.idle.pop_back();
+            }
+            transfer->load(std::move(request), network.connectTo, caInfo_, appliedVersion_);
+            curl_multi_add_handle(network.multi, transfer->easy());
+            active.push_back(std::move(transfer));
         } catch (...) {
-            complete(request.completion, std::nullopt, std::nullopt,
-                     HttpClient::error(HttpClientErrorDropped,
-                                       "The request was dropped: out of memory"));
-            return;
+            (transfer ? transfer->takeBack() : std::move(request))
+                .complete(std::nullopt, std::nullopt,
+                          HttpClient::error(HttpClientErrorDropped, "The request was dropped: out of memory"));
         }
-        CURL* easy = transfer->easy;
-        if (transfer->settingsVersion != appliedVersion_) {
-            curl_easy_setopt(easy, CURLOPT_CONNECT_TO, network.connectTo);
-            curl_easy_setopt(easy, CURLOPT_CAINFO, caInfo_.empty() ? nullptr : caInfo_.c_str());
-            transfer->settingsVersion = appliedVersion_;
-        }
-        transfer->request = std::move(request);
-        const HttpRequest& http = transfer->request.request;
-        curl_easy_setopt(easy, CURLOPT_URL, http.url.c_str());
-        // Over TLS, wait for the first connection's protocol: HTTP/2 carries every request on it.
-        // A plain one is HTTP/1.1, whose first answer may be long in coming.
-        curl_easy_setopt(easy, CURLOPT_PIPEWAIT, http.url.starts_with("https:") ? 1L : 0L);
-        if (http.method == "GET") {
-            curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
-            curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, nullptr);
-        } else {
-            // The body stays in the request until the transfer ends: curl reads it from there.
-            curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE,
-                             static_cast<curl_off_t>(http.body.size()));
-            curl_easy_setopt(easy, CURLOPT_POSTFIELDS, http.body.c_str());
-            curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST,
-                             http.method == "POST" ? nullptr : http.method.c_str());
-        }
-        transfer->errorText[0] = '\0';
-        curl_multi_add_handle(network.multi, easy);
-        active.push_back(std::move(transfer));
     }
 
-    void finish(Network& network, std::vector<std::unique_ptr<Transfer>>& active, CURL* easy,
-                CURLcode result) noexcept {
+    void finish(Network& network, Transfers& active, CURL* easy, CURLcode result) noexcept {
         const auto found = std::ranges::find_if(
-            active, [easy](const std::unique_ptr<Transfer>& transfer) { return transfer->easy == easy; });
-        std::unique_ptr<Transfer> transfer = std::move(*found);
+            active, [easy](const std::unique_ptr<CurlTransfer>& transfer) { return transfer->easy() == easy; });
+        std::unique_ptr<CurlTransfer> transfer = std::move(*found);
         active.erase(found);
         curl_multi_remove_handle(network.multi, easy);
-        long status = 0;
-        curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
-        const bool cut = transfer->tooLong || result == CURLE_FILESIZE_EXCEEDED;
-        Request request = std::move(transfer->request);
-        std::optional<std::string> data;
-        std::optional<Error> error;
-        if (status > 0 && (result == CURLE_OK || cut)) {
-            // An answer over the cap is no document the SDK reads, but its status still counts.
-            data = cut ? std::string() : std::move(transfer->answer);
-        } else {
-            error = HttpClient::error(HttpClientErrorTransport, transfer->errorText[0] != '\0'
-                                                                  ? transfer->errorText
-                                                                  : curl_easy_strerror(result));
-        }
-        transfer->answer = std::string();
-        transfer->tooLong = false;
-        request.request = HttpRequest();
-        try {
-            network.idle.push_back(std::move(transfer));
-        } catch (...) {
-            curl_easy_cleanup(easy);
-        }
-        complete(request.completion, std::move(data),
-                 data ? std::optional<HttpResponse>(HttpResponse{status}) : std::nullopt,
-                 std::move(error));
+        CurlTransfer::Outcome outcome = transfer->finish(result);
+        recycle(network, std::move(transfer));
+        outcome.request.complete(std::move(outcome.data), outcome.response, std::move(outcome.error));
     }
 
     std::mutex mutex_;
     State state_ = State::Idle;
-    std::deque<Request> incoming_;
+    std::deque<CurlRequest> incoming_;
     Settings settings_;
     std::unique_ptr<Network> network_;
     std::thread thread_;
@@ -490,6 +435,13 @@ private:
     bool stopRequested_ = false;
     bool deleteWhenStopped_ = false;
     std::string stopReason_;
+    std::uint64_t nextSequence_ = 0;
+    std::atomic<std::uint64_t> cancelBefore_{0};
+    // Cancels asked for, and made by the network thread (its own count, and the one others see).
+    std::uint64_t cancelsAsked_ = 0;
+    std::uint64_t cancelsMade_ = 0;
+    std::uint64_t cancelsMadeHere_ = 0;
+    std::condition_variable cancelsDone_;
     // The network thread's copy of the settings.
     std::uint64_t appliedVersion_ = 0;
     std::string caInfo_;
@@ -502,6 +454,8 @@ CurlHttpClient::~CurlHttpClient() { Impl::destroy(impl_.release()); }
 void CurlHttpClient::send(HttpRequest request, Completion completion) {
     impl_->send(std::move(request), std::move(completion));
 }
+
+void CurlHttpClient::cancelUnsent() { impl_->cancelUnsent(); }
 
 void CurlHttpClient::connectTo(const std::string& hostAndPort, const std::string& addressAndPort) {
     impl_->connectTo(hostAndPort, addressAndPort);

@@ -6,10 +6,9 @@
 #include <memory>
 #include <mutex>
 
-struct sqlite3;
-struct sqlite3_stmt;
-
 namespace NorvAnalytic {
+
+class SqliteFile;
 
 // The default keychain on Linux: one SQLite file readable by its owner only, one row per
 // generic-password item (account, service, access group). Several threads and several
@@ -24,10 +23,8 @@ public:
     FileKeychainBackend(const FileKeychainBackend&) = delete;
     FileKeychainBackend& operator=(const FileKeychainBackend&) = delete;
 
-    // $XDG_DATA_HOME/NorvAnalytic/keychain.sqlite, or ~/.local/share/... without it.
+    // keychain.sqlite in the data directory.
     static std::filesystem::path defaultPath();
-    // Makes the missing directories of a path, each readable by its owner only.
-    static bool makePrivateDirectories(const std::filesystem::path& directory);
 
     OSStatus copyMatching(const KeychainQuery& query, KeychainItemAttributes* result) override;
     OSStatus add(const KeychainQuery& attributes) override;
@@ -44,34 +41,19 @@ public:
     bool scrub();
 
 private:
-    struct StatementFinalizer {
-        void operator()(sqlite3_stmt* statement) const;
-    };
-    using Statement = std::unique_ptr<sqlite3_stmt, StatementFinalizer>;
-
+    // A damaged or foreign file is moved aside and a new one made: another UUID is better than
+    // none on every event, and the old bytes stay for a look.
     bool openIfNeeded();
-    // SQLITE_OK, or the SQLite code of the failure (SQLITE_NOTADB, SQLITE_CORRUPT: damaged).
-    int open();
-    // SQLITE_OK for a sound file; SQLITE_CORRUPT when the check finds damage.
-    int quickCheck();
-    // Renames a damaged file to <name>.corrupt-<seconds since 1970>, so a new one can start.
-    bool moveAside();
-    bool prepareFile() const;
     // Copies the journal into the file and empties it; false when a reader held it too long.
     bool checkpoint();
-    void close();
     void abandonConnection();
 
     std::filesystem::path path_;
     // Recursive, so that the calls of a write transaction's body run under the lock it holds.
     // Owned, and replaced (never freed) in a forked child, where it may be held for good.
     std::recursive_mutex* mutex_;
-    sqlite3* database_ = nullptr;
-    Statement select_;
-    Statement insert_;
-    Statement update_;
-    Statement delete_;
-    bool reportedStuckDamage_ = false;
+    std::unique_ptr<SqliteFile> file_;
+    bool reportedFailure_ = false;
 };
 
 }  // namespace NorvAnalytic

@@ -11,7 +11,7 @@
 #include <string_view>
 #include <thread>
 
-#include "keychain/FileKeychainBackend.h"
+#include "storage/DataDirectory.h"
 
 namespace NorvAnalytic {
 
@@ -165,7 +165,7 @@ struct SecretServiceKeychainBackend::Session {
 SecretServiceKeychainBackend::SecretServiceKeychainBackend(const std::string& schemaName,
                                                            const std::string& collectionAlias)
     : session_(std::make_unique<Session>(schemaName, collectionAlias)),
-      lockPath_(FileKeychainBackend::defaultPath().parent_path() / (schemaName + ".lock")) {}
+      lockPath_(DataDirectory::path() / (schemaName + ".lock")) {}
 
 SecretServiceKeychainBackend::~SecretServiceKeychainBackend() = default;
 
@@ -298,7 +298,7 @@ OSStatus SecretServiceKeychainBackend::remove(const KeychainQuery& query) {
 }
 
 OSStatus SecretServiceKeychainBackend::writeTransaction(const std::function<OSStatus()>& body) {
-    if (!FileKeychainBackend::makePrivateDirectories(lockPath_.parent_path())) {
+    if (!DataDirectory::makePrivate(lockPath_.parent_path())) {
         return errSecInteractionNotAllowed;
     }
     const int descriptor =

@@ -1,6 +1,7 @@
 """The Python package against the built library and a real HTTP server in this process."""
 
 import http.server
+import math
 import socket
 import threading
 import unittest
@@ -13,6 +14,7 @@ class Collector(http.server.ThreadingHTTPServer):
 
     def __init__(self):
         self.bodies = []
+        self.keys = []
         super().__init__(("127.0.0.1", 0), Collector.Handler)
         threading.Thread(target=self.serve_forever, daemon=True).start()
 
@@ -28,6 +30,7 @@ class Collector(http.server.ThreadingHTTPServer):
         def do_POST(self):
             body = self.rfile.read(int(self.headers["Content-Length"]))
             self.server.bodies.append(body.decode("utf-8"))
+            self.server.keys.append(self.headers.get("Idempotency-Key"))
             answer = b'{"payload":{"analytics_enabled":true}}'
             self.send_response(200)
             self.send_header("Content-Length", str(len(answer)))
@@ -61,6 +64,8 @@ class NorvAnalyticTest(unittest.TestCase):
             (TypeError, norvanalytic.send_event_with_type, (1, "0.5")),
             (TypeError, norvanalytic.send_request_start_time, (None, "/a")),
             (TypeError, norvanalytic.flush, ("1",)),
+            (ValueError, norvanalytic.flush, (math.nan,)),
+            (TypeError, norvanalytic.set_idempotency_keys, (1,)),
             (TypeError, norvanalytic.set_diagnostics_sink, ("print",)),
             (ValueError, norvanalytic.send_event_with_page_name, ("Or\0ders",)),
             (ValueError, norvanalytic.send_event_with_type, (2**31, 0.0)),
@@ -108,6 +113,14 @@ class NorvAnalyticTest(unittest.TestCase):
         self.assertEqual(norvanalytic.discarded_without_consent_count(), discarded + 1)
         self.assertTrue(norvanalytic.flush(10))
         self.assertEqual(len(collector.bodies), 3)
+        # With keys on, an event carries one; "as long as it takes" is infinity or None.
+        norvanalytic.set_idempotency_keys(True)
+        norvanalytic.send_event_with_page_name("Keyed")
+        self.assertTrue(norvanalytic.flush(math.inf))
+        norvanalytic.set_idempotency_keys(False)
+        self.assertTrue(norvanalytic.flush(None))
+        self.assertEqual(collector.keys[:3], [None, None, None])
+        self.assertRegex(collector.keys[3], r'^"[0-9a-f]{32}-[0-9a-f]+"$')
         collector.stop()
 
     def test_a_sink_that_raises_is_logged_and_the_sdk_goes_on(self):

@@ -153,6 +153,27 @@ TEST(EventCalls, RequestTimingSendsElapsedSecondsOncePerStart) {
                                         harness.body({"1", 0.25F, "/b"}),
                                         harness.body({"1", 0.0F, "/d"}),
                                         harness.body({"1", -0.25F, "/e"})}));
+
+    // Starts never ended are bounded: beyond 1,000 endpoints the oldest is forgotten. No start
+    // is noted without consent, and a forget clears them.
+    harness.http->clear();
+    for (int endpoint = 0; endpoint <= 1000; ++endpoint) {
+        NorvAnalytics::sendRequestStartTime(t0, "/many-" + std::to_string(endpoint));
+    }
+    for (const std::string endpoint : {"/many-0", "/many-1000"}) {
+        NorvAnalytics::sendRequestEndTime(t0 + ms(500), endpoint, std::nullopt, std::nullopt);
+    }
+    EXPECT_EQ(harness.http->bodies(), std::vector<std::string>{harness.body({"1", 0.5F, "/many-1000"})});
+    NorvAnalytics::setCollectionAllowed(false);
+    NorvAnalytics::sendRequestStartTime(t0, "/private");
+    NorvAnalytics::setCollectionAllowed(true);
+    NorvAnalytics::sendRequestStartTime(t0, "/forgotten");
+    NorvAnalytics::forgetDevice();
+    harness.http->clear();
+    for (const std::string endpoint : {"/private", "/forgotten", "/many-1"}) {
+        NorvAnalytics::sendRequestEndTime(t0, endpoint, std::nullopt, std::nullopt);
+    }
+    EXPECT_EQ(harness.http->bodies(), std::vector<std::string>{});
 }
 
 TEST(EventCalls, ManyThreadsLoseNoEvent) {

@@ -2,7 +2,7 @@
 // from exit handlers and thread_local destructors, how the SDK's threads look from outside,
 // what forgetting the device leaves on disk, and what a killed host leaves to the next one.
 // usage: reporting_lifecycle_host fork|exit-handlers|threads|forget|persist-record|
-//        persist-resume|no-consent URL
+//        persist-resume|persist-pair|persist-keys|persist-full|queue-off|no-consent URL [prefix]
 #include <NorvAnalytic/NorvAnalytic.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -102,6 +102,27 @@ int persistAndDie() {
 // Nothing of its own to send: what an earlier process of the host left in the file.
 int resume() { return NorvAnalytics::flush(std::chrono::seconds(60)) ? 0 : 7; }
 
+// Thirty events of its own, waited for, beside another process of the host.
+int persistPair(const std::string& prefix) {
+    sendPages(prefix, 30);
+    return NorvAnalytics::flush(std::chrono::seconds(60)) ? 0 : 7;
+}
+
+// Events the server refuses are kept, with their keys, for the next process to resend.
+int persistKeys() {
+    NorvAnalytics::setIdempotencyKeys(true);
+    sendPages("keyed-", 3);
+    return NorvAnalytics::flush(kFlushLimit) ? 0 : 7;
+}
+
+// Whatever a full disk refuses is delivered from memory, or dropped, counted and flushed false.
+int persistFull() {
+    sendPages("full-", 3000);
+    const bool flushed = NorvAnalytics::flush(std::chrono::seconds(60));
+    const bool dropped = NorvAnalytics::droppedEventCount() > 0;
+    return flushed != dropped ? 0 : 11;
+}
+
 int withoutConsent() {
     sendPages("page-", 1'000);
     NorvAnalytics::flush(kFlushLimit);
@@ -132,8 +153,17 @@ int main(int argc, char** argv) {
     if (mode == "persist-record") {
         return persistAndDie();
     }
-    if (mode == "persist-resume") {
+    if (mode == "persist-resume" || mode == "queue-off") {
         return resume();
+    }
+    if (mode == "persist-pair") {
+        return persistPair(argc > 3 ? argv[3] : "pair-");
+    }
+    if (mode == "persist-keys") {
+        return persistKeys();
+    }
+    if (mode == "persist-full") {
+        return persistFull();
     }
     if (mode == "no-consent") {
         return withoutConsent();

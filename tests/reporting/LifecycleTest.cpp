@@ -3,6 +3,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <map>
+#include <thread>
 #include <csignal>
 #include <filesystem>
 #include <mutex>
@@ -65,6 +68,19 @@ protected:
              url.empty() ? server.url() : url},
             {"XDG_DATA_HOME=" + dataHome.string()}, std::chrono::seconds(90));
         return WIFEXITED(status) ? WEXITSTATUS(status) : WIFSIGNALED(status) ? -WTERMSIG(status) : -100;
+    }
+
+    // The same, wrapped: the host runs as the last argument of prefix.
+    int runWrapped(std::vector<std::string> prefix, const std::string& mode,
+                   const std::string& extra = {}) {
+        prefix.insert(prefix.end(), {Testing::siblingExecutable("reporting_lifecycle_host"), mode,
+                                     server.url()});
+        if (!extra.empty()) {
+            prefix.push_back(extra);
+        }
+        const int status = Testing::runChildProcess(prefix, {"XDG_DATA_HOME=" + dataHome.string()},
+                                                    std::chrono::seconds(90));
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -100;
     }
 
     void TearDown() override { std::filesystem::remove_all(dataHome); }
@@ -175,6 +191,108 @@ TEST_F(Lifecycle, WhatAKilledHostRecordedTheNextProcessSendsOnceAndInOrder) {
             EXPECT_GT(tenth[tenth.size() / 2], previousMedian);
             previousMedian = tenth[tenth.size() / 2];
         }
+    }
+}
+
+// How often each page arrived.
+std::map<std::string, int> pageCounts(const Testing::LocalHttpServer& server) {
+    std::map<std::string, int> counts;
+    for (const std::string& page : pagesReceived(server)) {
+        ++counts[page];
+    }
+    return counts;
+}
+
+std::map<std::string, int> once(const std::string& prefix, int events) {
+    std::map<std::string, int> counts;
+    for (int index = 0; index < events; ++index) {
+        counts[prefix + std::to_string(index)] = 1;
+    }
+    return counts;
+}
+
+// Two sandboxed instances of one app (each in a PID namespace of its own, where both may be
+// pid 1) share the data directory while their events wait: neither takes the other's rows.
+TEST_F(Lifecycle, ProcessesInTheirOwnPidNamespacesSendEachEventOnce) {
+    const std::vector<std::string> sandbox = {"/usr/bin/unshare", "--pid", "--fork", "--mount-proc"};
+    if (Testing::runChildProcess({"/usr/bin/unshare", "--pid", "--fork", "--mount-proc", "/bin/true"},
+                                 {}) != 0) {
+        GTEST_SKIP() << "no PID namespaces here";
+    }
+    server.setResponder([](const std::string&, const std::string&) {
+        return Testing::LocalHttpServer::Answer{.delay = std::chrono::milliseconds(500)};
+    });
+    int first = -1;
+    std::thread other([&] { first = runWrapped(sandbox, "persist-pair", "a-"); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(runWrapped(sandbox, "persist-pair", "b-"), 0);
+    other.join();
+    EXPECT_EQ(first, 0);
+    std::map<std::string, int> expected = once("a-", 30);
+    expected.merge(once("b-", 30));
+    EXPECT_EQ(pageCounts(server), expected);
+}
+
+// A data directory on a 1.2 MB file system fills up under 3,000 events: each is delivered (from
+// memory when the file refuses it) or dropped, counted and flushed false; and what was answered
+// is not left for the next process, which sends none of them again.
+TEST_F(Lifecycle, AFullDiskLosesNoEventSilentlyAndLeavesNoAnsweredOneBehind) {
+    const fs::path directory = dataHome / "NorvAnalytic";
+    fs::create_directories(directory);
+    const std::string host = Testing::siblingExecutable("reporting_lifecycle_host");
+    const std::string script = "mount -t tmpfs -o size=1200k tmpfs '" + directory.string() +
+                               "' || exit 77; '" + host + "' persist-full '" + server.url() +
+                               "' && '" + host + "' persist-resume '" + server.url() + "'";
+    const int status = Testing::runChildProcess({"/usr/bin/unshare", "--mount", "/bin/sh", "-c", script},
+                                                {"XDG_DATA_HOME=" + dataHome.string()},
+                                                std::chrono::seconds(120));
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 77) {
+        GTEST_SKIP() << "no tmpfs can be mounted here";
+    }
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(pageCounts(server), once("full-", 3000));
+}
+
+// Turning the queue off in one process leaves the file another live process writes.
+TEST_F(Lifecycle, TurningTheQueueOffLeavesAFileAnotherProcessUses) {
+    server.setResponder([](const std::string&, const std::string&) {
+        return Testing::LocalHttpServer::Answer{.delay = std::chrono::milliseconds(300)};
+    });
+    int writer = -1;
+    std::thread other([&] { writer = runWrapped({}, "persist-pair", "w-"); });
+    const fs::path file = dataHome / "NorvAnalytic" / "queue.sqlite";
+    ASSERT_TRUE(server.waitForCount(1));
+    ASSERT_EQ(run("queue-off"), 0);
+    EXPECT_TRUE(fs::exists(file));
+    other.join();
+    EXPECT_EQ(writer, 0);
+    EXPECT_EQ(pageCounts(server), once("w-", 30));
+    // Once nobody uses it, off deletes it.
+    ASSERT_EQ(run("queue-off"), 0);
+    EXPECT_FALSE(fs::exists(file));
+}
+
+// Events the server refused, kept in the file, are resent by the next process with the keys and
+// the bodies of their first send.
+TEST_F(Lifecycle, TheNextProcessResendsAnEventWithItsFirstKey) {
+    std::atomic<int> refusals{3};
+    server.setResponder([&](const std::string&, const std::string&) {
+        return Testing::LocalHttpServer::Answer{.status = refusals-- > 0 ? 500 : 200};
+    });
+    ASSERT_EQ(run("persist-keys"), 0);
+    ASSERT_EQ(run("persist-resume"), 0);
+    std::map<std::string, std::vector<Testing::LocalHttpServer::Received>> byPage;
+    for (const auto& each : server.received()) {
+        const std::size_t start = each.body.find("pageName=") + 9;
+        byPage[each.body.substr(start, each.body.find('&', start) - start)].push_back(each);
+    }
+    ASSERT_EQ(byPage.size(), 3U);
+    for (const auto& [page, sends] : byPage) {
+        ASSERT_EQ(sends.size(), 2U) << page;
+        EXPECT_FALSE(sends[0].key.empty());
+        EXPECT_EQ(sends[1].key, sends[0].key);
+        EXPECT_EQ(sends[1].body, sends[0].body);
     }
 }
 

@@ -6,6 +6,7 @@
 #include <fstream>
 #include <iterator>
 
+#include "delivery/OwnerLock.h"
 #include "delivery/QueueFile.h"
 #include "events/EventTable.h"
 
@@ -51,23 +52,21 @@ TEST(EventTableBytes, TextsSurviveTheirBytesAndCutBytesAreRefused) {
     EXPECT_EQ(EventTable::decode(std::string("\x04nope\0\0\0\0", 9)), std::nullopt);
 }
 
+// Liveness is a lock another process holds, whatever its pid: a second OwnerLock here is such a
+// process. A token nobody holds, and a token of the older pid:start-time form, belong to no one.
 TEST_F(QueueFileTest, RowsOfEndedProcessesAreClaimedInOrderAndLiveOnesAreLeft) {
-    ASSERT_NE(QueueFile::open(directory / "queue.sqlite"), nullptr);
-    // The parent of this test is alive; pid 1 never started at tick 0, and pid 0 never ran.
-    std::ifstream stat("/proc/" + std::to_string(::getppid()) + "/stat");
-    const std::string parentStat((std::istreambuf_iterator<char>(stat)), {});
-    std::size_t field = parentStat.rfind(')') + 1;
-    for (int skip = 2; skip < 22; ++skip) {
-        field = parentStat.find(' ', field) + 1;
-    }
-    const std::string live = std::to_string(::getppid()) + ":" +
-                             parentStat.substr(field, parentStat.find(' ', field) - field);
-    insertAs("1:0", State::Pending, "ended-pending");
-    insertAs(live, State::Pending, "live");
-    insertAs("0:5", State::Refused, "ended-refused");
-    insertAs("1:0", State::Unanswered, "ended-unanswered");
+    const std::filesystem::path path = directory / "queue.sqlite";
+    const auto us = OwnerLock::acquire(path);
+    const auto other = OwnerLock::acquire(path);
+    ASSERT_NE(us, nullptr);
+    ASSERT_NE(other, nullptr);
+    ASSERT_NE(QueueFile::open(path, *us), nullptr);
+    insertAs("00000000deadbeef", State::Pending, "ended-pending");
+    insertAs(other->token(), State::Pending, "live");
+    insertAs("1:0", State::Refused, "ended-refused");
+    insertAs("00000000deadbeef", State::Unanswered, "ended-unanswered");
 
-    auto first = QueueFile::open(directory / "queue.sqlite");
+    auto first = QueueFile::open(path, *us);
     ASSERT_EQ(first->claimOrphans().size(), 3U);
     const auto rows = first->read(State::Pending, 0, 10);
     ASSERT_EQ(rows.size(), 3U);
@@ -77,15 +76,20 @@ TEST_F(QueueFileTest, RowsOfEndedProcessesAreClaimedInOrderAndLiveOnesAreLeft) {
     EXPECT_EQ(rows[1].body, "ended-refused");
     EXPECT_TRUE(rows[1].isSavedEvent);
     EXPECT_EQ(rows[2].body, "ended-unanswered");
+    // The live process's row stays its own.
+    const auto live = QueueFile::open(path, *other)->read(State::Pending, 0, 10);
+    ASSERT_EQ(live.size(), 1U);
+    EXPECT_EQ(live[0].body, "live");
 }
 
 TEST_F(QueueFileTest, ADamagedFileIsMovedAsideAndAFreshOneTakesItsPlace) {
     const std::filesystem::path path = directory / "queue-host.sqlite";
     std::ofstream(path, std::ios::binary) << std::string(8192, '\x5a');
-    auto file = QueueFile::open(path);
+    const auto owner = OwnerLock::acquire(path);
+    auto file = QueueFile::open(path, *owner);
     ASSERT_NE(file, nullptr);
     std::vector<std::int64_t> ids;
-    ASSERT_TRUE(file->write({{0, "http://u", "body", "", false}}, ids, {}));
+    ASSERT_TRUE(file->write({{0, "http://u", "body", "", false, ""}}, ids, {}));
     EXPECT_EQ(file->read(State::Pending, 0, 10).size(), 1U);
     std::size_t movedAside = 0;
     for (const auto& entry : std::filesystem::directory_iterator(directory)) {

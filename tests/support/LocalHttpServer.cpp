@@ -6,7 +6,8 @@ LocalHttpServer::LocalHttpServer(int port) {
     // httplib answers form bodies over 8 KiB with 413 itself; the suites' events stay far below.
     server_.Post(".*", [this](const httplib::Request& request, httplib::Response& response) {
         std::unique_lock lock(mutex_);
-        bodies_.push_back(request.body);
+        received_.push_back({request.body, request.get_header_value("Idempotency-Key"),
+                             std::chrono::steady_clock::now()});
         const Responder responder = responder_;
         lock.unlock();
         changed_.notify_all();

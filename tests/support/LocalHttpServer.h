@@ -23,6 +23,13 @@ public:
         std::chrono::milliseconds delay{0};
     };
     using Responder = std::function<Answer(const std::string& path, const std::string& body)>;
+    // A POST as it arrived.
+    struct Received {
+        std::string body;
+        // Its Idempotency-Key header, empty without one.
+        std::string key;
+        std::chrono::steady_clock::time_point at;
+    };
 
     explicit LocalHttpServer(int port = 0);
     ~LocalHttpServer();
@@ -35,15 +42,23 @@ public:
         std::lock_guard lock(mutex_);
         responder_ = std::move(responder);
     }
-    // Every POST body received, oldest first.
+    // Every POST received, and its body, oldest first.
+    std::vector<Received> received() const {
+        std::lock_guard lock(mutex_);
+        return received_;
+    }
     std::vector<std::string> bodies() const {
         std::lock_guard lock(mutex_);
-        return bodies_;
+        std::vector<std::string> bodies;
+        for (const Received& each : received_) {
+            bodies.push_back(each.body);
+        }
+        return bodies;
     }
     bool waitForCount(std::size_t count,
                       std::chrono::milliseconds timeout = std::chrono::seconds(10)) const {
         std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, timeout, [&] { return bodies_.size() >= count; });
+        return changed_.wait_for(lock, timeout, [&] { return received_.size() >= count; });
     }
 
 private:
@@ -52,7 +67,7 @@ private:
     int port_ = 0;
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
-    std::vector<std::string> bodies_;
+    std::vector<Received> received_;
     Responder responder_;
 };
 

@@ -1,0 +1,158 @@
+#include "http/CurlTransfer.h"
+
+#include <new>
+
+namespace NorvAnalytic {
+
+namespace {
+
+constexpr long kIdleTimeoutSeconds = 60;
+// A server that trickles its answer slowly enough to pass the idle check still ends here.
+constexpr long kWholeRequestTimeoutSeconds = 300;
+constexpr long kMaxRedirects = 16;
+
+}  // namespace
+
+void CurlRequest::complete(std::optional<std::string> data, std::optional<HttpResponse> response,
+                           std::optional<Error> error) noexcept {
+    try {
+        completion(std::move(data), response, std::move(error));
+    } catch (...) {
+    }
+}
+
+void CurlRequest::cancel(const char* why) noexcept {
+    complete(std::nullopt, std::nullopt, HttpClient::error(HttpClientErrorCancelled, why));
+}
+
+std::unique_ptr<CurlTransfer> CurlTransfer::make(CURLSH* share,
+                                                 const std::atomic<std::uint64_t>* cancelBefore) {
+    std::unique_ptr<CurlTransfer> transfer(new CurlTransfer);
+    CURL* easy = transfer->easy_ = curl_easy_init();
+    if (easy == nullptr) {
+        throw std::bad_alloc();
+    }
+    transfer->cancelBefore_ = cancelBefore;
+    curl_easy_setopt(easy, CURLOPT_PRIVATE, transfer.get());
+    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer->errorText_);
+    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &receive);
+    curl_easy_setopt(easy, CURLOPT_WRITEDATA, transfer.get());
+    curl_easy_setopt(easy, CURLOPT_MAXFILESIZE_LARGE, kMaxAnswerBytes);
+    curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_easy_setopt(easy, CURLOPT_MAXREDIRS, kMaxRedirects);
+    curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, CURL_HTTP_VERSION_2TLS);
+    curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT, kIdleTimeoutSeconds);
+    curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, kIdleTimeoutSeconds);
+    curl_easy_setopt(easy, CURLOPT_TIMEOUT, kWholeRequestTimeoutSeconds);
+    curl_easy_setopt(easy, CURLOPT_SHARE, share);
+    curl_easy_setopt(easy, CURLOPT_PREREQFUNCTION, &beforeRequest);
+    curl_easy_setopt(easy, CURLOPT_PREREQDATA, transfer.get());
+    return transfer;
+}
+
+CurlTransfer::~CurlTransfer() {
+    curl_easy_cleanup(easy_);
+    curl_slist_free_all(headers_);
+}
+
+// libcurl's call after a connection is ready (or reused) and before the request is written:
+// the last moment a cancel keeps a request off the wire.
+int CurlTransfer::beforeRequest(void* user, char*, char*, int, int) {
+    auto* transfer = static_cast<CurlTransfer*>(user);
+    if (transfer->request_.sequence < transfer->cancelBefore_->load(std::memory_order_acquire)) {
+        return CURL_PREREQFUNC_ABORT;
+    }
+    transfer->started_ = true;
+    return CURL_PREREQFUNC_OK;
+}
+
+std::size_t CurlTransfer::receive(char* bytes, std::size_t size, std::size_t count, void* user) {
+    auto* transfer = static_cast<CurlTransfer*>(user);
+    const std::size_t length = size * count;
+    if (transfer->answer_.size() + length > static_cast<std::size_t>(kMaxAnswerBytes)) {
+        transfer->tooLong_ = true;
+        return 0;  // curl stops reading this answer
+    }
+    try {
+        transfer->answer_.append(bytes, length);
+    } catch (...) {
+        return 0;
+    }
+    return length;
+}
+
+void CurlTransfer::load(CurlRequest request, curl_slist* connectTo, const std::string& caInfo,
+                        std::uint64_t settingsVersion) {
+    if (settingsVersion_ != settingsVersion) {
+        curl_easy_setopt(easy_, CURLOPT_CONNECT_TO, connectTo);
+        curl_easy_setopt(easy_, CURLOPT_CAINFO, caInfo.empty() ? nullptr : caInfo.c_str());
+        settingsVersion_ = settingsVersion;
+    }
+    request_ = std::move(request);
+    const HttpRequest& http = request_.request;
+    for (const auto& [name, value] : http.headers) {
+        const std::string field = name + ": " + value;
+        if (curl_slist* appended = curl_slist_append(headers_, field.c_str())) {
+            headers_ = appended;
+        }
+    }
+    curl_easy_setopt(easy_, CURLOPT_HTTPHEADER, headers_);
+    curl_easy_setopt(easy_, CURLOPT_URL, http.url.c_str());
+    // Over TLS, wait for the first connection's protocol: HTTP/2 carries every request on it.
+    // A plain one is HTTP/1.1, whose first answer may be long in coming.
+    curl_easy_setopt(easy_, CURLOPT_PIPEWAIT, http.url.starts_with("https:") ? 1L : 0L);
+    if (http.method == "GET") {
+        curl_easy_setopt(easy_, CURLOPT_HTTPGET, 1L);
+        curl_easy_setopt(easy_, CURLOPT_CUSTOMREQUEST, nullptr);
+    } else {
+        // The body stays in the request until the transfer ends: curl reads it from there.
+        curl_easy_setopt(easy_, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(http.body.size()));
+        curl_easy_setopt(easy_, CURLOPT_POSTFIELDS, http.body.c_str());
+        curl_easy_setopt(easy_, CURLOPT_CUSTOMREQUEST,
+                         http.method == "POST" ? nullptr : http.method.c_str());
+    }
+    errorText_[0] = '\0';
+}
+
+CurlTransfer::Outcome CurlTransfer::finish(CURLcode result) {
+    long status = 0;
+    curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &status);
+    const bool cut = tooLong_ || result == CURLE_FILESIZE_EXCEEDED;
+    Outcome outcome;
+    if (status > 0 && (result == CURLE_OK || cut)) {
+        // An answer over the cap is no document the SDK reads, but its status still counts.
+        outcome.data = cut ? std::string() : std::move(answer_);
+        outcome.response = HttpResponse{status};
+    } else if (result == CURLE_ABORTED_BY_CALLBACK && !started_) {
+        // Stopped before a byte of it was written: a cancel.
+        outcome.error = HttpClient::error(HttpClientErrorCancelled,
+                                          "The request was cancelled before it was sent");
+    } else {
+        outcome.error = HttpClient::error(HttpClientErrorTransport,
+                                          errorText_[0] != '\0' ? errorText_ : curl_easy_strerror(result));
+    }
+    outcome.request = takeBack();
+    outcome.request.request = HttpRequest();
+    return outcome;
+}
+
+CurlRequest CurlTransfer::takeBack() {
+    CurlRequest request = std::move(request_);
+    reset();
+    return request;
+}
+
+void CurlTransfer::reset() {
+    curl_slist_free_all(headers_);
+    headers_ = nullptr;
+    answer_ = std::string();
+    tooLong_ = false;
+    started_ = false;
+    request_ = CurlRequest();
+}
+
+}  // namespace NorvAnalytic
