@@ -2,6 +2,7 @@
 #include <httplib.h>
 #include <sqlite3.h>
 
+#include <fstream>
 #include <latch>
 #include <regex>
 #include <thread>
@@ -9,6 +10,7 @@
 
 #include "CollectorFixture.h"
 #include "RawConnection.h"
+#include "storage/SqliteFile.h"
 
 namespace NorvAnalytic::Collector {
 namespace {
@@ -147,6 +149,28 @@ TEST(CollectorStoreTest, GivesAFileWrittenBeforeKeysAUniqueColumnForThem) {
         EXPECT_EQ(store.eventWithKey("k2"), std::nullopt);
     }
     EXPECT_EQ(CollectorStore(path).repeatsAbsorbed(), 1);
+    std::filesystem::remove_all(directory);
+}
+
+// Events carry device ids and user names: the file is its owner's alone, and a file at its path
+// that is not a collector's is set aside rather than failing every request.
+TEST(CollectorStoreTest, KeepsItsFileToItsOwnerAndSetsAsideOneNotItsOwn) {
+    const std::filesystem::path directory =
+        std::filesystem::temp_directory_path() / ("norv-private-" + std::to_string(getpid()));
+    const std::filesystem::path path = directory / "collector.sqlite";
+    std::filesystem::create_directories(directory);
+    std::ofstream(path) << "not a database";
+    std::filesystem::permissions(
+        path, std::filesystem::perms::others_read | std::filesystem::perms::group_read,
+        std::filesystem::perm_options::add);
+    {
+        CollectorStore store(path.string());
+        store.save("type=7", std::chrono::system_clock::now(), 200);
+        EXPECT_EQ(store.events().size(), 1U);
+    }
+    EXPECT_EQ(std::filesystem::status(path).permissions() & std::filesystem::perms::all,
+              std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+    EXPECT_EQ(SqliteFile::movedAside(path).size(), 1U);
     std::filesystem::remove_all(directory);
 }
 

@@ -2,14 +2,18 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
-struct sqlite3;
 struct sqlite3_stmt;
+
+namespace NorvAnalytic {
+class SqliteFile;
+}  // namespace NorvAnalytic
 
 namespace NorvAnalytic::Collector {
 
@@ -124,7 +128,7 @@ private:
     static void bind(sqlite3_stmt* statement, const EventFilter& filter);
 
     mutable std::mutex mutex_;
-    sqlite3* database_ = nullptr;
+    std::unique_ptr<SqliteFile> file_;
     std::int64_t repeatsAbsorbed_ = 0;
 };
 
