@@ -1,3 +1,4 @@
+#include <NorvAnalytic/NorvAnalytic.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <sqlite3.h>
@@ -72,6 +73,33 @@ TEST_F(CollectorTest, StoresAnEventOncePerKeyAndAnswersARepeatAsTheFirst) {
     const Json exported = Json::parse(jsonl.substr(0, jsonl.find('\n')));
     EXPECT_EQ(exported.at("idempotency_key"), "5f0c-1a");
     EXPECT_EQ(exported.at("repeats"), 2);
+}
+
+// The SDK's own keys, end to end: a refused event is kept and sent again a second later with the
+// same key, which the collector absorbs, answering as it did the first time.
+TEST_F(CollectorTest, AbsorbsTheSdksResendOfARefusedEvent) {
+    setenv("XDG_DATA_HOME", (directory_ / "data").c_str(), 1);
+    Bundle::setMainBundle(std::make_shared<Bundle>(
+        "com.example.keys",
+        Bundle::InfoDictionary{{"CFBundleShortVersionString", "2.3"}, {"CFBundleVersion", "41"}}));
+    NorvAnalytics::setCollectionServerHost("127.0.0.1:" + std::to_string(port_));
+    NorvAnalytics::setIdempotencyKeys(true);
+    NorvAnalytics::initWithKey("app-key");
+    NorvAnalytics::setSecureUrl(false);
+    ASSERT_TRUE(control({"refuse", "--status", "503", "--count", "1"}));
+    NorvAnalytics::sendEventWithPageName("Orders");
+    ASSERT_TRUE(NorvAnalytics::flush(10s));
+    const auto giveUp = std::chrono::steady_clock::now() + 10s;
+    while (store_.repeatsAbsorbed() == 0 && std::chrono::steady_clock::now() < giveUp) {
+        std::this_thread::sleep_for(50ms);
+    }
+    NorvAnalytics::setIdempotencyKeys(false);
+    const std::vector<StoredEvent> events = store_.events();
+    ASSERT_EQ(events.size(), 1U);
+    EXPECT_EQ(events[0].status, 503);
+    EXPECT_TRUE(events[0].idempotencyKey.has_value());
+    EXPECT_EQ(events[0].repeats, 1);
+    EXPECT_EQ(state().at("refusal").at("remaining"), 0);
 }
 
 // The SDK's one-second resend may meet its first request still in the collector: however many
