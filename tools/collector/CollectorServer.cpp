@@ -289,36 +289,20 @@ void CollectorServer::route() {
         saveEvent(request, response, reader);
     });
 
-    http.Post("/control/steer", [this](const httplib::Request&, httplib::Response& response,
-                                       const httplib::ContentReader& reader) {
-        const std::optional<std::string> body = bodyOf(reader, response);
-        if (!body) {
-            return;
-        }
-        try {
+    routeControl("/control/steer", [this](const std::string& body) {
+        Json steering;
+        {
             std::lock_guard lock(mutex_);
-            steering_ = ControlRequests::steered(steering_, *body);
-            answerJson(response, 200, steeringJson(steering_));
-        } catch (const std::invalid_argument& error) {
-            answerBadRequest(response, error.what());
-            return;
+            steering_ = ControlRequests::steered(steering_, body);
+            steering = steeringJson(steering_);
         }
         streams_.publish();
+        return steering.dump();
     });
-
-    http.Post("/control/refuse", [this](const httplib::Request&, httplib::Response& response,
-                                        const httplib::ContentReader& reader) {
-        const std::optional<std::string> body = bodyOf(reader, response);
-        if (!body) {
-            return;
-        }
-        try {
-            Refusal refusal = ControlRequests::refusal(*body);
-            refuse(refusal.status, refusal.remaining, std::move(refusal.body));
-            answerJson(response, 200, refusalJson(this->refusal()));
-        } catch (const std::invalid_argument& error) {
-            answerBadRequest(response, error.what());
-        }
+    routeControl("/control/refuse", [this](const std::string& body) {
+        Refusal refusal = ControlRequests::refusal(body);
+        refuse(refusal.status, refusal.remaining, std::move(refusal.body));
+        return refusalJson(this->refusal()).dump();
     });
 
     http.Get("/control/state", [this](const httplib::Request&, httplib::Response& response) {
@@ -477,6 +461,23 @@ httplib::Server::HandlerResponse CollectorServer::guard(const httplib::Request& 
         }
     }
     return httplib::Server::HandlerResponse::Unhandled;
+}
+
+void CollectorServer::routeControl(const char* path,
+                                   std::function<std::string(const std::string& body)> apply) {
+    server_.http().Post(
+        path, [this, apply = std::move(apply)](const httplib::Request&, httplib::Response& response,
+                                               const httplib::ContentReader& reader) {
+            const std::optional<std::string> body = bodyOf(reader, response);
+            if (!body) {
+                return;
+            }
+            try {
+                response.set_content(apply(*body), "application/json");
+            } catch (const std::invalid_argument& error) {
+                answerBadRequest(response, error.what());
+            }
+        });
 }
 
 std::optional<std::string> CollectorServer::bodyOf(const httplib::ContentReader& reader,

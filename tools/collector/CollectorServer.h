@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -57,6 +58,9 @@ public:
 
 private:
     void route();
+    // A control request: `apply` checks and applies its body and gives the answer's JSON, or
+    // throws std::invalid_argument with the reason, which is answered 400.
+    void routeControl(const char* path, std::function<std::string(const std::string& body)> apply);
     void saveEvent(const httplib::Request& request, httplib::Response& response,
                    const httplib::ContentReader& reader);
     // The status and body an event is answered with; stores it unless it repeats one.
