@@ -243,5 +243,28 @@ TEST(BoundedServerTest, EndsARequestNotWholeByItsDeadlineThoughEveryReadIsQuick)
     EXPECT_EQ(server.counters().timedOut, 3U);
 }
 
+// A head that arrives before its body sends the connection back to wait: the request is served
+// once the body is whole, and a request behind it on the same connection after it.
+TEST(BoundedServerTest, ServesABodyThatArrivesInPiecesAfterItsHeadAndTheRequestBehindIt) {
+    BoundedServer server(BoundedServer::Limits{}, [](const httplib::Request&) { return true; });
+    server.http().Post("/", [&server](const httplib::Request&, httplib::Response& response,
+                                      const httplib::ContentReader& reader) {
+        std::string body;
+        server.readBody(reader, body);
+        response.set_content(body, "text/plain");
+    });
+    RawConnection client(server.start("127.0.0.1", 0));
+    const std::string head = "POST / HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: 10\r\n\r\n";
+    for (const std::string& piece : {head, std::string("first"), "-half" + head + "later"}) {
+        client.send(piece);
+        std::this_thread::sleep_for(50ms);
+    }
+    client.send("-half");
+    client.shutdownWrite();
+    const std::string answers = client.receiveAll(5s);
+    EXPECT_NE(answers.find("\r\n\r\nfirst-half"), std::string::npos) << answers;
+    EXPECT_NE(answers.find("\r\n\r\nlater-half"), std::string::npos) << answers;
+}
+
 }  // namespace
 }  // namespace NorvAnalytic::Collector

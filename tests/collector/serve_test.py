@@ -56,6 +56,8 @@ class ServeTest(unittest.TestCase):
         return answer.split(b" ")[1].decode() if answer else "no answer"
 
     def test_a_4_mib_body_is_answered_413_in_any_framing_and_memory_stays_small(self):
+        # Its peak so far: a sanitizer's build starts far larger than the 12 MB of a release one.
+        started_with = kilobytes(self.collector.pid, "VmHWM:")
         body = b"&" * (4 * 1024 * 1024)
         head = b"POST /api/v3/saveEvent HTTP/1.1\r\nHost: 127.0.0.1\r\n"
         chunked = b"".join(b"%x\r\n%s\r\n" % (len(body[i:i + 65536]), body[i:i + 65536])
@@ -68,7 +70,7 @@ class ServeTest(unittest.TestCase):
         for _ in range(3):
             for framing, request in framings.items():
                 self.assertEqual(self.status_of(request), "413", framing)
-        self.assertLess(kilobytes(self.collector.pid, "VmHWM:"), 50 * 1024)
+        self.assertLess(kilobytes(self.collector.pid, "VmHWM:") - started_with, 20 * 1024)
 
     def test_sigterm_ends_it_within_a_second_while_slow_clients_and_pages_hold_connections(self):
         page = urllib.request.urlopen(f"http://127.0.0.1:{self.port}/api/stream")
