@@ -342,7 +342,7 @@ Journal::Accepted Journal::accept(std::vector<Outgoing> events, std::size_t room
     for (const Outgoing& event : events) {
         rows.push_back({0, event.record.destination->url, event.body,
                         EventTable::encode(event.record.texts), event.record.isSavedEvent,
-                        event.record.eventId});
+                        std::string(event.record.key())});
     }
     std::vector<QueueFile::Change> changes = takeChanges(true);
     std::vector<std::int64_t> ids;

@@ -329,9 +329,9 @@ void Outbox::handOver(Outgoing event) noexcept {
     try {
         const Outgoing& outgoing = sent->outgoing;
         HttpRequest request{"POST", outgoing.record.destination->url, outgoing.body, {}};
-        if (!outgoing.record.eventId.empty()) {
+        if (outgoing.record.eventId) {
             request.headers.emplace_back(EventIds::kHeader,
-                                         EventIds::headerValue(outgoing.record.eventId));
+                                         EventIds::headerValue(*outgoing.record.eventId));
         }
         Platform::httpClient()->send(
             std::move(request),
