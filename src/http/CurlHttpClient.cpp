@@ -96,7 +96,8 @@ std::size_t receive(char* bytes, std::size_t size, std::size_t count, void* user
 
 }  // namespace
 
-class CurlHttpClient::Impl {
+// Nested in an exported class, the implementation would be exported too; it is ours alone.
+class __attribute__((visibility("hidden"))) CurlHttpClient::Impl {
 public:
     Impl() {
         static const bool initialized = [] {
