@@ -33,6 +33,9 @@ void Journal::setWanted(bool wanted) {
             return;
         }
         wanted_ = wanted;
+        // Off means off, even when on follows before the thread has looked: the file is closed
+        // (and deleted when unused) and a new one opened.
+        reopen_ = reopen_ || (!wanted && opening_ != 0);
     }
     if (!wanted) {
         // Off deletes the file, also one an earlier process left that this one never opened;
@@ -124,8 +127,8 @@ bool Journal::isOpen() const { return open_.load(std::memory_order_relaxed); }
 bool Journal::needsTurn(std::size_t room) const {
     std::lock_guard lock(stateMutex_);
     const bool want = wanted_ && allowed_;
-    if (want != (opening_ != 0)) {
-        return !want || Clock::now() >= writableAfter_;
+    if (want != (opening_ != 0) || (reopen_ && opening_ != 0)) {
+        return !want || reopen_ || Clock::now() >= writableAfter_;
     }
     return opening_ != 0 &&
            (changes_.full() || tick_ ||
@@ -156,13 +159,13 @@ std::vector<Outgoing> Journal::reconcile() {
     {
         std::lock_guard lock(stateMutex_);
         want = wanted_ && allowed_;
-        turnedOff = !wanted_;
+        turnedOff = !wanted_ || std::exchange(reopen_, false);
         if (want && opening_ == 0 && Clock::now() < writableAfter_) {
             return {};
         }
     }
     std::vector<Outgoing> moved;
-    if (!want && file_) {
+    if (file_ && (!want || turnedOff)) {
         moved = closeLocked(turnedOff);
     }
     if (want && !file_ && !openLocked()) {
@@ -265,13 +268,17 @@ std::vector<Outgoing> Journal::closeLocked(bool turnedOff) {
     owner_->stopUsing();
     backlog_.clear();
     std::lock_guard lock(stateMutex_);
+    forgetOpeningLocked();
+    return moved;
+}
+
+void Journal::forgetOpeningLocked() {
     opening_ = 0;
     open_.store(false, std::memory_order_relaxed);
     changes_.clear();
     backlogCount_ = 0;
     retries_.reset();
     tick_ = false;
-    return moved;
 }
 
 void Journal::pauseLocked(const char* what) {
@@ -339,7 +346,7 @@ Journal::Accepted Journal::accept(std::vector<Outgoing> events, std::size_t room
     for (const Outgoing& event : events) {
         rows.push_back({0, event.record.destination->url, event.body,
                         EventTable::encode(event.record.texts), event.record.isSavedEvent,
-                        event.record.eventId});
+                        std::string(event.record.key())});
     }
     std::vector<QueueFile::Change> changes = takeChanges(true);
     std::vector<std::int64_t> ids;
@@ -539,12 +546,7 @@ void Journal::abandonInChild() {
         static_cast<void>(owner_.release());
     }
     backlog_.clear();
-    opening_ = 0;
-    open_.store(false, std::memory_order_relaxed);
-    changes_.clear();
-    backlogCount_ = 0;
-    retries_.reset();
-    tick_ = false;
+    forgetOpeningLocked();
     recoveryHold_.reset();
 }
 

@@ -118,6 +118,8 @@ private:
     // The methods named ...Locked run with ioMutex_ held.
     bool openLocked();
     std::vector<Outgoing> closeLocked(bool turnedOff);
+    // Under stateMutex_: the file is closed, and nothing of its opening is kept.
+    void forgetOpeningLocked();
     // Deletes the queue file when no other live process uses it.
     void removeUnusedLocked();
     // After a failure: the file is let be for a while, and the host hears of it once (what names
@@ -150,6 +152,8 @@ private:
     mutable std::mutex stateMutex_;
     bool wanted_ = false;
     bool allowed_ = false;
+    // Turned off and on again before the thread closed the file: it still closes it.
+    bool reopen_ = false;
     // The current opening of the file; 0 while it is closed. Written with both locks held.
     std::uint64_t opening_ = 0;
     std::atomic<bool> open_{false};

@@ -103,7 +103,8 @@ bool QueueFile::eraseAll(const std::filesystem::path& directory) {
         sqlite3* database = nullptr;
         bool erased = sqlite3_open_v2(file.c_str(), &database, SQLITE_OPEN_READWRITE, nullptr) ==
                       SQLITE_OK;
-        sqlite3_busy_timeout(database, 5000);
+        // The host waits for this: another process's write lock is waited for a second at most.
+        sqlite3_busy_timeout(database, 1000);
         // Zeroed on delete, the free pages of earlier deletes dropped by the vacuum.
         for (const char* step : {"PRAGMA secure_delete = ON", "PRAGMA temp_store = MEMORY",
                                  "DELETE FROM events", "VACUUM"}) {

@@ -99,6 +99,14 @@ protected:
         NorvAnalytics::flush(std::chrono::milliseconds(0));
     }
 
+    // Started with the file open and taking writes, as an event just written down shows.
+    void startWithOpenFile() {
+        start(true);
+        NorvAnalytics::sendEventWithPageName("opens-the-file");
+        ASSERT_TRUE(NorvAnalytics::flush(std::chrono::seconds(10)));
+        ASSERT_TRUE(queueFileEmpties());
+    }
+
     void TearDown() override {
         NorvAnalytics::setCollectionAllowed(true);
         EXPECT_TRUE(NorvAnalytics::flush(std::chrono::seconds(30)));
@@ -135,7 +143,7 @@ TEST_F(DeliveryEdges, WithdrawalAndForgetStopEveryRequestNotYetOnTheWire) {
         SCOPED_TRACE(std::string(row.forget ? "forget" : "withdrawal") +
                      (row.persistent ? ", queue on" : ", queue off"));
         start(row.persistent);
-        answerSlowly(std::chrono::milliseconds(1500));
+        answerSlowly(std::chrono::milliseconds(1000));
         const std::size_t before = server.received().size();
         const std::uint64_t discardedBefore = row.forget ? NorvAnalytics::discardedByForgetCount()
                                                          : NorvAnalytics::discardedWithoutConsentCount();
@@ -151,7 +159,7 @@ TEST_F(DeliveryEdges, WithdrawalAndForgetStopEveryRequestNotYetOnTheWire) {
         const Clock::time_point fenced = Clock::now();
         NorvAnalytics::setCollectionAllowed(true);
         EXPECT_TRUE(NorvAnalytics::flush(std::chrono::seconds(30)));
-        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
 
         const auto received = server.received();
         const std::size_t arrived = received.size() - before;
@@ -174,7 +182,7 @@ TEST_F(DeliveryEdges, ARefusalThatArrivesAfterAFenceKeepsNothing) {
     for (const bool forget : {false, true}) {
         SCOPED_TRACE(forget ? "forget" : "withdrawal");
         start(false);
-        answerSlowly(std::chrono::milliseconds(1000), 500);
+        answerSlowly(std::chrono::milliseconds(500), 500);
         const std::size_t before = server.received().size();
         NorvAnalytics::sendEventWithPageName("refused-late");
         ASSERT_TRUE(server.waitForCount(before + 1));
@@ -185,16 +193,16 @@ TEST_F(DeliveryEdges, ARefusalThatArrivesAfterAFenceKeepsNothing) {
             NorvAnalytics::setCollectionAllowed(true);
         }
         EXPECT_TRUE(NorvAnalytics::flush(std::chrono::seconds(10)));
-        // Three ticks of the resend timer.
-        std::this_thread::sleep_for(std::chrono::milliseconds(3200));
+        // Two ticks of the resend timer.
+        std::this_thread::sleep_for(std::chrono::milliseconds(2200));
         EXPECT_EQ(server.received().size(), before + 1);
     }
 }
 
 // Off and on while 250 events wait for slow answers, then 300 more: every one arrives.
 TEST_F(DeliveryEdges, TurningTheQueueOffAndOnMidFlightLosesNoEvent) {
-    start(true);
-    answerSlowly(std::chrono::milliseconds(300));
+    startWithOpenFile();
+    answerSlowly(std::chrono::milliseconds(50));
     sendPages("old-", 250);
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     NorvAnalytics::setPersistentQueue(false);
@@ -213,10 +221,7 @@ TEST_F(DeliveryEdges, TurningTheQueueOffAndOnMidFlightLosesNoEvent) {
 // from memory within the window (none dropped), and once the lock goes, what the answers changed
 // is written, so no answered event is left in the file for the next process to send again.
 TEST_F(DeliveryEdges, AFileLockedByAnotherProcessLosesNothingAndLeavesNoAnsweredRow) {
-    start(true);
-    NorvAnalytics::sendEventWithPageName("opens-the-file");
-    ASSERT_TRUE(NorvAnalytics::flush(std::chrono::seconds(10)));
-    ASSERT_TRUE(queueFileEmpties());
+    startWithOpenFile();
     std::thread holder([] {
         Testing::runChildProcess({"/usr/bin/sqlite3", kQueueFile.string(), "BEGIN IMMEDIATE;",
                                   ".shell sleep 7", "COMMIT;"},
@@ -233,7 +238,7 @@ TEST_F(DeliveryEdges, AFileLockedByAnotherProcessLosesNothingAndLeavesNoAnswered
 }
 
 TEST_F(DeliveryEdges, ARefusedEventTheSavedListLetsGoLeavesNoRow) {
-    start(true);
+    startWithOpenFile();
     NorvAnalytics::setSavedEventLimits(0, 0);
     answerSlowly(std::chrono::milliseconds(0), 500);
     NorvAnalytics::sendEventWithPageName("refused-and-dropped");
@@ -243,9 +248,7 @@ TEST_F(DeliveryEdges, ARefusedEventTheSavedListLetsGoLeavesNoRow) {
 
 // A reader of another process keeps the journal from being emptied: the erasure says so.
 TEST_F(DeliveryEdges, AForgetThatCannotEmptyTheJournalSaysSo) {
-    start(true);
-    NorvAnalytics::sendEventWithPageName("before-forget");
-    ASSERT_TRUE(NorvAnalytics::flush(std::chrono::seconds(10)));
+    startWithOpenFile();
     sqlite3* reader = nullptr;
     ASSERT_EQ(sqlite3_open_v2(kQueueFile.c_str(), &reader, SQLITE_OPEN_READONLY, nullptr), SQLITE_OK);
     ASSERT_EQ(sqlite3_exec(reader, "BEGIN; SELECT count(*) FROM events;", nullptr, nullptr, nullptr),

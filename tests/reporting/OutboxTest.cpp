@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <future>
 #include <string>
 #include <thread>
 #include <vector>
@@ -63,6 +64,36 @@ TEST(Outbox, EveryEventWakesTheHandOverEvenWhileItFallsAsleep) {
     other.join();
     EXPECT_EQ(unflushed.load(), 0);
     EXPECT_EQ(harness.http->requests().size(), 2000U);
+}
+
+// A turn that took an event before consent was withdrawn builds nothing after the call returns
+// (the call waits for the build in progress) and hands nothing of it to the client.
+TEST(Outbox, AFenceWaitsForATurnsBuildAndItsEventNeverReachesTheClient) {
+    ReportingHarness harness;
+    std::promise<void> building;
+    std::atomic<bool> released{false};
+    harness.device->whileReading = std::make_shared<const std::function<void()>>([&] {
+        if (!released) {
+            building.set_value();
+            while (!released) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+        }
+    });
+    const std::uint64_t discarded = NorvAnalytics::discardedWithoutConsentCount();
+    NorvAnalytics::sendEventWithPageName("taken-before");
+    building.get_future().wait();
+    std::thread releaser([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        released = true;
+    });
+    NorvAnalytics::setCollectionAllowed(false);
+    EXPECT_TRUE(released);
+    releaser.join();
+    NorvAnalytics::setCollectionAllowed(true);
+    harness.device->whileReading.store(nullptr);
+    EXPECT_EQ(harness.http->requests().size(), 0U);
+    EXPECT_EQ(NorvAnalytics::discardedWithoutConsentCount(), discarded + 1);
 }
 
 TEST(Outbox, AFullWaitingListDropsTheOldestCountsItAndEndsItsTicket) {
