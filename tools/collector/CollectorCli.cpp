@@ -312,7 +312,9 @@ int CollectorCli::run(const std::vector<std::string>& arguments, std::ostream& o
     CLI::App app(
         "norv-collector: a development collection server for NorvAnalytic. It stores "
         "every event in an SQLite file (default " +
-            database + ") and serves a live page of them at its address.",
+            database +
+            "; $XDG_DATA_HOME/NorvAnalytic/collector.sqlite when that is set) and serves a live "
+            "page of them at its address.",
         "norv-collector");
     app.require_subcommand(1);
 
