@@ -1,4 +1,5 @@
-"""Loads libNorvAnalytic.so from the install prefix this package lies in and declares its C calls."""
+"""Loads libNorvAnalytic.so, from the install prefix this package lies in or from the system's
+library folders, and declares its C calls."""
 
 import ctypes
 import os
@@ -56,8 +57,15 @@ _SIGNATURES = {
 }
 
 
+def _path() -> str:
+    if "/" not in _location.LIBRARY:
+        # A SONAME: the dynamic loader finds it in the system's library folders.
+        return _location.LIBRARY
+    return os.path.normpath(os.path.join(os.path.dirname(os.path.abspath(__file__)), _location.LIBRARY))
+
+
 def _load() -> ctypes.CDLL:
-    path = os.path.normpath(os.path.join(os.path.dirname(os.path.abspath(__file__)), _location.LIBRARY))
+    path = _path()
     # CDLL, not PyDLL: each call lets go of the GIL, so an SDK thread that calls back into
     # Python (the diagnostics sink) can run while a Python thread waits in flush().
     library = ctypes.CDLL(path)

@@ -263,6 +263,14 @@ std::size_t Outbox::run(Turn& turn) {
 
 std::vector<Outgoing> Outbox::build(std::vector<EventRecord>& records) {
     std::vector<Outgoing> built;
+    // A fence since they were taken: none of them is built, so no identity is read for them.
+    if (!records.empty() && !PrivacyEpoch::isCurrent(records.front().epoch)) {
+        for (EventRecord& record : records) {
+            built.push_back({std::move(record), {}, {}});
+        }
+        records.clear();
+        return built;
+    }
     if (records.empty() || connections_.deviceFacts == nullptr) {
         return built;
     }
@@ -329,9 +337,9 @@ void Outbox::handOver(Outgoing event) noexcept {
     try {
         const Outgoing& outgoing = sent->outgoing;
         HttpRequest request{"POST", outgoing.record.destination->url, outgoing.body, {}};
-        if (!outgoing.record.eventId.empty()) {
+        if (outgoing.record.eventId) {
             request.headers.emplace_back(EventIds::kHeader,
-                                         EventIds::headerValue(outgoing.record.eventId));
+                                         EventIds::headerValue(*outgoing.record.eventId));
         }
         Platform::httpClient()->send(
             std::move(request),

@@ -23,7 +23,8 @@ Outgoing Outgoing::fromRow(QueueFile::Row& row, JournalRow reference, EventsInFl
                            std::uint64_t epoch, std::shared_ptr<const void> hold, bool retried) {
     EventRecord record{EventTable::decode(row.texts).value_or(EventTexts{}),
                        std::make_shared<const Destination>(Destination{std::nullopt, row.url}),
-                       std::move(ticket), row.isSavedEvent, epoch, std::move(row.eventId)};
+                       std::move(ticket), row.isSavedEvent, epoch,
+                       EventRecord::keyOf(std::move(row.eventId))};
     std::string uuid = deviceUUIDIn(row.body);
     return {std::move(record), std::move(row.body), std::move(uuid), reference, retried, std::move(hold)};
 }

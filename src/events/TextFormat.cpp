@@ -8,8 +8,9 @@ namespace {
 
 constexpr std::string_view kReplacement = "\xEF\xBF\xBD";
 
-// Length of the valid UTF-8 sequence at the start of text, or 0 when it is not valid.
-std::size_t sequenceLength(std::string_view text) {
+}  // namespace
+
+std::size_t TextFormat::utf8SequenceLength(std::string_view text) {
     const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
     const auto continuation = [&](std::size_t i) {
         return i < text.size() && (byte(i) & 0xC0U) == 0x80U;
@@ -43,8 +44,6 @@ std::size_t sequenceLength(std::string_view text) {
     return 0;
 }
 
-}  // namespace
-
 std::string TextFormat::describe(const Text& text) { return text ? *text : "(null)"; }
 
 std::string TextFormat::version(const std::shared_ptr<const Bundle>& bundle) {
@@ -72,7 +71,7 @@ std::string TextFormat::validUtf8(std::string_view text) {
 void TextFormat::appendValidUtf8(std::string& out, std::string_view text) {
     std::size_t offset = 0;
     while (offset < text.size()) {
-        const std::size_t length = sequenceLength(text.substr(offset));
+        const std::size_t length = utf8SequenceLength(text.substr(offset));
         if (length == 0) {
             out += kReplacement;
             ++offset;
@@ -81,7 +80,7 @@ void TextFormat::appendValidUtf8(std::string& out, std::string_view text) {
         // Runs of valid text go over in one piece.
         std::size_t end = offset + length;
         while (end < text.size()) {
-            const std::size_t next = sequenceLength(text.substr(end));
+            const std::size_t next = utf8SequenceLength(text.substr(end));
             if (next == 0) {
                 break;
             }

@@ -90,7 +90,7 @@ void EventDelivery::answered(std::shared_ptr<SentEvent> sent, std::optional<std:
                                              std::move(outgoing.body), outgoing.record.isSavedEvent),
                          std::move(data), response, keeps);
         if (kept) {
-            SavedEventTags::shared().tag(kept, {outgoing.row, outgoing.record.eventId,
+            SavedEventTags::shared().tag(kept, {outgoing.row, std::string(outgoing.record.key()),
                                                 outgoing.record.epoch});
         }
         // A refused event the saved list let go at once leaves no row behind.

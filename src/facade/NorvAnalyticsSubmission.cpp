@@ -50,7 +50,7 @@ void submitEvent(const Event& event, bool isSavedEvent, std::string eventId) noe
         }
         EventDelivery::outbox().submit({EventTable::texts(event), std::move(destination),
                                         EventsInFlight::begin(), isSavedEvent, epoch,
-                                        std::move(eventId)});
+                                        EventRecord::keyOf(std::move(eventId))});
     } catch (...) {
         // Out of memory: this one event is dropped, and the host's call returns as usual.
     }

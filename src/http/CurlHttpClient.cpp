@@ -58,7 +58,8 @@ void completeUnsent(Completion& completion, HttpClientErrorCode code, const char
 
 }  // namespace
 
-class CurlHttpClient::Impl {
+// Nested in an exported class, the implementation would be exported too; it is ours alone.
+class __attribute__((visibility("hidden"))) CurlHttpClient::Impl {
 public:
     Impl() {
         static const bool initialized = [] {
