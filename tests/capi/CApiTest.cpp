@@ -138,7 +138,8 @@ TEST(CApi, ASinkThatCallsUsWhenTheQueueFileIsDamagedHoldsNothingUp) {
                 },
                 &heard);
             Testing::endsWithin(std::chrono::seconds(30), row.name, [&] {
-                ReportingHarness::withoutNewTimer([] { norv_init_with_key(ReportingHarness::kKey); });
+                ReportingHarness::withoutNewTimer(
+                    [] { norv_init_with_key(ReportingHarness::kKey); });
                 heard.answered.get_future().wait();
             });
             norv_set_diagnostics_sink(nullptr, nullptr);
