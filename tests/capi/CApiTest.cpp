@@ -92,9 +92,9 @@ TEST(CApi, BadArgumentsAreSaidOnTheSinkAndChangeNothing) {
     EXPECT_NE(received.lines[1].second.find("no host/"), std::string::npos);
 }
 
-// With a damaged queue file, a C sink that answers the line about it with a call of ours:
-// norv_init_with_key, which found the damage while holding the queue's file lock, returns, and
-// so does the sink's call.
+// With a damaged queue file, a C sink that answers the line about it with a call of ours: the
+// calls that turn the queue on and start the SDK, which find the damage while the queue's file
+// lock is held, return, and so does the sink's call.
 TEST(CApi, ASinkThatCallsUsWhenTheQueueFileIsDamagedHoldsNothingUp) {
     const std::filesystem::path dataHome =
         std::filesystem::temp_directory_path() / ("norv-capi-" + std::to_string(::getpid()));
@@ -117,9 +117,7 @@ TEST(CApi, ASinkThatCallsUsWhenTheQueueFileIsDamagedHoldsNothingUp) {
             for (int wait = 0; std::filesystem::exists(queueFile) && wait < 10'000; ++wait) {
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
             }
-            // Not started: the queue file is opened by norv_init_with_key.
-            NorvAnalytics::sharedController().setIsEnabled(false);
-            norv_set_persistent_queue(1);
+            // The damaged file is there before the queue is turned on and the SDK started.
             std::filesystem::create_directories(queueFile.parent_path());
             std::ofstream(queueFile) << std::string(4096, 'z');
             struct Heard {
@@ -138,6 +136,7 @@ TEST(CApi, ASinkThatCallsUsWhenTheQueueFileIsDamagedHoldsNothingUp) {
                 },
                 &heard);
             Testing::endsWithin(std::chrono::seconds(30), row.name, [&] {
+                norv_set_persistent_queue(1);
                 ReportingHarness::withoutNewTimer(
                     [] { norv_init_with_key(ReportingHarness::kKey); });
                 heard.answered.get_future().wait();
