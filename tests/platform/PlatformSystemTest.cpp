@@ -140,7 +140,9 @@ TEST(CurlHttpClientTest, AnAnswerPastTheCapArrivesEmptyWithItsStatusAndAFullQueu
         EXPECT_TRUE(outcome == "500 [{}]" || outcome.starts_with("-1 no data error 2: "))
             << outcome;
     }
-    EXPECT_GE(answered, CurlHttpClient::kMaxWaitingRequests);
+    // On a busy machine the network thread may not have taken even the first one yet, so the
+    // waiting list can hold it too.
+    EXPECT_GE(answered, CurlHttpClient::kMaxWaitingRequests - 1);
 }
 
 TEST(CurlHttpClientTest, AServerThatNeverAnswersHoldsOnlyItsOwnRequests) {
