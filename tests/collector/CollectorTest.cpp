@@ -13,6 +13,7 @@
 #include "CollectorFixture.h"
 #include "EventSummary.h"
 #include "LiveStreams.h"
+#include "support/Eventually.h"
 
 namespace NorvAnalytic::Collector {
 namespace {
@@ -352,9 +353,7 @@ TEST_F(CollectorTest, ManyLivePagesGetEveryEventWhileEventsAreAnswered) {
         const auto state = client_.Get("/control/state");
         return state ? Json::parse(state->body).at("live_pages").get<int>() : -1;
     };
-    while (livePages() < kPages && std::chrono::steady_clock::now() < giveUp) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    Testing::eventually([&] { return livePages() >= kPages; }, std::chrono::seconds(20));
     httplib::Client sdk("127.0.0.1", port_);
     sdk.set_read_timeout(std::chrono::seconds(5));
     const auto answer = sdk.Post("/api/v3/saveEvent", "type=7&device_uuid=late", "text/plain");
@@ -408,9 +407,7 @@ TEST(LiveStreamsTest, GivesEachEventOnceAndCutsOffAPageThatFallsBehind) {
             store.save(large, now, 200);
             streams.publish();
         }
-        while (streams.pagesCut() == 0 && std::chrono::steady_clock::now() < deadline) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
+        Testing::eventually([&] { return streams.pagesCut() > 0; });
         EXPECT_EQ(streams.pagesCut(), 1U);
         EXPECT_EQ(streams.next(*idle, std::chrono::milliseconds(0)), std::nullopt);
         streams.close();

@@ -11,6 +11,7 @@
 #include "CollectorFixture.h"
 #include "RawConnection.h"
 #include "storage/SqliteFile.h"
+#include "support/Eventually.h"
 
 namespace NorvAnalytic::Collector {
 namespace {
@@ -88,10 +89,7 @@ TEST_F(CollectorTest, AbsorbsTheSdksResendOfARefusedEvent) {
     ASSERT_TRUE(control({"refuse", "--status", "503", "--count", "1"}));
     NorvAnalytics::sendEventWithPageName("Orders");
     ASSERT_TRUE(NorvAnalytics::flush(10s));
-    const auto giveUp = std::chrono::steady_clock::now() + 10s;
-    while (store_.repeatsAbsorbed() == 0 && std::chrono::steady_clock::now() < giveUp) {
-        std::this_thread::sleep_for(50ms);
-    }
+    Testing::eventually([&] { return store_.repeatsAbsorbed() > 0; }, 10s);
     NorvAnalytics::setIdempotencyKeys(false);
     const std::vector<StoredEvent> events = store_.events();
     ASSERT_EQ(events.size(), 1U);

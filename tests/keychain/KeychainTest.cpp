@@ -23,6 +23,7 @@
 #include "keychain/KeychainItemCache.h"
 #include "keychain/SecretServiceKeychainBackend.h"
 #include "support/ChildProcess.h"
+#include "support/Eventually.h"
 #include "support/FakeKeychainBackend.h"
 #include "support/FilesHolding.h"
 #include "support/ThreadList.h"
@@ -404,10 +405,7 @@ TEST(SystemFileKeychainTest, AnotherProcesssSaveReplacesTheCachedUserIdWithinASe
             {Testing::siblingExecutable("keychain_writer"), scratch.path, "save", "there"}, {}),
         0);
     const auto saved = std::chrono::steady_clock::now();
-    while (cache.item("user_id", "NorvAnalyticDeviceUUID").value == "here" &&
-           std::chrono::steady_clock::now() - saved < std::chrono::seconds(5)) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    Testing::eventually([&] { return cache.item("user_id", "NorvAnalyticDeviceUUID").value != "here"; });
     EXPECT_LT(std::chrono::steady_clock::now() - saved, std::chrono::seconds(1));
     EXPECT_EQ(cache.item("user_id", "NorvAnalyticDeviceUUID").value, "there");
 }
@@ -426,10 +424,7 @@ void expectAnotherProcesssErasureSeenAtTheNextRefresh(const ScratchDirectory& sc
     ASSERT_EQ(Testing::runChildProcess(argv, {}), 0);
     // The store's refresh interval keeps it under a second; a loaded machine may take longer.
     const auto erased = std::chrono::steady_clock::now();
-    while (NorvAnalytics::getNorvAnalyticUUID() == held &&
-           std::chrono::steady_clock::now() - erased < std::chrono::seconds(5)) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    Testing::eventually([&] { return NorvAnalytics::getNorvAnalyticUUID() != held; });
     EXPECT_LT(std::chrono::steady_clock::now() - erased, std::chrono::seconds(1));
     EXPECT_NE(NorvAnalytics::getNorvAnalyticUUID(), held);
 }
@@ -536,11 +531,7 @@ void expectOneUUIDFromConcurrentFirstStarts(
         }
         const Text stored = Keychain::itemForKey("device_uuid", "NorvAnalyticDeviceUUID", nullptr);
         ASSERT_TRUE(stored.has_value()) << "trial " << trial;
-        const auto settled = std::chrono::steady_clock::now();
-        while (NorvAnalytics::getNorvAnalyticUUID() != *stored &&
-               std::chrono::steady_clock::now() - settled < std::chrono::seconds(5)) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
+        Testing::eventually([&] { return NorvAnalytics::getNorvAnalyticUUID() == *stored; });
         held.push_back(NorvAnalytics::getNorvAnalyticUUID());
         ASSERT_EQ(answers.size(), 12U) << "trial " << trial;
         ASSERT_THAT(held, ::testing::ElementsAre(*stored, *stored, *stored)) << "trial " << trial;
@@ -606,9 +597,7 @@ TEST(SystemFileKeychainTest, AHeldStoreDelaysNoCallAndTheUUIDStoredFirstIsAdopte
                                            {}),
                   0);
     });
-    while (!fs::exists(scratch.path + "/held")) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    ASSERT_TRUE(Testing::eventually([&] { return fs::exists(scratch.path + "/held"); }, std::chrono::seconds(30)));
     const auto start = std::chrono::steady_clock::now();
     NorvAnalytics::initWithKey(std::string("key"));
     const std::string meanwhile = NorvAnalytics::getNorvAnalyticUUID();
@@ -616,10 +605,7 @@ TEST(SystemFileKeychainTest, AHeldStoreDelaysNoCallAndTheUUIDStoredFirstIsAdopte
     EXPECT_NE(meanwhile, theirs);
     // The write goes on on a thread of ours, named, that takes none of the host's signals.
     holder.join();
-    while (NorvAnalytics::getNorvAnalyticUUID() != theirs &&
-           std::chrono::steady_clock::now() - start < std::chrono::seconds(5)) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    Testing::eventually([&] { return NorvAnalytics::getNorvAnalyticUUID() == theirs; });
     EXPECT_EQ(NorvAnalytics::getNorvAnalyticUUID(), theirs);
     EXPECT_EQ(Keychain::itemForKey("device_uuid", "NorvAnalyticDeviceUUID", nullptr), theirs);
 }
@@ -672,12 +658,11 @@ TEST(SystemFileKeychainTest, AForkedChildWritesThroughItsOwnConnectionAndFollows
     const pid_t child = ::fork();
     if (child == 0) {
         auto& cache = KeychainItemCache::shared();
-        const auto start = std::chrono::steady_clock::now();
-        while (cache.item("user_id", "NorvAnalyticDeviceUUID").value != "later" &&
-               std::chrono::steady_clock::now() - start < std::chrono::seconds(3)) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        ::_exit(cache.item("user_id", "NorvAnalyticDeviceUUID").value == "later" ? 0 : 1);
+        ::_exit(Testing::eventually([&] {
+                    return cache.item("user_id", "NorvAnalyticDeviceUUID").value == "later";
+                }, std::chrono::seconds(3))
+                    ? 0
+                    : 1);
     }
     NorvAnalytics::saveStoreUserID(std::string("later"));
     EXPECT_EQ(waitForChild(child), 0);

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "keychain/SecretServiceKeychainBackend.h"
+#include "support/Eventually.h"
 
 extern char** environ;
 
@@ -87,11 +88,7 @@ public:
             pid_ = 0;
             return false;
         }
-        const auto deadline = Clock::now() + 10s;
-        while (!serviceOwned() && Clock::now() < deadline) {
-            std::this_thread::sleep_for(20ms);
-        }
-        return serviceOwned();
+        return Testing::eventually(serviceOwned, 10s);
     }
     void signal(int number) const { ::kill(pid_, number); }
     void kill() {

@@ -3,8 +3,6 @@
 #include <NorvAnalytic/NorvAnalytics.h>
 #include <NorvAnalytic/Platform.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <filesystem>
@@ -20,6 +18,7 @@
 #include "delivery/QueueFile.h"
 #include "support/HostLoop.h"
 #include "support/ReportingHarness.h"
+#include "support/ScratchDirectory.h"
 
 namespace NorvAnalytic {
 namespace {
@@ -32,9 +31,7 @@ using Testing::ReportingHarness;
 // found while the hand-over's file lock is held). Each row's call comes from the sink that
 // hears of the damage; the call that opened the file returns, and so does the sink's.
 TEST(HostCode, ASinkMayCallEveryPublicFunction) {
-    const std::filesystem::path dataHome =
-        std::filesystem::temp_directory_path() / ("norv-host-code-" + std::to_string(::getpid()));
-    ::setenv("XDG_DATA_HOME", dataHome.c_str(), 1);
+    const Testing::ScratchDirectory dataHome(Testing::ScratchDirectory::Use::DataHome);
     {
         ReportingHarness harness;
         const std::vector<std::pair<const char*, std::function<void()>>> rows = {
@@ -99,8 +96,6 @@ TEST(HostCode, ASinkMayCallEveryPublicFunction) {
         while (harness.http->answerAll(200, "") > 0) {
         }
     }
-    ::unsetenv("XDG_DATA_HOME");
-    std::filesystem::remove_all(dataHome);
 }
 
 // A host's executor that throws the first time it is handed work (its loop not ready yet):

@@ -10,6 +10,7 @@
 
 #include "mainqueue/MainQueueClock.h"
 
+#include "support/Eventually.h"
 #include "support/LocalHttpServer.h"
 #include "support/ReportingHarness.h"
 
@@ -34,10 +35,7 @@ TEST(Wire, AnEventTravelsOverRealHttpAndItsAnswerIsHandledOnTheMainQueue) {
                 testing::AllOf(testing::HasSubstr("&value=1.000000&"),
                                testing::HasSubstr("batteryLevel=75.000000")));
     // The answer reaches the main queue after the server has it: wait for its one line.
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (harness.log.lines().empty() && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    Testing::eventually([&] { return !harness.log.lines().empty(); });
     EXPECT_EQ(harness.log.lines(),
               std::vector<std::string>{
                   R"(Analytic is disabled from server {"analytics_enabled":false})"});
