@@ -9,7 +9,6 @@
 #include <fstream>
 #include <functional>
 #include <future>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -96,37 +95,6 @@ TEST(HostCode, ASinkMayCallEveryPublicFunction) {
         while (harness.http->answerAll(200, "") > 0) {
         }
     }
-}
-
-// A host's executor that throws the first time it is handed work (its loop not ready yet):
-// every answer is still handled, so the window never fills, and flush sees them all.
-TEST(HostCode, AnExecutorThatThrowsOnceLosesNoAnswer) {
-    ReportingHarness harness;
-    NorvAnalytics::setLogLevel(1);  // every answer is read on the main queue
-    Testing::HostLoop loop;
-    bool refused = false;  // norv-main hands work over
-    MainQueue::main().setExecutor([&](MainQueue::Task task) {
-        if (!std::exchange(refused, true)) {
-            throw std::runtime_error("the loop is not ready");
-        }
-        loop.post(std::move(task));
-    });
-    constexpr std::size_t kEvents = 401;
-    std::size_t answered = 0;
-    bool flushed = false;
-    Testing::endsWithin(60s, "answers through an executor that threw once", [&] {
-        for (std::size_t event = 0; event < kEvents; ++event) {
-            NorvAnalytics::sendEventWithPageName("page-" + std::to_string(event));
-        }
-        for (std::size_t round = 0; answered < kEvents && round < 100; ++round) {
-            answered += harness.http->answerAll(200, "{}");
-        }
-        flushed = NorvAnalytics::flush(10s);
-    });
-    MainQueue::main().setExecutor(nullptr);
-    NorvAnalytics::setLogLevel(0);
-    EXPECT_EQ(answered, kEvents);
-    EXPECT_TRUE(flushed);
 }
 
 }  // namespace
