@@ -10,6 +10,7 @@
 #include "BoundedServer.h"
 #include "CollectorFixture.h"
 #include "RawConnection.h"
+#include "support/ScratchDirectory.h"
 #include "support/Eventually.h"
 
 namespace NorvAnalytic::Collector {
@@ -63,14 +64,10 @@ TEST_F(CollectorTest, AnswersControlRequestsOutOfRangeWith400AndTheReason) {
 // Beyond loopback anyone on the network reaches the collector: the SDK's endpoint stays open,
 // but steering takes the token, from the command line and the page alike.
 TEST(CollectorTokenTest, BeyondLoopbackOnlyATokenSteers) {
-    const std::filesystem::path directory =
-        std::filesystem::temp_directory_path() / ("norv-token-" + std::to_string(getpid()));
-    std::filesystem::create_directories(directory);
+    const Testing::ScratchDirectory scratch;
+    const std::filesystem::path& directory = scratch.path();
     const std::string database = (directory / "collector.sqlite").string();
-    const auto run = [](const std::vector<std::string>& arguments) {
-        std::ostringstream out;
-        return std::pair<int, std::string>{CollectorCli::run(arguments, out, out), out.str()};
-    };
+    const auto run = &CollectorTest::cli;
     {
         CollectorStore store(database);
         CollectorServer open(store);
@@ -117,7 +114,6 @@ TEST(CollectorTokenTest, BeyondLoopbackOnlyATokenSteers) {
         EXPECT_EQ(server.refusal().remaining, 3);
         EXPECT_TRUE(server.steering().analyticsEnabled);
     }
-    std::filesystem::remove_all(directory);
 }
 
 // Whatever way a body comes (with a length, in chunks, until the client stops), no more than

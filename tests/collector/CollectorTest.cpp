@@ -14,6 +14,7 @@
 #include "EventSummary.h"
 #include "LiveStreams.h"
 #include "support/Eventually.h"
+#include "support/ScratchDirectory.h"
 
 namespace NorvAnalytic::Collector {
 namespace {
@@ -367,10 +368,9 @@ TEST_F(CollectorTest, ManyLivePagesGetEveryEventWhileEventsAreAnswered) {
 // A page reads what came before it opened from the store and the rest from its queue: each
 // event exactly once, in order. A page that stops reading is cut off, not left to grow.
 TEST(LiveStreamsTest, GivesEachEventOnceAndCutsOffAPageThatFallsBehind) {
-    const std::filesystem::path directory =
-        std::filesystem::temp_directory_path() / ("norv-streams-" + std::to_string(getpid()));
+    const Testing::ScratchDirectory scratch;
     {
-        CollectorStore store((directory / "collector.sqlite").string());
+        CollectorStore store((scratch.path() / "collector.sqlite").string());
         const auto now = std::chrono::system_clock::now();
         for (const char* body : {"a1", "a2", "a3"}) {
             store.save(body, now, 200);
@@ -412,7 +412,6 @@ TEST(LiveStreamsTest, GivesEachEventOnceAndCutsOffAPageThatFallsBehind) {
         EXPECT_EQ(streams.next(*idle, std::chrono::milliseconds(0)), std::nullopt);
         streams.close();
     }
-    std::filesystem::remove_all(directory);
 }
 
 // A page the developer visits on another site must not steer the collector, read its events or

@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <fstream>
 #include <functional>
@@ -65,6 +66,19 @@ struct ScratchDirectory {
         return backend;
     }
 };
+
+// Every line of the files in directory whose names start with prefix.
+std::vector<std::string> linesOf(const std::string& directory, const std::string& prefix) {
+    std::vector<std::string> lines;
+    for (const auto& entry : fs::directory_iterator(directory)) {
+        std::ifstream in(entry.path());
+        for (std::string line; entry.path().filename().string().starts_with(prefix) &&
+                               std::getline(in, line);) {
+            lines.push_back(line);
+        }
+    }
+    return lines;
+}
 
 // The Secret Service under a schema of its own per call, in the daemon's in-memory
 // collection, so that no run sees another's items; null when there is none to reach.
@@ -260,13 +274,8 @@ TEST(KeychainTest, AStoreThatCannotBeOpenedFailsEveryCallAsLockedAndADamagedOneS
     EXPECT_TRUE(Keychain::saveItem("value", "token", "api", nullptr));
     Platform::setDiagnosticsSink(nullptr);
     EXPECT_EQ(reports, std::vector<DiagnosticLevel>{DiagnosticLevel::Error});
-    std::vector<std::uintmax_t> asideSizes;
-    for (const auto& entry : fs::directory_iterator(scratch.path)) {
-        if (entry.path().filename().string().starts_with("keychain.sqlite.corrupt-")) {
-            asideSizes.push_back(entry.file_size());
-        }
-    }
-    EXPECT_EQ(asideSizes, std::vector<std::uintmax_t>{8192});
+    EXPECT_EQ(linesOf(scratch.path, "keychain.sqlite.corrupt-"),
+              std::vector<std::string>{std::string(8192, 'z')});
 }
 
 // Neither a deleted item nor any value the identity ever had leaves a byte behind in the
@@ -472,15 +481,7 @@ TEST(SystemFileKeychainTest, AForeignDatabaseAtThePathIsMovedAsideAndTwoStartsHo
                                         "uuid", std::to_string(now.count())},
                                        {}),
               0);
-    std::vector<std::string> secondStart;
-    for (const auto& entry : fs::directory_iterator(scratch.path)) {
-        if (entry.path().filename().string().starts_with("held-")) {
-            std::ifstream in(entry.path());
-            secondStart.emplace_back(std::istreambuf_iterator<char>(in),
-                                     std::istreambuf_iterator<char>());
-        }
-    }
-    EXPECT_EQ(secondStart, std::vector<std::string>{first});
+    EXPECT_EQ(linesOf(scratch.path, "held-"), std::vector<std::string>{first});
     EXPECT_EQ(Keychain::itemForKey("device_uuid", "NorvAnalyticDeviceUUID", nullptr), first);
     Platform::setKeychainBackend(nullptr);
 }
@@ -518,17 +519,8 @@ void expectOneUUIDFromConcurrentFirstStarts(
                 });
             }
         }
-        std::vector<std::string> held;
-        for (const auto& entry : fs::directory_iterator(scratch.path)) {
-            const std::string name = entry.path().filename().string();
-            auto& into = name.starts_with("held-") ? held : answers;
-            if (name.starts_with("uuids-") || name.starts_with("held-")) {
-                std::ifstream in(entry.path());
-                for (std::string line; std::getline(in, line);) {
-                    into.push_back(line);
-                }
-            }
-        }
+        std::vector<std::string> held = linesOf(scratch.path, "held-");
+        std::ranges::copy(linesOf(scratch.path, "uuids-"), std::back_inserter(answers));
         const Text stored = Keychain::itemForKey("device_uuid", "NorvAnalyticDeviceUUID", nullptr);
         ASSERT_TRUE(stored.has_value()) << "trial " << trial;
         Testing::eventually([&] { return NorvAnalytics::getNorvAnalyticUUID() == *stored; });

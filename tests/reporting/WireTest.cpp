@@ -74,12 +74,11 @@ TEST(Wire, ResendsAfterAnIdleSpellArriveOnTheTick) {
     ASSERT_TRUE(server.waitForCount(12, std::chrono::seconds(10)));
     std::ranges::for_each(timers, &Timer::invalidate);
     // The server records a body before its responder runs.
-    std::unique_lock lock(mutex);
-    for (int wait = 0; wait < 100 && resent.size() < 6; ++wait) {
-        lock.unlock();
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        lock.lock();
-    }
+    Testing::eventually([&] {
+        std::lock_guard lock(mutex);
+        return resent.size() >= 6;
+    });
+    std::lock_guard lock(mutex);
     ASSERT_EQ(resent.size(), 6U);
     EXPECT_LT(resent[2] - resent[0], std::chrono::milliseconds(300));
     EXPECT_LT(resent[5] - resent[3], std::chrono::milliseconds(300));
