@@ -17,6 +17,13 @@ namespace NorvAnalytic::Collector {
 
 // A collector with a database file of its own, serving on an ephemeral loopback port.
 class CollectorTest : public testing::Test {
+public:
+    // Runs one norv-collector command line; its exit status and everything it printed.
+    static std::pair<int, std::string> cli(const std::vector<std::string>& arguments) {
+        std::ostringstream out;
+        return {CollectorCli::run(arguments, out, out), out.str()};
+    }
+
 protected:
     using Json = nlohmann::json;
 
@@ -32,11 +39,6 @@ protected:
     Json payloadOf(const std::string& body) { return Json::parse(post(body)).at("payload"); }
     Json state() { return Json::parse(client_.Get("/control/state")->body); }
 
-    // Runs one norv-collector command line; its exit status and everything it printed.
-    static std::pair<int, std::string> cli(const std::vector<std::string>& arguments) {
-        std::ostringstream out;
-        return {CollectorCli::run(arguments, out, out), out.str()};
-    }
     // Runs a control command against this collector; true when it exits with 0.
     bool control(std::vector<std::string> arguments) {
         arguments.insert(arguments.begin() + 1, {"--url", url()});

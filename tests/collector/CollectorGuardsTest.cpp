@@ -10,6 +10,8 @@
 #include "BoundedServer.h"
 #include "CollectorFixture.h"
 #include "RawConnection.h"
+#include "support/ScratchDirectory.h"
+#include "support/Eventually.h"
 
 namespace NorvAnalytic::Collector {
 namespace {
@@ -62,14 +64,10 @@ TEST_F(CollectorTest, AnswersControlRequestsOutOfRangeWith400AndTheReason) {
 // Beyond loopback anyone on the network reaches the collector: the SDK's endpoint stays open,
 // but steering takes the token, from the command line and the page alike.
 TEST(CollectorTokenTest, BeyondLoopbackOnlyATokenSteers) {
-    const std::filesystem::path directory =
-        std::filesystem::temp_directory_path() / ("norv-token-" + std::to_string(getpid()));
-    std::filesystem::create_directories(directory);
+    const Testing::ScratchDirectory scratch;
+    const std::filesystem::path& directory = scratch.path();
     const std::string database = (directory / "collector.sqlite").string();
-    const auto run = [](const std::vector<std::string>& arguments) {
-        std::ostringstream out;
-        return std::pair<int, std::string>{CollectorCli::run(arguments, out, out), out.str()};
-    };
+    const auto run = &CollectorTest::cli;
     {
         CollectorStore store(database);
         CollectorServer open(store);
@@ -116,7 +114,6 @@ TEST(CollectorTokenTest, BeyondLoopbackOnlyATokenSteers) {
         EXPECT_EQ(server.refusal().remaining, 3);
         EXPECT_TRUE(server.steering().analyticsEnabled);
     }
-    std::filesystem::remove_all(directory);
 }
 
 // Whatever way a body comes (with a length, in chunks, until the client stops), no more than
@@ -195,14 +192,12 @@ TEST_F(CollectorTest, AnswersTheSdkWithinASecondWhile200SlowClientsHoldConnectio
     EXPECT_TRUE(answer && answer->status == 200);
     EXPECT_LT(answeredAfter, 1s);
     // The chunked bodies, read as they come, take every page thread: the page is turned away.
-    const auto giveUp = std::chrono::steady_clock::now() + 20s;
-    int pageStatus = 0;
-    while (pageStatus != 503 && std::chrono::steady_clock::now() < giveUp) {
-        const auto page = client_.Get("/api/counts");
-        pageStatus = page ? page->status : -1;
-        std::this_thread::sleep_for(20ms);
-    }
-    EXPECT_EQ(pageStatus, 503);
+    EXPECT_TRUE(Testing::eventually(
+        [&] {
+            const auto page = client_.Get("/api/counts");
+            return page && page->status == 503;
+        },
+        20s));
 
     const auto stopping = std::chrono::steady_clock::now();
     server_.stop();

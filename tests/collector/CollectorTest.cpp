@@ -13,6 +13,8 @@
 #include "CollectorFixture.h"
 #include "EventSummary.h"
 #include "LiveStreams.h"
+#include "support/Eventually.h"
+#include "support/ScratchDirectory.h"
 
 namespace NorvAnalytic::Collector {
 namespace {
@@ -352,9 +354,7 @@ TEST_F(CollectorTest, ManyLivePagesGetEveryEventWhileEventsAreAnswered) {
         const auto state = client_.Get("/control/state");
         return state ? Json::parse(state->body).at("live_pages").get<int>() : -1;
     };
-    while (livePages() < kPages && std::chrono::steady_clock::now() < giveUp) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    Testing::eventually([&] { return livePages() >= kPages; }, std::chrono::seconds(20));
     httplib::Client sdk("127.0.0.1", port_);
     sdk.set_read_timeout(std::chrono::seconds(5));
     const auto answer = sdk.Post("/api/v3/saveEvent", "type=7&device_uuid=late", "text/plain");
@@ -368,10 +368,9 @@ TEST_F(CollectorTest, ManyLivePagesGetEveryEventWhileEventsAreAnswered) {
 // A page reads what came before it opened from the store and the rest from its queue: each
 // event exactly once, in order. A page that stops reading is cut off, not left to grow.
 TEST(LiveStreamsTest, GivesEachEventOnceAndCutsOffAPageThatFallsBehind) {
-    const std::filesystem::path directory =
-        std::filesystem::temp_directory_path() / ("norv-streams-" + std::to_string(getpid()));
+    const Testing::ScratchDirectory scratch;
     {
-        CollectorStore store((directory / "collector.sqlite").string());
+        CollectorStore store((scratch.path() / "collector.sqlite").string());
         const auto now = std::chrono::system_clock::now();
         for (const char* body : {"a1", "a2", "a3"}) {
             store.save(body, now, 200);
@@ -408,14 +407,11 @@ TEST(LiveStreamsTest, GivesEachEventOnceAndCutsOffAPageThatFallsBehind) {
             store.save(large, now, 200);
             streams.publish();
         }
-        while (streams.pagesCut() == 0 && std::chrono::steady_clock::now() < deadline) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
+        Testing::eventually([&] { return streams.pagesCut() > 0; });
         EXPECT_EQ(streams.pagesCut(), 1U);
         EXPECT_EQ(streams.next(*idle, std::chrono::milliseconds(0)), std::nullopt);
         streams.close();
     }
-    std::filesystem::remove_all(directory);
 }
 
 // A page the developer visits on another site must not steer the collector, read its events or

@@ -11,6 +11,8 @@
 #include "CollectorFixture.h"
 #include "RawConnection.h"
 #include "storage/SqliteFile.h"
+#include "support/Eventually.h"
+#include "support/ScratchDirectory.h"
 
 namespace NorvAnalytic::Collector {
 namespace {
@@ -88,10 +90,7 @@ TEST_F(CollectorTest, AbsorbsTheSdksResendOfARefusedEvent) {
     ASSERT_TRUE(control({"refuse", "--status", "503", "--count", "1"}));
     NorvAnalytics::sendEventWithPageName("Orders");
     ASSERT_TRUE(NorvAnalytics::flush(10s));
-    const auto giveUp = std::chrono::steady_clock::now() + 10s;
-    while (store_.repeatsAbsorbed() == 0 && std::chrono::steady_clock::now() < giveUp) {
-        std::this_thread::sleep_for(50ms);
-    }
+    Testing::eventually([&] { return store_.repeatsAbsorbed() > 0; }, 10s);
     NorvAnalytics::setIdempotencyKeys(false);
     const std::vector<StoredEvent> events = store_.events();
     ASSERT_EQ(events.size(), 1U);
@@ -143,10 +142,8 @@ TEST_F(CollectorTest, StoresAKeyOnceWhenItsRequestsArriveTogether) {
 
 // A file that an earlier collector wrote, before events had keys, gains them.
 TEST(CollectorStoreTest, GivesAFileWrittenBeforeKeysAUniqueColumnForThem) {
-    const std::filesystem::path directory =
-        std::filesystem::temp_directory_path() / ("norv-keys-" + std::to_string(getpid()));
-    std::filesystem::create_directories(directory);
-    const std::string path = (directory / "collector.sqlite").string();
+    const Testing::ScratchDirectory scratch;
+    const std::string path = (scratch.path() / "collector.sqlite").string();
     sqlite3* database = nullptr;
     ASSERT_EQ(sqlite3_open(path.c_str(), &database), SQLITE_OK);
     ASSERT_EQ(
@@ -174,16 +171,13 @@ TEST(CollectorStoreTest, GivesAFileWrittenBeforeKeysAUniqueColumnForThem) {
         EXPECT_EQ(store.eventWithKey("k2"), std::nullopt);
     }
     EXPECT_EQ(CollectorStore(path).repeatsAbsorbed(), 1);
-    std::filesystem::remove_all(directory);
 }
 
 // Events carry device ids and user names: the file is its owner's alone, and a file at its path
 // that is not a collector's is set aside rather than failing every request.
 TEST(CollectorStoreTest, KeepsItsFileToItsOwnerAndSetsAsideOneNotItsOwn) {
-    const std::filesystem::path directory =
-        std::filesystem::temp_directory_path() / ("norv-private-" + std::to_string(getpid()));
-    const std::filesystem::path path = directory / "collector.sqlite";
-    std::filesystem::create_directories(directory);
+    const Testing::ScratchDirectory scratch;
+    const std::filesystem::path path = scratch.path() / "collector.sqlite";
     std::ofstream(path) << "not a database";
     std::filesystem::permissions(
         path, std::filesystem::perms::others_read | std::filesystem::perms::group_read,
@@ -196,7 +190,6 @@ TEST(CollectorStoreTest, KeepsItsFileToItsOwnerAndSetsAsideOneNotItsOwn) {
     EXPECT_EQ(std::filesystem::status(path).permissions() & std::filesystem::perms::all,
               std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
     EXPECT_EQ(SqliteFile::movedAside(path).size(), 1U);
-    std::filesystem::remove_all(directory);
 }
 
 }  // namespace

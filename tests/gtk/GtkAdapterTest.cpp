@@ -18,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/Eventually.h"
 #include "support/FakeKeychainBackend.h"
 #include "support/QueueOrderProbe.h"
 #include "support/RecordingHttpClient.h"
@@ -28,15 +29,9 @@ namespace {
 
 // Turns the GTK loop until `done` holds, for at most ten seconds.
 bool loopUntil(const std::function<bool()>& done) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        g_main_context_iteration(nullptr, FALSE);
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
+    return Testing::eventually(
+        [&] { return done() || (g_main_context_iteration(nullptr, FALSE), done()); },
+        std::chrono::seconds(10));
 }
 
 std::vector<GtkMessageDialog*> dialogs() {

@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <fstream>
 #include <functional>
@@ -23,6 +24,7 @@
 #include "keychain/KeychainItemCache.h"
 #include "keychain/SecretServiceKeychainBackend.h"
 #include "support/ChildProcess.h"
+#include "support/Eventually.h"
 #include "support/FakeKeychainBackend.h"
 #include "support/FilesHolding.h"
 #include "support/ThreadList.h"
@@ -64,6 +66,19 @@ struct ScratchDirectory {
         return backend;
     }
 };
+
+// Every line of the files in directory whose names start with prefix.
+std::vector<std::string> linesOf(const std::string& directory, const std::string& prefix) {
+    std::vector<std::string> lines;
+    for (const auto& entry : fs::directory_iterator(directory)) {
+        std::ifstream in(entry.path());
+        for (std::string line; entry.path().filename().string().starts_with(prefix) &&
+                               std::getline(in, line);) {
+            lines.push_back(line);
+        }
+    }
+    return lines;
+}
 
 // The Secret Service under a schema of its own per call, in the daemon's in-memory
 // collection, so that no run sees another's items; null when there is none to reach.
@@ -259,13 +274,8 @@ TEST(KeychainTest, AStoreThatCannotBeOpenedFailsEveryCallAsLockedAndADamagedOneS
     EXPECT_TRUE(Keychain::saveItem("value", "token", "api", nullptr));
     Platform::setDiagnosticsSink(nullptr);
     EXPECT_EQ(reports, std::vector<DiagnosticLevel>{DiagnosticLevel::Error});
-    std::vector<std::uintmax_t> asideSizes;
-    for (const auto& entry : fs::directory_iterator(scratch.path)) {
-        if (entry.path().filename().string().starts_with("keychain.sqlite.corrupt-")) {
-            asideSizes.push_back(entry.file_size());
-        }
-    }
-    EXPECT_EQ(asideSizes, std::vector<std::uintmax_t>{8192});
+    EXPECT_EQ(linesOf(scratch.path, "keychain.sqlite.corrupt-"),
+              std::vector<std::string>{std::string(8192, 'z')});
 }
 
 // Neither a deleted item nor any value the identity ever had leaves a byte behind in the
@@ -404,10 +414,7 @@ TEST(SystemFileKeychainTest, AnotherProcesssSaveReplacesTheCachedUserIdWithinASe
             {Testing::siblingExecutable("keychain_writer"), scratch.path, "save", "there"}, {}),
         0);
     const auto saved = std::chrono::steady_clock::now();
-    while (cache.item("user_id", "NorvAnalyticDeviceUUID").value == "here" &&
-           std::chrono::steady_clock::now() - saved < std::chrono::seconds(5)) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    Testing::eventually([&] { return cache.item("user_id", "NorvAnalyticDeviceUUID").value != "here"; });
     EXPECT_LT(std::chrono::steady_clock::now() - saved, std::chrono::seconds(1));
     EXPECT_EQ(cache.item("user_id", "NorvAnalyticDeviceUUID").value, "there");
 }
@@ -426,10 +433,7 @@ void expectAnotherProcesssErasureSeenAtTheNextRefresh(const ScratchDirectory& sc
     ASSERT_EQ(Testing::runChildProcess(argv, {}), 0);
     // The store's refresh interval keeps it under a second; a loaded machine may take longer.
     const auto erased = std::chrono::steady_clock::now();
-    while (NorvAnalytics::getNorvAnalyticUUID() == held &&
-           std::chrono::steady_clock::now() - erased < std::chrono::seconds(5)) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    Testing::eventually([&] { return NorvAnalytics::getNorvAnalyticUUID() != held; });
     EXPECT_LT(std::chrono::steady_clock::now() - erased, std::chrono::seconds(1));
     EXPECT_NE(NorvAnalytics::getNorvAnalyticUUID(), held);
 }
@@ -477,15 +481,7 @@ TEST(SystemFileKeychainTest, AForeignDatabaseAtThePathIsMovedAsideAndTwoStartsHo
                                         "uuid", std::to_string(now.count())},
                                        {}),
               0);
-    std::vector<std::string> secondStart;
-    for (const auto& entry : fs::directory_iterator(scratch.path)) {
-        if (entry.path().filename().string().starts_with("held-")) {
-            std::ifstream in(entry.path());
-            secondStart.emplace_back(std::istreambuf_iterator<char>(in),
-                                     std::istreambuf_iterator<char>());
-        }
-    }
-    EXPECT_EQ(secondStart, std::vector<std::string>{first});
+    EXPECT_EQ(linesOf(scratch.path, "held-"), std::vector<std::string>{first});
     EXPECT_EQ(Keychain::itemForKey("device_uuid", "NorvAnalyticDeviceUUID", nullptr), first);
     Platform::setKeychainBackend(nullptr);
 }
@@ -523,24 +519,11 @@ void expectOneUUIDFromConcurrentFirstStarts(
                 });
             }
         }
-        std::vector<std::string> held;
-        for (const auto& entry : fs::directory_iterator(scratch.path)) {
-            const std::string name = entry.path().filename().string();
-            auto& into = name.starts_with("held-") ? held : answers;
-            if (name.starts_with("uuids-") || name.starts_with("held-")) {
-                std::ifstream in(entry.path());
-                for (std::string line; std::getline(in, line);) {
-                    into.push_back(line);
-                }
-            }
-        }
+        std::vector<std::string> held = linesOf(scratch.path, "held-");
+        std::ranges::copy(linesOf(scratch.path, "uuids-"), std::back_inserter(answers));
         const Text stored = Keychain::itemForKey("device_uuid", "NorvAnalyticDeviceUUID", nullptr);
         ASSERT_TRUE(stored.has_value()) << "trial " << trial;
-        const auto settled = std::chrono::steady_clock::now();
-        while (NorvAnalytics::getNorvAnalyticUUID() != *stored &&
-               std::chrono::steady_clock::now() - settled < std::chrono::seconds(5)) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
+        Testing::eventually([&] { return NorvAnalytics::getNorvAnalyticUUID() == *stored; });
         held.push_back(NorvAnalytics::getNorvAnalyticUUID());
         ASSERT_EQ(answers.size(), 12U) << "trial " << trial;
         ASSERT_THAT(held, ::testing::ElementsAre(*stored, *stored, *stored)) << "trial " << trial;
@@ -606,9 +589,7 @@ TEST(SystemFileKeychainTest, AHeldStoreDelaysNoCallAndTheUUIDStoredFirstIsAdopte
                                            {}),
                   0);
     });
-    while (!fs::exists(scratch.path + "/held")) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    ASSERT_TRUE(Testing::eventually([&] { return fs::exists(scratch.path + "/held"); }, std::chrono::seconds(30)));
     const auto start = std::chrono::steady_clock::now();
     NorvAnalytics::initWithKey(std::string("key"));
     const std::string meanwhile = NorvAnalytics::getNorvAnalyticUUID();
@@ -616,10 +597,7 @@ TEST(SystemFileKeychainTest, AHeldStoreDelaysNoCallAndTheUUIDStoredFirstIsAdopte
     EXPECT_NE(meanwhile, theirs);
     // The write goes on on a thread of ours, named, that takes none of the host's signals.
     holder.join();
-    while (NorvAnalytics::getNorvAnalyticUUID() != theirs &&
-           std::chrono::steady_clock::now() - start < std::chrono::seconds(5)) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    Testing::eventually([&] { return NorvAnalytics::getNorvAnalyticUUID() == theirs; });
     EXPECT_EQ(NorvAnalytics::getNorvAnalyticUUID(), theirs);
     EXPECT_EQ(Keychain::itemForKey("device_uuid", "NorvAnalyticDeviceUUID", nullptr), theirs);
 }
@@ -672,12 +650,11 @@ TEST(SystemFileKeychainTest, AForkedChildWritesThroughItsOwnConnectionAndFollows
     const pid_t child = ::fork();
     if (child == 0) {
         auto& cache = KeychainItemCache::shared();
-        const auto start = std::chrono::steady_clock::now();
-        while (cache.item("user_id", "NorvAnalyticDeviceUUID").value != "later" &&
-               std::chrono::steady_clock::now() - start < std::chrono::seconds(3)) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        ::_exit(cache.item("user_id", "NorvAnalyticDeviceUUID").value == "later" ? 0 : 1);
+        ::_exit(Testing::eventually([&] {
+                    return cache.item("user_id", "NorvAnalyticDeviceUUID").value == "later";
+                }, std::chrono::seconds(3))
+                    ? 0
+                    : 1);
     }
     NorvAnalytics::saveStoreUserID(std::string("later"));
     EXPECT_EQ(waitForChild(child), 0);

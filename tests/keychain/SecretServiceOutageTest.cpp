@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "keychain/SecretServiceKeychainBackend.h"
+#include "support/Eventually.h"
 
 extern char** environ;
 
@@ -87,11 +88,7 @@ public:
             pid_ = 0;
             return false;
         }
-        const auto deadline = Clock::now() + 10s;
-        while (!serviceOwned() && Clock::now() < deadline) {
-            std::this_thread::sleep_for(20ms);
-        }
-        return serviceOwned();
+        return Testing::eventually(serviceOwned, 10s);
     }
     void signal(int number) const { ::kill(pid_, number); }
     void kill() {
@@ -145,11 +142,12 @@ TEST(SecretServiceOutage, AStoppedDaemonHoldsNoCallerLongAndARestartedOneIsFound
     ASSERT_TRUE(keyring.start()) << "gnome-keyring-daemon did not start again";
     EXPECT_TRUE(Keychain::saveItem("after", "token", "api", nullptr));
     EXPECT_EQ(Keychain::itemForKey("token", "api", nullptr), "after");
-    start = Clock::now();
-    while (Keychain::itemForKey("device_uuid", "NorvAnalyticDeviceUUID", nullptr) != meanwhile &&
-           Clock::now() - start < 60s) {
-        std::this_thread::sleep_for(50ms);
-    }
+    Testing::eventually(
+        [&] {
+            return Keychain::itemForKey("device_uuid", "NorvAnalyticDeviceUUID", nullptr) ==
+                   meanwhile;
+        },
+        60s);
     EXPECT_EQ(Keychain::itemForKey("device_uuid", "NorvAnalyticDeviceUUID", nullptr), meanwhile);
     EXPECT_EQ(NorvAnalytics::getNorvAnalyticUUID(), meanwhile);
     Platform::setDiagnosticsSink(nullptr);

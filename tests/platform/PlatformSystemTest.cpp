@@ -18,6 +18,8 @@
 #include <vector>
 
 #include "support/LocalHttpServer.h"
+#include "support/ScratchDirectory.h"
+#include "support/Eventually.h"
 #include "support/ThreadList.h"
 #include "ui/HeadlessApplication.h"
 
@@ -29,12 +31,6 @@ namespace fs = std::filesystem;
 using Testing::LocalHttpServer;
 using testing::MatchesRegex;
 using namespace std::chrono_literals;
-
-// A fresh directory of this test's own under the system's temporary directory.
-fs::path makeDirectory() {
-    std::string pattern = (fs::temp_directory_path() / "norv-platform-XXXXXX").string();
-    return ::mkdtemp(pattern.data()) != nullptr ? fs::path(pattern) : fs::path();
-}
 
 // Sends one POST; the future holds what its completion got: "<status or -1> <[data] or no data>",
 // then " error: <text>" if an error came.
@@ -63,7 +59,8 @@ std::promise<void> holdAnswers(LocalHttpServer& server, const LocalHttpServer::A
 
 TEST(CurlHttpClientTest, OverTlsVerifiesThePeerFollowsRedirectsAndConnectsWhereTold) {
     // A self-signed certificate for "collector.invalid"; it is also the CA file to trust.
-    const std::string files = makeDirectory() / "collector";
+    const Testing::ScratchDirectory scratch;
+    const std::string files = scratch.path() / "collector";
     const std::string make =
         "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes "
         "-subj /CN=collector.invalid -out " +
@@ -90,9 +87,7 @@ TEST(CurlHttpClientTest, OverTlsVerifiesThePeerFollowsRedirectsAndConnectsWhereT
     EXPECT_EQ(post(client, url + "/moved", raw).get() + post(client, url + "/fail", "fail").get() +
                   post(client, url + "/moved", "").get(),
               "200 [" + raw + "]500 [fail]200 []");
-
     server.stop();
-    fs::remove_all(fs::path(files).parent_path());
 }
 
 TEST(CurlHttpClientTest, SendsFromManyThreadsWithoutWaitingAndADestroyedClientCancelsAll) {
@@ -164,19 +159,15 @@ TEST(CurlHttpClientTest, AServerThatNeverAnswersHoldsOnlyItsOwnRequests) {
 // True once this process has no child left, running or unreaped. The opener and its detached
 // reaper finish in their own time, so this waits for them up to the given limit.
 bool noChildrenWithin(std::chrono::milliseconds limit) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    siginfo_t info{};
-    while (::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) != -1 || errno != ECHILD) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(10ms);
-    }
-    return true;
+    return Testing::eventually([] {
+        siginfo_t info{};
+        return ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == -1 && errno == ECHILD;
+    }, limit);
 }
 
 TEST(HeadlessApplicationTest, AsksTheDesktopAndOpensWithoutAShellLeavingNoProcessBehind) {
-    const fs::path directory = makeDirectory();
+    const Testing::ScratchDirectory scratch;
+    const fs::path& directory = scratch.path();
     auto script = [&](const std::string& name, const std::string& body) {
         std::ofstream(directory / name) << "#!/bin/sh\n" << body;
         fs::permissions(directory / name, fs::perms::owner_all);
@@ -236,7 +227,6 @@ TEST(HeadlessApplicationTest, AsksTheDesktopAndOpensWithoutAShellLeavingNoProces
     std::this_thread::sleep_for(300ms);
     EXPECT_EQ(std::ranges::count(Testing::threadList(), "norv-reaper", &Testing::ThreadInfo::name),
               0);
-    fs::remove_all(directory);
 }
 
 }  // namespace

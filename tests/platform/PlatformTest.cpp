@@ -27,8 +27,10 @@
 #include "mainqueue/ManualClock.h"
 #include "platform/Diagnostics.h"
 #include "platform/LinuxDevice.h"
+#include "support/Eventually.h"
 #include "support/HostLoop.h"
 #include "support/QueueOrderProbe.h"
+#include "support/ScratchDirectory.h"
 #include "support/ThreadList.h"
 
 namespace NorvAnalytic {
@@ -229,8 +231,8 @@ TEST(URLTest, AcceptsWhatRfc3986AcceptsAndKeepsTheTextAsGiven) {
 }
 
 TEST(LinuxDeviceTest, ReadsTheDistributionsVersionAndTheFirstBattery) {
-    const auto root =
-        std::filesystem::temp_directory_path() / ("norv-device-" + std::to_string(::getpid()));
+    const Testing::ScratchDirectory scratch;
+    const std::filesystem::path& root = scratch.path();
     std::filesystem::create_directories(root / "power/AC");
     std::filesystem::create_directories(root / "power/BAT0");
     std::ofstream(root / "os-release")
@@ -251,11 +253,7 @@ TEST(LinuxDeviceTest, ReadsTheDistributionsVersionAndTheFirstBattery) {
     // an unreadable one: unknown. It is read on a thread of ours, so a change shows a little
     // later.
     const auto soon = [](LinuxDevice& reader, float expected) {
-        const auto start = std::chrono::steady_clock::now();
-        while (reader.batteryLevel() != expected &&
-               std::chrono::steady_clock::now() - start < std::chrono::seconds(2)) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
+        Testing::eventually([&] { return reader.batteryLevel() == expected; });
         return reader.batteryLevel();
     };
     std::vector<float> levels{device.batteryLevel()};
@@ -265,14 +263,10 @@ TEST(LinuxDeviceTest, ReadsTheDistributionsVersionAndTheFirstBattery) {
     }
     levels.insert(levels.end(), {soon(device, 0.75F), bare.batteryLevel()});
     // Its thread ends with the reading: nothing of ours stays to wake for the next one.
-    const auto read = std::chrono::steady_clock::now();
-    while (std::ranges::count(Testing::threadList(), "norv-battery", &Testing::ThreadInfo::name) >
-               0 &&
-           std::chrono::steady_clock::now() - read < std::chrono::seconds(2)) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    EXPECT_EQ(std::ranges::count(Testing::threadList(), "norv-battery", &Testing::ThreadInfo::name),
-              0);
+    EXPECT_TRUE(Testing::eventually([] {
+        return std::ranges::count(Testing::threadList(), "norv-battery",
+                                  &Testing::ThreadInfo::name) == 0;
+    }));
     std::ofstream(root / "power/BAT0/capacity") << "not a number\n";
     levels.push_back(soon(device, -1.0F));
     std::ofstream(root / "power/BAT0/capacity") << "40\n";
@@ -295,7 +289,6 @@ TEST(LinuxDeviceTest, ReadsTheDistributionsVersionAndTheFirstBattery) {
     std::ofstream(root / "power/BAT0/capacity") << "55\n";
     EXPECT_TRUE(answered);
     EXPECT_EQ(level.get(), -1.0F);
-    std::filesystem::remove_all(root);
 }
 
 }  // namespace

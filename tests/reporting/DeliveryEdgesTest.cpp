@@ -18,6 +18,7 @@
 
 #include "events/SavedEvents.h"
 #include "support/ChildProcess.h"
+#include "support/Eventually.h"
 #include "support/FakeReachabilityService.h"
 #include "support/LocalHttpServer.h"
 
@@ -30,24 +31,6 @@ namespace fs = std::filesystem;
 
 const fs::path kDataHome = fs::temp_directory_path() / ("norv-edges-" + std::to_string(::getpid()));
 const fs::path kQueueFile = kDataHome / "NorvAnalytic" / "queue.sqlite";
-
-std::string valueIn(const std::string& body, const std::string& key) {
-    const std::size_t start = body.find("&" + key + "=");
-    if (start == std::string::npos) {
-        return {};
-    }
-    const std::size_t value = start + key.size() + 2;
-    return body.substr(value, body.find('&', value) - value);
-}
-
-// How often each page arrived.
-std::map<std::string, int> pageCounts(const Server& server) {
-    std::map<std::string, int> counts;
-    for (const Server::Received& each : server.received()) {
-        ++counts[valueIn(each.body, "pageName")];
-    }
-    return counts;
-}
 
 void sendPages(const std::string& prefix, int count) {
     for (int index = 0; index < count; ++index) {
@@ -73,11 +56,7 @@ int rowsInQueueFile() {
 
 // Waits up to a few seconds for what answers changed to reach the file.
 bool queueFileEmpties() {
-    const auto deadline = Clock::now() + std::chrono::seconds(10);
-    while (rowsInQueueFile() != 0 && Clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return rowsInQueueFile() == 0;
+    return Testing::eventually([] { return rowsInQueueFile() == 0; }, std::chrono::seconds(10));
 }
 
 class DeliveryEdges : public testing::Test {
@@ -164,7 +143,7 @@ TEST_F(DeliveryEdges, WithdrawalAndForgetStopEveryRequestNotYetOnTheWire) {
         const std::size_t arrived = received.size() - before;
         for (std::size_t index = before; index < received.size(); ++index) {
             EXPECT_LT(received[index].at, fenced + std::chrono::milliseconds(50));
-            EXPECT_EQ(valueIn(received[index].body, "device_uuid"), oldUUID);
+            EXPECT_EQ(Server::formValue(received[index].body, "device_uuid"), oldUUID);
         }
         const std::uint64_t discarded =
             (row.forget ? NorvAnalytics::discardedByForgetCount()
@@ -208,7 +187,7 @@ TEST_F(DeliveryEdges, TurningTheQueueOffAndOnMidFlightLosesNoEvent) {
     NorvAnalytics::setPersistentQueue(true);
     sendPages("new-", 300);
     EXPECT_TRUE(NorvAnalytics::flush(std::chrono::seconds(60)));
-    const std::map<std::string, int> counts = pageCounts(server);
+    const std::map<std::string, int> counts = server.countsOf("pageName");
     for (const auto& [prefix, events] : {std::pair{"old-", 250}, std::pair{"new-", 300}}) {
         for (int index = 0; index < events; ++index) {
             EXPECT_GE(counts.count(prefix + std::to_string(index)), 1U) << prefix << index;
@@ -232,7 +211,7 @@ TEST_F(DeliveryEdges, AFileLockedByAnotherProcessLosesNothingAndLeavesNoAnswered
     EXPECT_TRUE(NorvAnalytics::flush(std::chrono::seconds(60)));
     holder.join();
     EXPECT_EQ(NorvAnalytics::droppedEventCount(), droppedBefore);
-    EXPECT_EQ(pageCounts(server).size(), 20'001U);
+    EXPECT_EQ(server.countsOf("pageName").size(), 20'001U);
     EXPECT_TRUE(queueFileEmpties());
 }
 

@@ -3,15 +3,12 @@
 #include <NorvAnalytic/NorvAnalytics.h>
 #include <NorvAnalytic/Platform.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <future>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -20,6 +17,7 @@
 #include "delivery/QueueFile.h"
 #include "support/HostLoop.h"
 #include "support/ReportingHarness.h"
+#include "support/ScratchDirectory.h"
 
 namespace NorvAnalytic {
 namespace {
@@ -32,9 +30,7 @@ using Testing::ReportingHarness;
 // found while the hand-over's file lock is held). Each row's call comes from the sink that
 // hears of the damage; the call that opened the file returns, and so does the sink's.
 TEST(HostCode, ASinkMayCallEveryPublicFunction) {
-    const std::filesystem::path dataHome =
-        std::filesystem::temp_directory_path() / ("norv-host-code-" + std::to_string(::getpid()));
-    ::setenv("XDG_DATA_HOME", dataHome.c_str(), 1);
+    const Testing::ScratchDirectory dataHome(Testing::ScratchDirectory::Use::DataHome);
     {
         ReportingHarness harness;
         const std::vector<std::pair<const char*, std::function<void()>>> rows = {
@@ -99,39 +95,6 @@ TEST(HostCode, ASinkMayCallEveryPublicFunction) {
         while (harness.http->answerAll(200, "") > 0) {
         }
     }
-    ::unsetenv("XDG_DATA_HOME");
-    std::filesystem::remove_all(dataHome);
-}
-
-// A host's executor that throws the first time it is handed work (its loop not ready yet):
-// every answer is still handled, so the window never fills, and flush sees them all.
-TEST(HostCode, AnExecutorThatThrowsOnceLosesNoAnswer) {
-    ReportingHarness harness;
-    NorvAnalytics::setLogLevel(1);  // every answer is read on the main queue
-    Testing::HostLoop loop;
-    bool refused = false;  // norv-main hands work over
-    MainQueue::main().setExecutor([&](MainQueue::Task task) {
-        if (!std::exchange(refused, true)) {
-            throw std::runtime_error("the loop is not ready");
-        }
-        loop.post(std::move(task));
-    });
-    constexpr std::size_t kEvents = 401;
-    std::size_t answered = 0;
-    bool flushed = false;
-    Testing::endsWithin(60s, "answers through an executor that threw once", [&] {
-        for (std::size_t event = 0; event < kEvents; ++event) {
-            NorvAnalytics::sendEventWithPageName("page-" + std::to_string(event));
-        }
-        for (std::size_t round = 0; answered < kEvents && round < 100; ++round) {
-            answered += harness.http->answerAll(200, "{}");
-        }
-        flushed = NorvAnalytics::flush(10s);
-    });
-    MainQueue::main().setExecutor(nullptr);
-    NorvAnalytics::setLogLevel(0);
-    EXPECT_EQ(answered, kEvents);
-    EXPECT_TRUE(flushed);
 }
 
 }  // namespace

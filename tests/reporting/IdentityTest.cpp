@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "events/DeviceIdentity.h"
+#include "support/Eventually.h"
 #include "support/FakeKeychainBackend.h"
 #include "support/RecordingLogSink.h"
 
@@ -63,11 +64,7 @@ TEST(Identity, OneUUIDIsMadeKeptAndRepairedAndTheUserIdFollowsTheHost) {
 
     // Once the store answers again, the process takes the UUID it holds.
     keychain->failWith(std::nullopt);
-    const auto unlocked = std::chrono::steady_clock::now();
-    while (NorvAnalytics::getNorvAnalyticUUID() == first &&
-           std::chrono::steady_clock::now() - unlocked < std::chrono::seconds(5)) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    Testing::eventually([&] { return NorvAnalytics::getNorvAnalyticUUID() != first; });
     EXPECT_EQ(NorvAnalytics::getNorvAnalyticUUID(), replacement);
     Platform::setKeychainBackend(nullptr);
 }

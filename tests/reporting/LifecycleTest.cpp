@@ -22,41 +22,13 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// The page names the server received, sorted.
-std::vector<std::string> pagesReceived(const Testing::LocalHttpServer& server) {
-    std::vector<std::string> pages;
-    for (const std::string& body : server.bodies()) {
-        const std::size_t start = body.find("pageName=");
-        if (start != std::string::npos) {
-            pages.push_back(body.substr(start + 9, body.find('&', start) - start - 9));
-        }
+// Each of prefix0 .. prefix<events - 1> once.
+std::map<std::string, int> once(const std::string& prefix, int events) {
+    std::map<std::string, int> counts;
+    for (int index = 0; index < events; ++index) {
+        counts[prefix + std::to_string(index)] = 1;
     }
-    std::ranges::sort(pages);
-    return pages;
-}
-
-// The numbers of the "page-N" events the server received, in the order it received them.
-std::vector<int> pageNumbersReceived(const Testing::LocalHttpServer& server) {
-    std::vector<int> numbers;
-    for (const std::string& body : server.bodies()) {
-        const std::size_t start = body.find("pageName=page-");
-        if (start != std::string::npos) {
-            numbers.push_back(std::stoi(body.substr(start + 14)));
-        }
-    }
-    return numbers;
-}
-
-// The device UUID of each event the server received, in arrival order.
-std::vector<std::string> uuidsReceived(const Testing::LocalHttpServer& server) {
-    std::vector<std::string> uuids;
-    for (const std::string& body : server.bodies()) {
-        const std::size_t start = body.find("device_uuid=");
-        if (start != std::string::npos) {
-            uuids.push_back(body.substr(start + 12, body.find('&', start) - start - 12));
-        }
-    }
-    return uuids;
+    return counts;
 }
 
 class Lifecycle : public testing::Test {
@@ -104,23 +76,17 @@ TEST_F(Lifecycle, AForkedChildSendsItsOwnEventsOnceAndItsFlushMeansIt) {
                 std::chrono::milliseconds(body.find("parent-") != std::string::npos ? 300 : 0)};
     });
     ASSERT_EQ(run("fork"), 0);
-    std::vector<std::string> expected;
-    for (int index = 0; index < 10; ++index) {
-        expected.push_back("child-" + std::to_string(index));
-    }
-    for (int index = 0; index < 5; ++index) {
-        expected.push_back("parent-" + std::to_string(index));
-    }
-    EXPECT_EQ(pagesReceived(server), expected);
+    std::map<std::string, int> expected = once("child-", 10);
+    expected.merge(once("parent-", 5));
+    EXPECT_EQ(server.countsOf("pageName"), expected);
 }
 
 TEST_F(Lifecycle, EventsFromExitHandlersAndThreadLocalDestructorsAreDelivered) {
     ASSERT_EQ(run("exit-handlers"), 0);
-    const std::vector<std::string> pages = pagesReceived(server);
-    ASSERT_EQ(pages.size(), 3U);
-    EXPECT_EQ(pages[0], "atexit");
-    EXPECT_TRUE(pages[1].starts_with("first-"));
-    EXPECT_EQ(pages[2], "thread-local-destructor");
+    const std::map<std::string, int> pages = server.countsOf("pageName");
+    EXPECT_EQ(pages, (std::map<std::string, int>{{"atexit", 1},
+                                                 {"first-" + std::string(5000, 'x'), 1},
+                                                 {"thread-local-destructor", 1}}));
 }
 
 // A host with the queue on records 10,000 events and is killed 200 ms after its last call;
@@ -164,7 +130,10 @@ TEST_F(Lifecycle, WhatAKilledHostRecordedTheNextProcessSendsOnceAndInOrder) {
         const std::size_t beforeResume = collector->bodies().size();
         ASSERT_EQ(run("persist-resume", url), 0);
 
-        const std::vector<int> received = pageNumbersReceived(*collector);
+        std::vector<int> received;
+        for (const std::string& page : collector->valuesOf("pageName")) {
+            received.push_back(std::stoi(page.substr(5)));
+        }
         std::vector<int> distinct = received;
         std::ranges::sort(distinct);
         distinct.erase(std::unique(distinct.begin(), distinct.end()), distinct.end());
@@ -188,23 +157,6 @@ TEST_F(Lifecycle, WhatAKilledHostRecordedTheNextProcessSendsOnceAndInOrder) {
     }
 }
 
-// How often each page arrived.
-std::map<std::string, int> pageCounts(const Testing::LocalHttpServer& server) {
-    std::map<std::string, int> counts;
-    for (const std::string& page : pagesReceived(server)) {
-        ++counts[page];
-    }
-    return counts;
-}
-
-std::map<std::string, int> once(const std::string& prefix, int events) {
-    std::map<std::string, int> counts;
-    for (int index = 0; index < events; ++index) {
-        counts[prefix + std::to_string(index)] = 1;
-    }
-    return counts;
-}
-
 // Two sandboxed instances of one app (each in a PID namespace of its own, where both may be
 // pid 1) share the data directory while their events wait: neither takes the other's rows.
 TEST_F(Lifecycle, ProcessesInTheirOwnPidNamespacesSendEachEventOnce) {
@@ -224,7 +176,7 @@ TEST_F(Lifecycle, ProcessesInTheirOwnPidNamespacesSendEachEventOnce) {
     EXPECT_EQ(first, 0);
     std::map<std::string, int> expected = once("a-", 30);
     expected.merge(once("b-", 30));
-    EXPECT_EQ(pageCounts(server), expected);
+    EXPECT_EQ(server.countsOf("pageName"), expected);
 }
 
 // A data directory on a 1.2 MB file system fills up under 3,000 events: each is delivered (from
@@ -245,7 +197,7 @@ TEST_F(Lifecycle, AFullDiskLosesNoEventSilentlyAndLeavesNoAnsweredOneBehind) {
     }
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 0);
-    EXPECT_EQ(pageCounts(server), once("full-", 3000));
+    EXPECT_EQ(server.countsOf("pageName"), once("full-", 3000));
 }
 
 // Turning the queue off in one process leaves the file another live process writes.
@@ -261,7 +213,7 @@ TEST_F(Lifecycle, TurningTheQueueOffLeavesAFileAnotherProcessUses) {
     EXPECT_TRUE(fs::exists(file));
     other.join();
     EXPECT_EQ(writer, 0);
-    EXPECT_EQ(pageCounts(server), once("w-", 30));
+    EXPECT_EQ(server.countsOf("pageName"), once("w-", 30));
     // Once nobody uses it, off deletes it.
     ASSERT_EQ(run("queue-off"), 0);
     EXPECT_FALSE(fs::exists(file));
@@ -278,8 +230,7 @@ TEST_F(Lifecycle, TheNextProcessResendsAnEventWithItsFirstKey) {
     ASSERT_EQ(run("persist-resume"), 0);
     std::map<std::string, std::vector<Testing::LocalHttpServer::Received>> byPage;
     for (const auto& each : server.received()) {
-        const std::size_t start = each.body.find("pageName=") + 9;
-        byPage[each.body.substr(start, each.body.find('&', start) - start)].push_back(each);
+        byPage[Testing::LocalHttpServer::formValue(each.body, "pageName")].push_back(each);
     }
     ASSERT_EQ(byPage.size(), 3U);
     for (const auto& [page, sends] : byPage) {
@@ -315,7 +266,7 @@ TEST_F(Lifecycle, OurThreadsSleepWhileNothingWaits) {
         return Testing::LocalHttpServer::Answer{.status = refuse ? 500 : 200};
     });
     EXPECT_EQ(run("idle"), 0);
-    EXPECT_EQ(std::ranges::count(pagesReceived(server), "refuse-me"), 2);
+    EXPECT_EQ(server.countsOf("pageName").at("refuse-me"), 2);
 }
 
 // Each run sends an event, forgets the device and sends another. The second run's first UUID
@@ -333,13 +284,13 @@ TEST_F(Lifecycle, ForgettingTheDeviceLeavesNoTraceOfItsUUIDAndTheNextEventHasANe
             }
         }
     }
-    std::vector<std::string> uuids = uuidsReceived(server);
+    std::vector<std::string> uuids = server.valuesOf("device_uuid");
     ASSERT_EQ(uuids.size(), 2U);
     // The stores and their copies: the search finds what it looks for.
     ASSERT_GE(Testing::filesHolding(dataHome, uuids[1]).size(), 4U);
 
     ASSERT_EQ(run("forget"), 0);
-    uuids = uuidsReceived(server);
+    uuids = server.valuesOf("device_uuid");
     ASSERT_EQ(uuids.size(), 4U);
     EXPECT_EQ(uuids[2], uuids[1]);
     EXPECT_EQ(std::set(uuids.begin(), uuids.end()).size(), 3U);

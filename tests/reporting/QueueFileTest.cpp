@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -9,6 +8,7 @@
 #include "delivery/OwnerLock.h"
 #include "delivery/QueueFile.h"
 #include "events/EventTable.h"
+#include "support/ScratchDirectory.h"
 
 namespace NorvAnalytic {
 namespace {
@@ -22,9 +22,6 @@ std::string readFile(const std::filesystem::path& path) {
 
 class QueueFileTest : public testing::Test {
 protected:
-    void SetUp() override { std::filesystem::create_directories(directory); }
-    void TearDown() override { std::filesystem::remove_all(directory); }
-
     // Rows as other processes left them: written straight into the file.
     void insertAs(const std::string& owner, State state, const std::string& body) {
         sqlite3* database = nullptr;
@@ -36,8 +33,8 @@ protected:
         sqlite3_close(database);
     }
 
-    std::filesystem::path directory = std::filesystem::temp_directory_path() /
-                                      ("norv-queue-file-" + std::to_string(::getpid()));
+    const Testing::ScratchDirectory scratch;
+    const std::filesystem::path& directory = scratch.path();
 };
 
 TEST(EventTableBytes, TextsSurviveTheirBytesAndCutBytesAreRefused) {

@@ -3,13 +3,11 @@
 #include <NorvAnalytic/NorvAnalytics.h>
 #include <NorvAnalytic/Platform.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdlib>
-#include <filesystem>
 
 #include "events/SavedEvents.h"
 #include "support/ReportingHarness.h"
+#include "support/ScratchDirectory.h"
 
 namespace NorvAnalytic {
 namespace {
@@ -120,39 +118,36 @@ TEST(Resend, EveryStartAddsATimerAndDisablingStopsOnlyTheLast) {
     second->invalidate();
 }
 
-// With the queue on, events whose requests got no answer wait in the file: each reachable tick
-// tries the next of them once, and the first answer lets the rest of the round follow at once.
-TEST(Resend, WithTheQueueOnUnansweredEventsAreTriedOnTheTickAndFollowTheFirstAnswer) {
-    const std::filesystem::path dataHome =
-        std::filesystem::temp_directory_path() / ("norv-resend-" + std::to_string(::getpid()));
-    ::setenv("XDG_DATA_HOME", dataHome.c_str(), 1);
-    {
-        ReportingHarness harness;
-        NorvAnalytics::setPersistentQueue(true);
-        for (const char* name : {"A", "B", "C"}) {
-            NorvAnalytics::sendEventWithPageName(std::string(name));
-        }
-        EXPECT_EQ(harness.http->failAll(), 3U);
-        harness.http->clear();
-        harness.tick();
-        EXPECT_EQ(harness.http->bodies(), Lines{pageBody(harness, "A")});
-        harness.http->failAll();
-        harness.http->clear();
-        harness.tick();
-        EXPECT_EQ(harness.http->bodies(), Lines{pageBody(harness, "B")});
-        harness.http->answerAll(200, "{}");
-        EXPECT_EQ(harness.http->bodies(), (Lines{pageBody(harness, "B"), pageBody(harness, "C")}));
-        harness.http->answerAll(200, "{}");
-        harness.http->clear();
-        // A new round starts from the oldest left; once it is answered nothing is left.
-        harness.tick();
-        EXPECT_EQ(harness.http->bodies(), Lines{pageBody(harness, "A")});
-        harness.http->answerAll(200, "{}");
-        harness.tick();
-        EXPECT_EQ(harness.http->bodies(), Lines{pageBody(harness, "A")});
+// With the queue on, events whose requests got no answer wait in the file and wake resting
+// timers: each reachable tick tries the next of them once, and the first answer lets the rest of
+// the round follow at once.
+TEST(Resend, WithTheQueueOnUnansweredEventsWakeTheTimersAndFollowTheFirstAnswer) {
+    const Testing::ScratchDirectory dataHome(Testing::ScratchDirectory::Use::DataHome);
+    ReportingHarness harness;
+    NorvAnalytics::setPersistentQueue(true);
+    harness.tick();
+    harness.tick();  // nothing saved or unanswered: the timers rest
+    for (const char* name : {"A", "B", "C"}) {
+        NorvAnalytics::sendEventWithPageName(std::string(name));
     }
-    ::unsetenv("XDG_DATA_HOME");
-    std::filesystem::remove_all(dataHome);
+    EXPECT_EQ(harness.http->failAll(), 3U);
+    harness.http->clear();
+    harness.tick();
+    EXPECT_EQ(harness.http->bodies(), Lines{pageBody(harness, "A")});
+    harness.http->failAll();
+    harness.http->clear();
+    harness.tick();
+    EXPECT_EQ(harness.http->bodies(), Lines{pageBody(harness, "B")});
+    harness.http->answerAll(200, "{}");
+    EXPECT_EQ(harness.http->bodies(), (Lines{pageBody(harness, "B"), pageBody(harness, "C")}));
+    harness.http->answerAll(200, "{}");
+    harness.http->clear();
+    // A new round starts from the oldest left; once it is answered nothing is left.
+    harness.tick();
+    EXPECT_EQ(harness.http->bodies(), Lines{pageBody(harness, "A")});
+    harness.http->answerAll(200, "{}");
+    harness.tick();
+    EXPECT_EQ(harness.http->bodies(), Lines{pageBody(harness, "A")});
 }
 
 // A tick that finds nothing saved lets the resend timers rest: their ticks pass without a
@@ -187,28 +182,6 @@ TEST(Resend, TimersRestWhileNothingIsSavedAndKeepTheirPhase) {
     }
     EXPECT_EQ(harness.reachability->getFlagsCalls(), afterResend);
     EXPECT_EQ(harness.http->bodies(), Lines{});
-}
-
-// With the queue on, an event whose request got no answer wakes resting timers: it is tried
-// again at the next tick.
-TEST(Resend, AnUnansweredEventWakesRestingTimers) {
-    const std::filesystem::path dataHome =
-        std::filesystem::temp_directory_path() / ("norv-rest-" + std::to_string(::getpid()));
-    ::setenv("XDG_DATA_HOME", dataHome.c_str(), 1);
-    {
-        ReportingHarness harness;
-        NorvAnalytics::setPersistentQueue(true);
-        harness.tick();
-        harness.tick();  // nothing saved or unanswered: the timers rest
-        NorvAnalytics::sendEventWithPageName("A");
-        EXPECT_EQ(harness.http->failAll(), 1U);
-        harness.http->clear();
-        harness.tick();
-        EXPECT_EQ(harness.http->bodies(), Lines{pageBody(harness, "A")});
-        harness.http->answerAll(200, "{}");
-    }
-    ::unsetenv("XDG_DATA_HOME");
-    std::filesystem::remove_all(dataHome);
 }
 
 TEST(Resend, BeyondEitherLimitTheOldestSavedEventsGoCountedAndSaidOncePerBurst) {

@@ -10,6 +10,7 @@
 
 #include "mainqueue/MainQueueClock.h"
 
+#include "support/Eventually.h"
 #include "support/LocalHttpServer.h"
 #include "support/ReportingHarness.h"
 
@@ -34,10 +35,7 @@ TEST(Wire, AnEventTravelsOverRealHttpAndItsAnswerIsHandledOnTheMainQueue) {
                 testing::AllOf(testing::HasSubstr("&value=1.000000&"),
                                testing::HasSubstr("batteryLevel=75.000000")));
     // The answer reaches the main queue after the server has it: wait for its one line.
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (harness.log.lines().empty() && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    Testing::eventually([&] { return !harness.log.lines().empty(); });
     EXPECT_EQ(harness.log.lines(),
               std::vector<std::string>{
                   R"(Analytic is disabled from server {"analytics_enabled":false})"});
@@ -76,12 +74,11 @@ TEST(Wire, ResendsAfterAnIdleSpellArriveOnTheTick) {
     ASSERT_TRUE(server.waitForCount(12, std::chrono::seconds(10)));
     std::ranges::for_each(timers, &Timer::invalidate);
     // The server records a body before its responder runs.
-    std::unique_lock lock(mutex);
-    for (int wait = 0; wait < 100 && resent.size() < 6; ++wait) {
-        lock.unlock();
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        lock.lock();
-    }
+    Testing::eventually([&] {
+        std::lock_guard lock(mutex);
+        return resent.size() >= 6;
+    });
+    std::lock_guard lock(mutex);
     ASSERT_EQ(resent.size(), 6U);
     EXPECT_LT(resent[2] - resent[0], std::chrono::milliseconds(300));
     EXPECT_LT(resent[5] - resent[3], std::chrono::milliseconds(300));

@@ -35,4 +35,32 @@ LocalHttpServer::~LocalHttpServer() {
     thread_.join();
 }
 
+std::string LocalHttpServer::formValue(const std::string& body, const std::string& key) {
+    const std::string pair = key + "=";
+    std::size_t start = body.starts_with(pair) ? 0 : body.find("&" + pair);
+    if (start == std::string::npos) {
+        return {};
+    }
+    start += body.starts_with(pair) ? pair.size() : pair.size() + 1;
+    return body.substr(start, body.find('&', start) - start);
+}
+
+std::vector<std::string> LocalHttpServer::valuesOf(const std::string& key) const {
+    std::vector<std::string> values;
+    for (const std::string& body : bodies()) {
+        if (body.starts_with(key + "=") || body.find("&" + key + "=") != std::string::npos) {
+            values.push_back(formValue(body, key));
+        }
+    }
+    return values;
+}
+
+std::map<std::string, int> LocalHttpServer::countsOf(const std::string& key) const {
+    std::map<std::string, int> counts;
+    for (const std::string& value : valuesOf(key)) {
+        ++counts[value];
+    }
+    return counts;
+}
+
 }  // namespace NorvAnalytic::Testing

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -55,6 +56,11 @@ public:
         }
         return bodies;
     }
+    // The value of key in each body that has it, in arrival order; and how often each came.
+    std::vector<std::string> valuesOf(const std::string& key) const;
+    std::map<std::string, int> countsOf(const std::string& key) const;
+    // The value of key in a form body, empty where it has none.
+    static std::string formValue(const std::string& body, const std::string& key);
     bool waitForCount(std::size_t count,
                       std::chrono::milliseconds timeout = std::chrono::seconds(10)) const {
         std::unique_lock lock(mutex_);
