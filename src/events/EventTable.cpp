@@ -51,10 +51,12 @@ std::optional<std::string_view> host(const Field& field, const BodyInput& input,
 std::optional<std::string_view> described(const Field& field, const BodyInput& input,
                                           std::string& made) {
     const std::string* text = EventTable::find(input.texts, field.event);
-    made = TextFormat::prefixUtf16(
-        TextFormat::validUtf8(TextFormat::describe(text ? Text(*text) : std::nullopt)),
-        kDescriptionLimit);
-    return made;
+    std::string_view shown = text ? std::string_view(*text) : TextFormat::kNil;
+    if (!TextFormat::isValidUtf8(shown)) {
+        made = TextFormat::validUtf8(shown);
+        shown = made;
+    }
+    return TextFormat::prefixUtf16(shown, kDescriptionLimit);
 }
 
 std::optional<std::string_view> value(const Field& field, const BodyInput& input,
