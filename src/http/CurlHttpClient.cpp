@@ -26,9 +26,11 @@ namespace NorvAnalytic {
 namespace {
 
 constexpr long kMaxConnectionsPerHost = 6;
-// Requests in curl at once. Over HTTP/2 they are streams on one connection; over HTTP/1.1 curl
-// runs six and queues the rest until a connection is free.
+// Requests in curl at once. Over HTTP/2 they are streams on one connection. Over HTTP/1.1 a
+// connection carries one at a time, and curl tries every transfer it holds beyond those again
+// and again as connections free up: one ready behind each connection keeps all six busy.
 constexpr std::size_t kMaxTransfers = 64;
+constexpr std::size_t kMaxTransfersOneAtATime = 2 * kMaxConnectionsPerHost;
 // With transfers running, libcurl's own timers wake the loop sooner when they must. With none,
 // it sleeps until a request or a stop wakes it.
 constexpr int kPollMilliseconds = 1000;
@@ -51,7 +53,14 @@ struct Network {
     std::vector<std::unique_ptr<CurlTransfer>> transfers;
     std::vector<CurlTransfer*> idle;
     std::size_t running = 0;
+    // The last answer came over a connection that carries many requests at once (HTTP/2).
+    bool multiplexed = false;
     curl_slist* connectTo = nullptr;
+
+    std::size_t room() const {
+        const std::size_t limit = multiplexed ? kMaxTransfers : kMaxTransfersOneAtATime;
+        return running < limit ? limit - running : 0;
+    }
 };
 
 void completeUnsent(Completion& completion, HttpClientErrorCode code, const char* why) {
@@ -296,7 +305,7 @@ private:
         std::unique_lock lock(mutex_);
         while (!stopRequested_) {
             std::vector<CurlRequest> taken;
-            while (!incoming_.empty() && network.running + taken.size() < kMaxTransfers) {
+            while (!incoming_.empty() && taken.size() < network.room()) {
                 taken.push_back(std::move(incoming_.front()));
                 incoming_.pop_front();
             }
@@ -328,11 +337,11 @@ private:
                 }
             }
             lock.lock();
-            if (stopRequested_ || (!incoming_.empty() && network.running < kMaxTransfers)) {
+            if (stopRequested_ || (!incoming_.empty() && network.room() > 0)) {
                 continue;
             }
             // A new request wakes the thread only if curl has room for it; else an answer will.
-            sleepsWithRoom_ = network.running < kMaxTransfers;
+            sleepsWithRoom_ = network.room() > 0;
             lock.unlock();
             curl_multi_poll(network.multi, nullptr, 0,
                             network.running == 0 ? kIdlePollMilliseconds : kPollMilliseconds, nullptr);
@@ -420,6 +429,10 @@ private:
 
     void finish(Network& network, CURL* easy, CURLcode result) noexcept {
         CurlTransfer& transfer = CurlTransfer::of(easy);
+        long version = 0;
+        if (curl_easy_getinfo(easy, CURLINFO_HTTP_VERSION, &version) == CURLE_OK && version != 0) {
+            network.multiplexed = version >= CURL_HTTP_VERSION_2_0;
+        }
         curl_multi_remove_handle(network.multi, easy);
         CurlTransfer::Outcome outcome = transfer.finish(result);
         recycle(network, transfer);
