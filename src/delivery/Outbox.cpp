@@ -274,7 +274,7 @@ std::vector<Outgoing> Outbox::build(std::vector<EventRecord>& records) {
             facts = connections_.deviceFacts->withAppOpenFacts(*device);
         }
         std::string body = EventTable::body(record.texts, record.destination->key, *facts);
-        built.push_back({std::move(record), std::move(body), facts->deviceUUID});
+        built.push_back({std::move(record), std::move(body), std::move(facts)});
     }
     records.clear();
     return built;
@@ -327,8 +327,8 @@ void Outbox::handOver(Outgoing event) noexcept {
         return;
     }
     try {
-        const Outgoing& outgoing = sent->outgoing;
-        HttpRequest request{"POST", outgoing.record.destination->url, outgoing.body, {}};
+        Outgoing& outgoing = sent->outgoing;
+        HttpRequest request{"POST", outgoing.record.destination->url, outgoing.bodyForRequest(), {}};
         if (outgoing.record.eventId) {
             request.headers.emplace_back(EventIds::kHeader,
                                          EventIds::headerValue(*outgoing.record.eventId));
