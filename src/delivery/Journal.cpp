@@ -268,13 +268,17 @@ std::vector<Outgoing> Journal::closeLocked(bool turnedOff) {
     owner_->stopUsing();
     backlog_.clear();
     std::lock_guard lock(stateMutex_);
+    forgetOpeningLocked();
+    return moved;
+}
+
+void Journal::forgetOpeningLocked() {
     opening_ = 0;
     open_.store(false, std::memory_order_relaxed);
     changes_.clear();
     backlogCount_ = 0;
     retries_.reset();
     tick_ = false;
-    return moved;
 }
 
 void Journal::pauseLocked(const char* what) {
@@ -542,12 +546,7 @@ void Journal::abandonInChild() {
         static_cast<void>(owner_.release());
     }
     backlog_.clear();
-    opening_ = 0;
-    open_.store(false, std::memory_order_relaxed);
-    changes_.clear();
-    backlogCount_ = 0;
-    retries_.reset();
-    tick_ = false;
+    forgetOpeningLocked();
     recoveryHold_.reset();
 }
 

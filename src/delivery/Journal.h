@@ -118,6 +118,8 @@ private:
     // The methods named ...Locked run with ioMutex_ held.
     bool openLocked();
     std::vector<Outgoing> closeLocked(bool turnedOff);
+    // Under stateMutex_: the file is closed, and nothing of its opening is kept.
+    void forgetOpeningLocked();
     // Deletes the queue file when no other live process uses it.
     void removeUnusedLocked();
     // After a failure: the file is let be for a while, and the host hears of it once (what names

@@ -263,6 +263,14 @@ std::size_t Outbox::run(Turn& turn) {
 
 std::vector<Outgoing> Outbox::build(std::vector<EventRecord>& records) {
     std::vector<Outgoing> built;
+    // A fence since they were taken: none of them is built, so no identity is read for them.
+    if (!records.empty() && !PrivacyEpoch::isCurrent(records.front().epoch)) {
+        for (EventRecord& record : records) {
+            built.push_back({std::move(record), {}, {}});
+        }
+        records.clear();
+        return built;
+    }
     if (records.empty() || connections_.deviceFacts == nullptr) {
         return built;
     }

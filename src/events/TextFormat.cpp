@@ -10,8 +10,9 @@ namespace {
 
 constexpr std::string_view kReplacement = "\xEF\xBF\xBD";
 
-// Length of the valid UTF-8 sequence at the start of text, or 0 when it is not valid.
-std::size_t sequenceLength(std::string_view text) {
+}  // namespace
+
+std::size_t TextFormat::utf8SequenceLength(std::string_view text) {
     const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
     const auto continuation = [&](std::size_t i) {
         return i < text.size() && (byte(i) & 0xC0U) == 0x80U;
@@ -45,6 +46,8 @@ std::size_t sequenceLength(std::string_view text) {
     return 0;
 }
 
+namespace {
+
 // Bytes before the first one that is not ASCII, read eight at a time: most texts on the wire
 // are ASCII throughout.
 std::size_t asciiLength(std::string_view text) {
@@ -70,7 +73,7 @@ std::size_t validLength(std::string_view text) {
         if (offset == text.size()) {
             return offset;
         }
-        const std::size_t length = sequenceLength(text.substr(offset));
+        const std::size_t length = TextFormat::utf8SequenceLength(text.substr(offset));
         if (length == 0) {
             return offset;
         }

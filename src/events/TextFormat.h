@@ -21,6 +21,8 @@ public:
     static std::string version(const std::shared_ptr<const Bundle>& bundle);
     // "%f": six decimals.
     static std::string decimal(double value);
+    // The length of the valid UTF-8 sequence that begins a text not empty, 0 when none does.
+    static std::size_t utf8SequenceLength(std::string_view text);
     static bool isValidUtf8(std::string_view text);
     // The text with every invalid UTF-8 sequence replaced by U+FFFD.
     static std::string validUtf8(std::string_view text);

@@ -10,8 +10,7 @@
 #include <sstream>
 #include <thread>
 
-#include "CollectorCli.h"
-#include "CollectorServer.h"
+#include "CollectorFixture.h"
 #include "EventSummary.h"
 #include "LiveStreams.h"
 
@@ -19,41 +18,6 @@ namespace NorvAnalytic::Collector {
 namespace {
 
 using Json = nlohmann::json;
-
-// A collector with a database file of its own, serving on an ephemeral loopback port.
-class CollectorTest : public testing::Test {
-protected:
-    ~CollectorTest() override { std::filesystem::remove_all(directory_); }
-
-    // The answer's body to an event; the answer's status must be the one given.
-    std::string post(const std::string& body, int status = 200,
-                     const httplib::Headers& headers = {}) {
-        const auto answer = client_.Post("/api/v3/saveEvent", headers, body, "text/plain");
-        EXPECT_TRUE(answer && answer->status == status) << body;
-        return answer ? answer->body : "";
-    }
-    Json payloadOf(const std::string& body) { return Json::parse(post(body)).at("payload"); }
-
-    // Runs one norv-collector command line; its exit status and everything it printed.
-    std::pair<int, std::string> cli(const std::vector<std::string>& arguments) {
-        std::ostringstream out;
-        return {CollectorCli::run(arguments, out, out), out.str()};
-    }
-    // Runs a control command against this collector; true when it exits with 0.
-    bool control(std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin() + 1,
-                         {"--url", "http://127.0.0.1:" + std::to_string(port_)});
-        return cli(arguments).first == 0;
-    }
-
-    const std::filesystem::path directory_ =
-        std::filesystem::temp_directory_path() / ("norv-collector-" + std::to_string(getpid()));
-    const std::string database_ = (directory_ / "collector.sqlite").string();
-    CollectorStore store_{database_};
-    CollectorServer server_{store_};
-    const int port_ = server_.start("127.0.0.1", 0);
-    httplib::Client client_{"127.0.0.1", port_};
-};
 
 TEST_F(CollectorTest, StoresAndListsEveryBodyAsItArrived) {
     // Nothing is unescaped, so an unescaped "&" splits a value, as the SDK would have it.
@@ -63,8 +27,8 @@ TEST_F(CollectorTest, StoresAndListsEveryBodyAsItArrived) {
     // An event with no pairs between two with pairs; answered with a refusal.
     ASSERT_TRUE(control({"refuse", "--status", "503"}));
     post("", 503);
-    // Far over httplib's own 8 KiB limit for form bodies.
-    const std::string large = "value=12345678.000000&endpoint=" + std::string(200 * 1024, 'e');
+    // Far over httplib's own 8 KiB limit for form bodies, under the collector's 64 KiB.
+    const std::string large = "value=12345678.000000&endpoint=" + std::string(60 * 1024, 'e');
     post(large);
 
     const std::vector<StoredEvent> events = store_.events();
@@ -85,7 +49,7 @@ TEST_F(CollectorTest, StoresAndListsEveryBodyAsItArrived) {
         R"(ID    RECEIVED                 STATUS TYPE                  VALUE       DEVICE    SUMMARY                           BYTES
 1     YYYY-MM-DDThh:mm:ss.sssZ 200    5 User Login          -           0123456~  al                                80
 2     YYYY-MM-DDThh:mm:ss.sssZ 503    -                     -           -                                           0
-3     YYYY-MM-DDThh:mm:ss.sssZ 200    -                     12345678.0~ -         endpoint: eeeeeeeeeeeeeeeeeeeeee~ 204831
+3     YYYY-MM-DDThh:mm:ss.sssZ 200    -                     12345678.0~ -         endpoint: eeeeeeeeeeeeeeeeeeeeee~ 61471
 3 events
 )");
     const std::string raw = cli({"list", "--db", database_, "--raw"}).second;
@@ -298,7 +262,8 @@ TEST_F(CollectorTest, ExportsWhatItsFiltersMatchAsJsonLinesAndCsv) {
     const auto [status, csv] = cli({"export", "--db", database_, "--format", "csv", "--type", "7"});
     EXPECT_EQ(status, 0);
     const std::string header =
-        "id,received_at,status,type,type_name,device,summary,body,answer\r\n";
+        "id,received_at,status,type,type_name,device,summary,body,answer,idempotency_key,"
+        "repeats\r\n";
     ASSERT_TRUE(csv.starts_with(header)) << csv;
     EXPECT_NE(csv.find(R"(,200,7,Page Open,D1,"Orders, ""new"")"
                        "\r\nline\","),
@@ -320,10 +285,52 @@ TEST_F(CollectorTest, ExportsWhatItsFiltersMatchAsJsonLinesAndCsv) {
     EXPECT_EQ(cli({"export", "--db", database_, "--format", "xml"}).first, 2);
 }
 
+// A page name is whatever a host sends; a spreadsheet that opens the CSV must show it as text
+// rather than run it. JSON Lines keeps it exact.
+TEST_F(CollectorTest, ExportsCsvCellsASpreadsheetWouldRunAsText) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"=1+1", "'=1+1"}, {"+1+1", "'+1+1"},
+        {"-2", "'-2"},     {"@SUM(1+1)*cmd|' /C calc'!A0", "'@SUM(1+1)*cmd|' /C calc'!A0"},
+        {"\t=1", "'\t=1"}, {"\r=1", "\"'\r=1\""},
+        {"1=1", "1=1"},
+    };
+    for (const auto& [pageName, cell] : cases) {
+        post("type=7&device_uuid=FORMULA&pageName=" + pageName);
+    }
+    const std::string csv = cli({"export", "--db", database_, "--format", "csv"}).second;
+    const std::string jsonl = cli({"export", "--db", database_, "--format", "jsonl"}).second;
+    std::istringstream lines(jsonl);
+    for (const auto& [pageName, cell] : cases) {
+        EXPECT_NE(csv.find(",FORMULA," + cell + ","), std::string::npos) << cell << "\n" << csv;
+        std::string line;
+        std::getline(lines, line);
+        EXPECT_EQ(Json::parse(line).at("summary"), pageName);
+    }
+    EXPECT_NE(cli({"export", "--help"}).second.find("gets a leading '"), std::string::npos);
+}
+
+// An event's values are any bytes a host sent: printed raw, ESC and BEL would retitle or clear
+// the reader's terminal.
+TEST_F(CollectorTest, ListsControlCharactersAsVisibleEscapes) {
+    post("type=7&pageName=\x1b]0;owned\x07\x1b[2J\\\xc2\x9b\xff&device_uuid=\x1b");
+    for (const bool raw : {false, true}) {
+        const std::string printed =
+            cli(raw ? std::vector<std::string>{"list", "--db", database_, "--raw"}
+                    : std::vector<std::string>{"list", "--db", database_})
+                .second;
+        EXPECT_EQ(printed.find_first_of("\x1b\x07\x9b\xff"), std::string::npos) << printed;
+        EXPECT_NE(
+            printed.find(raw ? R"(\e]0;owned\x07\e[2J\\\u009b\xff)" : R"(\e]0;owned\x07\e[2)"),
+            std::string::npos)
+            << printed;
+    }
+}
+
 // Each live page holds a server thread; the SDK's events must still be answered, and every
 // page must get them, with more pages open than the server keeps threads for requests.
 TEST_F(CollectorTest, ManyLivePagesGetEveryEventWhileEventsAreAnswered) {
-    constexpr int kPages = static_cast<int>(CollectorServer::kRequestThreads) + 8;
+    constexpr int kPages =
+        static_cast<int>(CollectorServer::kPageThreads + CollectorServer::kSdkThreads) + 8;
     std::atomic<int> reached{0};
     // Pages give up then, so that a server that starves them fails the test, not hangs it.
     const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(20);
@@ -411,8 +418,9 @@ TEST(LiveStreamsTest, GivesEachEventOnceAndCutsOffAPageThatFallsBehind) {
     std::filesystem::remove_all(directory);
 }
 
-// A page the developer visits on another site must not steer the collector or read its events.
-TEST_F(CollectorTest, RefusesRequestsFromOtherOrigins) {
+// A page the developer visits on another site must not steer the collector, read its events or
+// plant events, not even under a name of its own that it rebinds to 127.0.0.1.
+TEST_F(CollectorTest, RefusesRequestsFromOtherOriginsAndNames) {
     const std::string own = "127.0.0.1:" + std::to_string(port_);
     const std::string steer = R"({"analytics_enabled":false})";
     const std::tuple<httplib::Headers, const char*, int> cases[] = {
@@ -429,8 +437,16 @@ TEST_F(CollectorTest, RefusesRequestsFromOtherOrigins) {
     }
     EXPECT_EQ(payloadOf("type=2").at("analytics_enabled"), false);
     EXPECT_EQ(client_.Get("/api/events", {{"Sec-Fetch-Site", "cross-site"}})->status, 403);
-    // The SDK may reach the collector under any name.
-    post("", 200, {{"Host", "collector.lan"}});
+
+    const std::size_t stored = store_.events().size();
+    const std::string port = ":" + std::to_string(port_);
+    const std::pair<std::string, int> hosts[] = {
+        {"rebound.example" + port, 403}, {"localhost" + port, 200}, {"127.0.0.1" + port, 200}};
+    for (const auto& [host, status] : hosts) {
+        post("type=7&pageName=planted", status, {{"Host", host}});
+    }
+    EXPECT_EQ(client_.Get("/", {{"Host", "rebound.example" + port}})->status, 403);
+    EXPECT_EQ(store_.events().size(), stored + 2);
 }
 
 }  // namespace

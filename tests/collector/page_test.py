@@ -40,6 +40,7 @@ class PageTest(unittest.TestCase):
         cls.browser.quit()
         cls.collector.terminate()
         cls.collector.wait()
+        cls.collector.stdout.close()
         cls.work.cleanup()
 
     def open_live(self, query=""):
@@ -55,10 +56,11 @@ class PageTest(unittest.TestCase):
     def rows(self):
         return [row.text for row in self.browser.find_elements(By.CSS_SELECTOR, "#rows tr.event")]
 
-    def post(self, body):
+    def post(self, body, headers={}):
         """The status the event was answered with."""
         try:
-            return urllib.request.urlopen(self.url + "/api/v3/saveEvent", body.encode()).status
+            request = urllib.request.Request(self.url + "/api/v3/saveEvent", body.encode(), headers)
+            return urllib.request.urlopen(request).status
         except urllib.error.HTTPError as error:
             return error.code
 
@@ -148,6 +150,54 @@ class PageTest(unittest.TestCase):
         self.assertEqual(link, self.url + "/api/export?device=CHART&format=csv")
         lines = urllib.request.urlopen(link).read().decode().splitlines()
         self.assertEqual([line.split(",")[2] for line in lines], ["status", "503", "200"])
+
+    def test_repeats_of_an_idempotency_key_are_counted_live(self):
+        self.open_live()
+        before = int(self.text("repeats").split()[0])
+        key = {"Idempotency-Key": '"page-test-1"'}
+        for _ in range(3):
+            self.assertEqual(self.post("type=7&pageName=Once&device_uuid=REPEATS", key), 200)
+        self.until(lambda: self.text("repeats").startswith(f"{before + 2} repeat(s) absorbed"))
+
+    def test_beyond_loopback_the_page_asks_for_the_token_once_and_keeps_it_in_the_tab(self):
+        token = "team-token-0123456789"
+        token_file = os.path.join(self.work.name, "token")
+        with open(token_file, "w") as file:
+            file.write(token + "\n")
+        team = subprocess.Popen(
+            [COLLECTOR, "serve", "--host", "0.0.0.0", "--port", "0", "--token-file", token_file,
+             "--db", os.path.join(self.work.name, "team.sqlite")], stdout=subprocess.PIPE, text=True)
+        try:
+            url = "http://127.0.0.1:" + re.search(r":(\d+)", team.stdout.readline()).group(1)
+            steer = urllib.request.Request(url + "/control/steer", b'{"analytics_enabled": false}',
+                                           {"Content-Type": "application/json"})
+            with self.assertRaises(urllib.error.HTTPError) as refused:
+                urllib.request.urlopen(steer)
+            self.assertEqual(refused.exception.code, 401)
+
+            self.browser.get(url + "/")
+            self.until(lambda: self.text("live") == "live" and self.text("next"))
+            ask = self.browser.find_element(By.ID, "tokenAsk")
+            self.assertTrue(ask.is_displayed())
+            self.browser.find_element(By.ID, "token").send_keys("not-the-token-0123456789")
+            self.browser.find_element(By.ID, "analytics").click()
+            self.browser.find_element(By.CSS_SELECTOR, "#steer button").click()
+            self.until(lambda: "control requests need the collector's token" in self.text("controlError"))
+            self.assertTrue(ask.is_displayed())
+            self.browser.find_element(By.ID, "token").clear()
+            self.browser.find_element(By.ID, "token").send_keys(token)
+            self.browser.find_element(By.CSS_SELECTOR, "#steer button").click()
+            self.until(lambda: '"analytics_enabled":false' in self.text("next") and not ask.is_displayed())
+            # Loaded again in the same tab, the page steers without asking.
+            self.browser.get(url + "/")
+            self.until(lambda: self.text("live") == "live" and self.text("next"))
+            self.assertFalse(self.browser.find_element(By.ID, "tokenAsk").is_displayed())
+            self.browser.find_element(By.CSS_SELECTOR, "#refuse button").click()
+            self.until(lambda: self.text("pending").startswith("1 refusal(s) pending"))
+        finally:
+            team.terminate()
+            team.wait()
+            team.stdout.close()
 
     def test_steering_in_the_page_changes_the_next_app_open_answer(self):
         self.open_live()

@@ -7,6 +7,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
+#include <fstream>
 #include <iomanip>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -17,6 +18,7 @@
 #include "EventExport.h"
 #include "EventSummary.h"
 #include "events/EventCatalogue.h"
+#include "events/TextFormat.h"
 
 namespace NorvAnalytic::Collector {
 
@@ -52,6 +54,65 @@ struct SteerOptions {
     }
 };
 
+// The token of --token or of the file --token-file names (its first line).
+struct TokenOptions {
+    std::optional<std::string> token;
+    std::optional<std::string> file;
+
+    void addTo(CLI::App& command, const char* purpose) {
+        command.add_option("--token", token, purpose);
+        command.add_option("--token-file", file, "A file whose first line is the token")
+            ->check(CLI::ExistingFile);
+    }
+
+    std::optional<std::string> read() const {
+        if (token && file) {
+            throw std::invalid_argument("--token or --token-file, not both");
+        }
+        std::optional<std::string> read = token;
+        if (file) {
+            std::ifstream in(*file);
+            std::string line;
+            std::getline(in, line);
+            read = line.substr(0, line.find_last_not_of(" \t\r") + 1);
+        }
+        if (read) {
+            CollectorServer::checkToken(*read);
+        }
+        return read;
+    }
+};
+
+// Text for a terminal: a control character, a backslash or a byte that is not UTF-8 is
+// written as an escape (\e, \x07, \u009b, \\), so that an event cannot drive the terminal.
+std::string visible(std::string_view text) {
+    constexpr char kDigits[] = "0123456789abcdef";
+    std::string shown;
+    for (std::size_t offset = 0; offset < text.size();) {
+        const auto byte = static_cast<unsigned char>(text[offset]);
+        const std::size_t length = TextFormat::utf8SequenceLength(text.substr(offset));
+        const auto second = length == 2 ? static_cast<unsigned char>(text[offset + 1]) : 0;
+        if (length == 2 && byte == 0xC2 && second < 0xA0) {
+            // U+0080 to U+009F: controls that some terminals obey.
+            shown += {'\\', 'u', '0', '0', kDigits[second >> 4], kDigits[second & 15]};
+        } else if (length > 1) {
+            shown.append(text.substr(offset, length));
+        } else if (byte == '\\') {
+            shown += "\\\\";
+        } else if (byte == 0x1B) {
+            shown += "\\e";
+        } else if (byte == '\n' || byte == '\r' || byte == '\t') {
+            shown += {'\\', byte == '\n' ? 'n' : byte == '\r' ? 'r' : 't'};
+        } else if (length == 0 || byte < 0x20 || byte == 0x7F) {
+            shown += {'\\', 'x', kDigits[byte >> 4], kDigits[byte & 15]};
+        } else {
+            shown += static_cast<char>(byte);
+        }
+        offset += std::max<std::size_t>(length, 1);
+    }
+    return shown;
+}
+
 Json versionJson(const std::optional<VersionOffer>& offer) {
     if (!offer) {
         return nullptr;
@@ -59,15 +120,10 @@ Json versionJson(const std::optional<VersionOffer>& offer) {
     return Json{{"no", offer->no}, {"download_url", offer->downloadUrl}};
 }
 
-// Blocks SIGINT and SIGTERM in this thread and every thread it starts, then waits for one.
+// Serves until SIGINT or SIGTERM, which this thread takes with sigwait.
 int serve(const std::string& host, int port, const std::string& database,
-          const SteerOptions& options, int refuseStatus, int refuseCount, std::ostream& out) {
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
-
+          const SteerOptions& options, int refuseStatus, int refuseCount,
+          const std::optional<std::string>& token, std::ostream& out) {
     Steering steering;
     steering.analyticsEnabled = options.analytics.value_or("on") == "on";
     steering.forceVersion = options.version(options.force);
@@ -75,26 +131,40 @@ int serve(const std::string& host, int port, const std::string& database,
     steering.nullPayload = options.nullPayload;
 
     CollectorStore store(database);
-    CollectorServer server(store, steering);
+    CollectorServer server(store, steering, token);
     if (refuseCount > 0) {
         server.refuse(refuseStatus, refuseCount);
     }
     const int bound = server.start(host, port);
     out << "norv-collector listening on http://" << host << ":" << bound
-        << " (open it in a browser to watch events and steer)" << std::endl;
+        << (token ? " (control requests need the token;" : " (")
+        << " open it in a browser to watch events and steer)" << std::endl;
 
+    sigset_t stopSignals;
+    sigset_t previous;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, &previous);
     int received = 0;
     sigwait(&stopSignals, &received);
     server.stop();
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     return 0;
 }
 
 // Sends a control request to a running collector (a GET without a body) and prints its answer.
-int control(const std::string& url, const std::string& path, const std::optional<Json>& request,
-            std::ostream& out, std::ostream& err) {
+int control(const std::string& url, const std::optional<std::string>& token,
+            const std::string& path, const std::optional<Json>& request, std::ostream& out,
+            std::ostream& err) {
     httplib::Client client(url);
+    httplib::Headers headers;
+    if (token) {
+        headers.emplace("Authorization", "Bearer " + *token);
+    }
     const httplib::Result result =
-        request ? client.Post(path, request->dump(), "application/json") : client.Get(path);
+        request ? client.Post(path, headers, request->dump(), "application/json")
+                : client.Get(path, headers);
     if (!result) {
         err << "norv-collector: cannot reach " << url << ": " << httplib::to_string(result.error())
             << "\n";
@@ -102,7 +172,7 @@ int control(const std::string& url, const std::string& path, const std::optional
     }
     if (result->status != 200) {
         err << "norv-collector: " << url << path << " answered " << result->status << ": "
-            << result->body << "\n";
+            << visible(result->body) << "\n";
         return 1;
     }
     out << Json::parse(result->body).dump(2) << "\n";
@@ -110,11 +180,11 @@ int control(const std::string& url, const std::string& path, const std::optional
 }
 
 // Without options, shows the steering, the pending refusals and the next app-open answer.
-int steer(const std::string& url, const SteerOptions& options, std::ostream& out,
-          std::ostream& err) {
+int steer(const std::string& url, const std::optional<std::string>& token,
+          const SteerOptions& options, std::ostream& out, std::ostream& err) {
     if (!options.analytics && !options.force && !options.offer && !options.downloadUrl &&
         !options.nullPayload) {
-        return control(url, "/control/state", std::nullopt, out, err);
+        return control(url, token, "/control/state", std::nullopt, out, err);
     }
     if (options.downloadUrl && !options.force && !options.offer) {
         throw std::invalid_argument("--download-url belongs to --force or --offer");
@@ -130,7 +200,7 @@ int steer(const std::string& url, const SteerOptions& options, std::ostream& out
         request["offer_version"] = versionJson(options.version(options.offer));
     }
     request["null_payload"] = options.nullPayload;
-    return control(url, "/control/steer", request, out, err);
+    return control(url, token, "/control/steer", request, out, err);
 }
 
 // A type id ("2") or a type name in any letter case ("app open").
@@ -183,7 +253,16 @@ int list(const CollectorStore& store, EventFilter filter, bool raw, bool follow,
         CollectorCli::printHeader(out);
         CollectorCli::printRows(events, out);
         if (!follow) {
-            out << events.size() << (events.size() == 1 ? " event\n" : " events\n");
+            std::int64_t repeats = 0;
+            for (const StoredEvent& event : events) {
+                repeats += event.repeats;
+            }
+            out << events.size() << (events.size() == 1 ? " event" : " events");
+            if (repeats > 0) {
+                out << ", " << repeats << (repeats == 1 ? " repeat" : " repeats")
+                    << " absorbed (the same Idempotency-Key again)";
+            }
+            out << "\n";
         }
     }
     // Another process writes the file, so nothing here is told of new events: look four times
@@ -233,7 +312,9 @@ int CollectorCli::run(const std::vector<std::string>& arguments, std::ostream& o
     CLI::App app(
         "norv-collector: a development collection server for NorvAnalytic. It stores "
         "every event in an SQLite file (default " +
-            database + ") and serves a live page of them at its address.",
+            database +
+            "; $XDG_DATA_HOME/NorvAnalytic/collector.sqlite when that is set) and serves a live "
+            "page of them at its address.",
         "norv-collector");
     app.require_subcommand(1);
 
@@ -253,11 +334,15 @@ int CollectorCli::run(const std::vector<std::string>& arguments, std::ostream& o
     serveCommand.add_option("--refuse-status", refuseStatus, "Status of the refusals")
         ->capture_default_str();
     serveCommand.add_option("--refuse-count", refuseCount, "Refuse this many events first");
+    TokenOptions token;
+    token.addTo(serveCommand,
+                "Control requests must carry it (Authorization: Bearer); needed beyond loopback");
 
     std::string url = kDefaultUrl;
     CLI::App& steerCommand = *app.add_subcommand(
         "steer", "Change what app-open events are answered; without options, show it");
     steerCommand.add_option("--url", url, "The running collector")->capture_default_str();
+    token.addTo(steerCommand, "The collector's token, if it has one");
     SteerOptions steering;
     steering.addTo(steerCommand);
 
@@ -267,13 +352,18 @@ int CollectorCli::run(const std::vector<std::string>& arguments, std::ostream& o
     int count = 1;
     std::optional<std::string> body;
     refuseCommand.add_option("--url", url, "The running collector")->capture_default_str();
+    token.addTo(refuseCommand, "The collector's token, if it has one");
     refuseCommand.add_option("--status", status, "Status to answer with")->capture_default_str();
     refuseCommand.add_option("--count", count, "How many events")->capture_default_str();
     refuseCommand.add_option("--body", body, "Answer body (default: a JSON refusal)");
 
     CLI::App& listCommand = *app.add_subcommand("list", "Print the stored events");
     CLI::App& exportCommand = *app.add_subcommand(
-        "export", "Write the stored events as JSON Lines or CSV to standard output");
+        "export",
+        "Write the stored events as JSON Lines or CSV to standard output. JSON Lines keeps every "
+        "value exactly; in CSV a value that begins with =, +, -, @, a tab or a carriage return "
+        "gets a leading ' so that a spreadsheet shows it as text instead of running it as a "
+        "formula");
     bool raw = false;
     bool follow = false;
     std::string format;
@@ -281,7 +371,9 @@ int CollectorCli::run(const std::vector<std::string>& arguments, std::ostream& o
     std::optional<std::string> device;
     std::optional<std::string> since;
     std::optional<std::string> text;
-    listCommand.add_flag("--raw", raw, "Print each body exactly as it arrived");
+    listCommand.add_flag("--raw", raw,
+                         "Print each body as it arrived, control characters and backslashes "
+                         "written as escapes (\\e, \\x07, \\\\)");
     listCommand.add_flag("--follow,-f", follow, "Keep printing events as they arrive");
     exportCommand.add_option("--format", format, "jsonl or csv")
         ->required()
@@ -303,17 +395,18 @@ int CollectorCli::run(const std::vector<std::string>& arguments, std::ostream& o
         std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());
         app.parse(reversed);
         if (serveCommand) {
-            return serve(host, port, db, serveSteering, refuseStatus, refuseCount, out);
+            return serve(host, port, db, serveSteering, refuseStatus, refuseCount, token.read(),
+                         out);
         }
         if (steerCommand) {
-            return steer(url, steering, out, err);
+            return steer(url, token.read(), steering, out, err);
         }
         if (refuseCommand) {
             Json request{{"status", status}, {"count", count}};
             if (body) {
                 request["body"] = *body;
             }
-            return control(url, "/control/refuse", request, out, err);
+            return control(url, token.read(), "/control/refuse", request, out, err);
         }
         EventFilter filter;
         filter.typeId = type ? std::optional(typeIdOf(*type)) : std::nullopt;
@@ -346,18 +439,23 @@ void CollectorCli::printRows(const std::vector<StoredEvent>& events, std::ostrea
         const std::string name = EventCatalogue::typeName(type);
         out << std::left << std::setw(6) << event.id << std::setw(25) << event.receivedAt
             << std::setw(7) << event.status << std::setw(22)
-            << cut(type.value_or("-") + (name.empty() ? "" : " " + name), 21) << std::setw(12)
-            << cut(event.value("value").value_or("-"), 11) << std::setw(10)
-            << cut(event.value("device_uuid").value_or("-"), 8) << std::setw(34)
-            << cut(EventSummary::of(event), 33) << event.body.size() << "\n";
+            << cut(visible(type.value_or("-") + (name.empty() ? "" : " " + name)), 21)
+            << std::setw(12) << cut(visible(event.value("value").value_or("-")), 11)
+            << std::setw(10) << cut(visible(event.value("device_uuid").value_or("-")), 8)
+            << std::setw(34) << cut(visible(EventSummary::of(event)), 33) << event.body.size()
+            << "\n";
     }
 }
 
 void CollectorCli::printRaw(const std::vector<StoredEvent>& events, std::ostream& out) {
     for (const StoredEvent& event : events) {
         out << "#" << event.id << " " << event.receivedAt << " status " << event.status << " "
-            << event.body.size() << " bytes\n"
-            << event.body << "\n";
+            << event.body.size() << " bytes";
+        if (event.idempotencyKey) {
+            out << " key \"" << visible(*event.idempotencyKey) << "\" repeated " << event.repeats
+                << (event.repeats == 1 ? " time" : " times");
+        }
+        out << "\n" << visible(event.body) << "\n";
     }
 }
 

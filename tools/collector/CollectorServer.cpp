@@ -15,8 +15,7 @@
 #include "CollectorPage.h"
 #include "EventExport.h"
 #include "EventSummary.h"
-#include "ServerThreads.h"
-#include "platform/SdkThread.h"
+#include "IdempotencyKey.h"
 #include "events/EventCatalogue.h"
 
 namespace NorvAnalytic::Collector {
@@ -30,15 +29,6 @@ Json versionJson(const std::optional<VersionOffer>& offer) {
         return nullptr;
     }
     return Json{{"no", offer->no}, {"download_url", offer->downloadUrl}};
-}
-
-// A version entry from a control request: an object with "no" and "download_url", or null.
-std::optional<VersionOffer> versionFromJson(const Json& json) {
-    if (json.is_null()) {
-        return std::nullopt;
-    }
-    return VersionOffer{json.at("no").get<std::string>(),
-                        json.value("download_url", std::string())};
 }
 
 // The steering block of an app-open answer, exactly as the SDK reads it.
@@ -91,7 +81,7 @@ std::pair<int, std::string> answerFor(const Steering& steering, const Refusal& r
     return {200, Json{{"message", "Event saved"}, {"code", 200}, {"payload", payload}}.dump()};
 }
 
-// Bodies are bytes from anywhere: what is not UTF-8 is shown replaced, never refused.
+// Bodies and headers are bytes from anywhere: what is not UTF-8 is shown replaced.
 std::string dumpJson(const Json& json) {
     return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
@@ -102,17 +92,20 @@ Json eventJson(const StoredEvent& event) {
         pairs.push_back(Json::array({pair.key, pair.value ? Json(*pair.value) : Json(nullptr)}));
     }
     const std::optional<std::string> type = event.value("type");
-    return Json{{"id", event.id},
-                {"received_at", event.receivedAt},
-                {"status", event.status},
-                {"type", type ? Json(*type) : Json(nullptr)},
-                {"type_name", EventCatalogue::typeName(type)},
-                {"value", event.value("value").value_or("")},
-                {"device", event.value("device_uuid").value_or("")},
-                {"summary", EventSummary::of(event)},
-                {"answer", event.answer},
-                {"bytes", event.body.size()},
-                {"pairs", std::move(pairs)}};
+    return Json{
+        {"id", event.id},
+        {"received_at", event.receivedAt},
+        {"status", event.status},
+        {"type", type ? Json(*type) : Json(nullptr)},
+        {"type_name", EventCatalogue::typeName(type)},
+        {"value", event.value("value").value_or("")},
+        {"device", event.value("device_uuid").value_or("")},
+        {"summary", EventSummary::of(event)},
+        {"answer", event.answer},
+        {"idempotency_key", event.idempotencyKey ? Json(*event.idempotencyKey) : Json(nullptr)},
+        {"repeats", event.repeats},
+        {"bytes", event.body.size()},
+        {"pairs", std::move(pairs)}};
 }
 
 std::int64_t numberParameter(const httplib::Request& request, const char* name,
@@ -170,66 +163,95 @@ bool isOwnHost(const std::string& hostHeader, const std::string& listenHost) {
 
 void answerJson(httplib::Response& response, int status, const Json& json) {
     response.status = status;
-    response.set_content(json.dump(), "application/json");
+    response.set_content(dumpJson(json), "application/json");
 }
 
 void answerBadRequest(httplib::Response& response, const std::string& reason) {
     answerJson(response, 400, Json{{"error", reason}});
 }
 
+// Whether an Authorization field carries the token; compares without returning early, so
+// that the time taken tells nothing of the token.
+bool carriesToken(const std::string& authorization, const std::string& token) {
+    constexpr std::string_view kScheme = "bearer ";
+    const bool bearer =
+        authorization.size() > kScheme.size() &&
+        std::equal(kScheme.begin(), kScheme.end(), authorization.begin(),
+                   [](char scheme, char given) { return scheme == (given | 0x20); });
+    const std::string_view given =
+        bearer ? std::string_view(authorization).substr(kScheme.size()) : std::string_view();
+    unsigned char difference = bearer && given.size() == token.size() ? 0 : 1;
+    for (std::size_t index = 0; index < given.size(); ++index) {
+        difference |= static_cast<unsigned char>(given[index] ^ token[index % token.size()]);
+    }
+    return difference == 0;
+}
+
+constexpr const char* kSaveEvent = "/api/v3/saveEvent";
+
+BoundedServer::Limits limits() {
+    BoundedServer::Limits limits;
+    limits.reservedThreads = CollectorServer::kSdkThreads;
+    // Every live page holds a thread while it watches, beside the page's other requests.
+    limits.otherThreads = CollectorServer::kPageThreads + LiveStreams::kMaxPages;
+    return limits;
+}
+
 }  // namespace
 
-CollectorServer::CollectorServer(CollectorStore& store, Steering steering)
+CollectorServer::CollectorServer(CollectorStore& store, Steering steering,
+                                 std::optional<std::string> token)
     : store_(store),
-      server_(std::make_unique<httplib::Server>()),
+      token_(std::move(token)),
+      server_(limits(),
+              [](const httplib::Request& request) {
+                  return request.method == "POST" && request.path == kSaveEvent;
+              }),
       steering_(std::move(steering)),
       streams_(
           store, [](const StoredEvent& event) { return dumpJson(eventJson(event)); },
           [this] { return stateJson(); }) {
-    // Every live page holds a thread while it watches; the SDK's requests keep threads of
-    // their own beside the most pages there may be.
-    server_->new_task_queue = [] {
-        return new ServerThreads(kRequestThreads + LiveStreams::kMaxPages, 256);
-    };
-    // Without it every answer waits for the client's delayed acknowledgement.
-    server_->set_tcp_nodelay(true);
-    // httplib's default also sets SO_REUSEPORT, which would let a second collector share the
-    // port silently; a restart only needs SO_REUSEADDR.
-    server_->set_socket_options([this](int socket) {
-        const int on = 1;
-        setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-        listenSocket_ = socket;
-    });
+    if (token_) {
+        checkToken(*token_);
+    }
     route();
 }
 
 CollectorServer::~CollectorServer() { stop(); }
 
+bool CollectorServer::isLoopback(const std::string& host) {
+    in_addr v4{};
+    in6_addr v6{};
+    return host == "localhost" ||
+           (inet_pton(AF_INET, host.c_str(), &v4) == 1 && (ntohl(v4.s_addr) >> 24) == 127) ||
+           (inet_pton(AF_INET6, host.c_str(), &v6) == 1 && IN6_IS_ADDR_LOOPBACK(&v6));
+}
+
+void CollectorServer::checkToken(const std::string& token) {
+    if (token.size() < kMinTokenLength) {
+        throw std::invalid_argument("a token has at least 16 characters");
+    }
+    if (std::any_of(token.begin(), token.end(), [](char c) { return c <= ' ' || c > '~'; })) {
+        throw std::invalid_argument("a token is visible ASCII characters without spaces");
+    }
+}
+
 int CollectorServer::start(const std::string& host, int port) {
-    const int bound = port == 0 ? server_->bind_to_any_port(host)
-                                : (server_->bind_to_port(host, port) ? port : -1);
-    if (bound <= 0) {
-        throw std::runtime_error("cannot listen on " + host + ":" + std::to_string(port));
+    if (!isLoopback(host) && !token_) {
+        throw std::invalid_argument("listening on " + host +
+                                    " needs a token (--token or --token-file): anyone who "
+                                    "reaches it could steer every client's update alert");
     }
-    // httplib listens with a backlog of 5, which drops connections when many pages open at
-    // once; listening again on the bound socket raises it.
-    ::listen(listenSocket_, 256);
+    loopbackOnly_ = isLoopback(host);
     listenHost_ = host;
+    const int bound = server_.start(host, port);
     streams_.start();
-    thread_ = startSdkThread("norv-listen", [this] { server_->listen_after_bind(); });
-    // stop() only reaches a server that is already running.
-    while (!server_->is_running()) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
     return bound;
 }
 
 void CollectorServer::stop() {
-    if (thread_.joinable()) {
-        streams_.close();
-        server_->stop();
-        thread_.join();
-    }
+    streams_.close();
+    server_.stop();
 }
 
 Steering CollectorServer::steering() const {
@@ -251,6 +273,7 @@ Refusal CollectorServer::refusal() const {
 }
 
 void CollectorServer::refuse(int status, int count, std::optional<std::string> body) {
+    ControlRequests::check(Refusal{status, count, std::nullopt});
     {
         std::lock_guard lock(mutex_);
         refusal_ = Refusal{status, count, std::move(body)};
@@ -259,119 +282,76 @@ void CollectorServer::refuse(int status, int count, std::optional<std::string> b
 }
 
 void CollectorServer::route() {
-    // The body is read through a content reader: when httplib parses a form body itself it
-    // refuses anything over 8 KiB, and an event may be far larger.
-    server_->Post("/api/v3/saveEvent", [this](const httplib::Request&, httplib::Response& response,
-                                              const httplib::ContentReader& reader) {
-        std::string body;
-        reader([&body](const char* data, std::size_t length) {
-            body.append(data, length);
-            return true;
-        });
-        const auto receivedAt = std::chrono::system_clock::now();
-        int status = 0;
-        std::string answer;
-        {
-            std::lock_guard lock(mutex_);
-            std::tie(status, answer) = answerFor(steering_, refusal_, isAppOpen(body));
-            refusal_.remaining = std::max(0, refusal_.remaining - 1);
-        }
-        store_.save(body, receivedAt, status, answer);
-        streams_.publish();
-        response.status = status;
-        response.set_content(answer, "application/json");
+    httplib::Server& http = server_.http();
+    // Bodies are read through a content reader, which holds them to the body limit.
+    http.Post(kSaveEvent, [this](const httplib::Request& request, httplib::Response& response,
+                                 const httplib::ContentReader& reader) {
+        saveEvent(request, response, reader);
     });
 
-    server_->Post(
-        "/control/steer", [this](const httplib::Request& request, httplib::Response& response) {
-            try {
-                const Json change = Json::parse(request.body);
-                std::lock_guard lock(mutex_);
-                Steering steering = steering_;
-                if (change.contains("analytics_enabled")) {
-                    steering.analyticsEnabled = change.at("analytics_enabled").get<bool>();
-                }
-                if (change.contains("force_version")) {
-                    steering.forceVersion = versionFromJson(change.at("force_version"));
-                }
-                if (change.contains("offer_version")) {
-                    steering.offerVersion = versionFromJson(change.at("offer_version"));
-                }
-                if (change.contains("null_payload")) {
-                    steering.nullPayload = change.at("null_payload").get<bool>();
-                }
-                steering_ = steering;
-                answerJson(response, 200, steeringJson(steering_));
-                streams_.publish();
-            } catch (const Json::exception& error) {
-                answerBadRequest(response, error.what());
-            }
-        });
+    routeControl("/control/steer", [this](const std::string& body) {
+        Json steering;
+        {
+            std::lock_guard lock(mutex_);
+            steering_ = ControlRequests::steered(steering_, body);
+            steering = steeringJson(steering_);
+        }
+        streams_.publish();
+        return steering.dump();
+    });
+    routeControl("/control/refuse", [this](const std::string& body) {
+        Refusal refusal = ControlRequests::refusal(body);
+        refuse(refusal.status, refusal.remaining, std::move(refusal.body));
+        return refusalJson(this->refusal()).dump();
+    });
 
-    server_->Post(
-        "/control/refuse", [this](const httplib::Request& request, httplib::Response& response) {
-            try {
-                const Json change = Json::parse(request.body);
-                std::optional<std::string> body;
-                if (change.contains("body") && !change.at("body").is_null()) {
-                    body = change.at("body").get<std::string>();
-                }
-                refuse(change.value("status", 500), change.value("count", 1), std::move(body));
-                answerJson(response, 200, refusalJson(refusal()));
-            } catch (const Json::exception& error) {
-                answerBadRequest(response, error.what());
-            }
-        });
-
-    server_->Get("/control/state", [this](const httplib::Request&, httplib::Response& response) {
+    http.Get("/control/state", [this](const httplib::Request&, httplib::Response& response) {
         response.set_content(stateJson(), "application/json");
     });
 
-    server_->Get("/api/events",
-                 [this](const httplib::Request& request, httplib::Response& response) {
-                     EventFilter filter = filterFrom(request);
-                     filter.newestFirst = true;
-                     Json events = Json::array();
-                     for (const StoredEvent& event : store_.events(filter)) {
-                         events.push_back(eventJson(event));
-                     }
-                     response.set_content(dumpJson(events), "application/json");
-                 });
+    http.Get("/api/events", [this](const httplib::Request& request, httplib::Response& response) {
+        EventFilter filter = filterFrom(request);
+        filter.newestFirst = true;
+        Json events = Json::array();
+        for (const StoredEvent& event : store_.events(filter)) {
+            events.push_back(eventJson(event));
+        }
+        response.set_content(dumpJson(events), "application/json");
+    });
 
-    server_->Get(
-        "/api/counts", [this](const httplib::Request& request, httplib::Response& response) {
-            const EventCounts counts = store_.counts(filterFrom(request));
-            // Every type the SDK sends, then any other type that arrived.
-            Json types = Json::array();
-            const auto add = [&types](const std::string& type, std::int64_t count) {
-                for (Json& known : types) {
-                    if (known["type"] == type) {
-                        known["count"] = count;
-                        return;
-                    }
+    http.Get("/api/counts", [this](const httplib::Request& request, httplib::Response& response) {
+        const EventCounts counts = store_.counts(filterFrom(request));
+        // Every type the SDK sends, then any other type that arrived.
+        Json types = Json::array();
+        const auto add = [&types](const std::string& type, std::int64_t count) {
+            for (Json& known : types) {
+                if (known["type"] == type) {
+                    known["count"] = count;
+                    return;
                 }
-                types.push_back(Json{
-                    {"type", type}, {"name", EventCatalogue::typeName(type)}, {"count", count}});
-            };
-            for (std::int32_t index = 0; const Text type = EventCatalogue::typeId(index); ++index) {
-                add(*type, 0);
             }
-            for (const auto& [type, count] : counts.byType) {
-                add(type, count);
-            }
-            Json statuses = Json::array();
-            for (const auto& [status, count] : counts.byStatus) {
-                statuses.push_back(Json{{"status", status}, {"count", count}});
-            }
-            response.set_content(dumpJson(Json{{"total", counts.total},
-                                               {"last_id", counts.lastId},
-                                               {"types", types},
-                                               {"statuses", statuses}}),
-                                 "application/json");
-        });
+            types.push_back(
+                Json{{"type", type}, {"name", EventCatalogue::typeName(type)}, {"count", count}});
+        };
+        for (std::int32_t index = 0; const Text type = EventCatalogue::typeId(index); ++index) {
+            add(*type, 0);
+        }
+        for (const auto& [type, count] : counts.byType) {
+            add(type, count);
+        }
+        Json statuses = Json::array();
+        for (const auto& [status, count] : counts.byStatus) {
+            statuses.push_back(Json{{"status", status}, {"count", count}});
+        }
+        response.set_content(dumpJson(Json{{"total", counts.total},
+                                           {"last_id", counts.lastId},
+                                           {"types", types},
+                                           {"statuses", statuses}}),
+                             "application/json");
+    });
 
     // Events per second over spans up to 15 minutes, per minute over longer ones.
-    server_->Get("/api/rate", [this](const httplib::Request& request, httplib::Response& response) {
+    http.Get("/api/rate", [this](const httplib::Request& request, httplib::Response& response) {
         constexpr std::int64_t kLongestSpan = 24 * 3600;
         const std::int64_t span =
             std::clamp<std::int64_t>(numberParameter(request, "span", 300), 10, kLongestSpan);
@@ -393,8 +373,7 @@ void CollectorServer::route() {
     });
 
     // The filtered events as a file, read from the store a batch at a time.
-    server_->Get("/api/export", [this](const httplib::Request& request,
-                                       httplib::Response& response) {
+    http.Get("/api/export", [this](const httplib::Request& request, httplib::Response& response) {
         const std::string format = request.get_param_value("format");
         if (!EventExport::knows(format)) {
             answerBadRequest(response, "format is jsonl or csv");
@@ -433,12 +412,13 @@ void CollectorServer::route() {
             });
     });
 
-    server_->Get("/api/stream", [this](const httplib::Request& request,
-                                       httplib::Response& response) { stream(request, response); });
+    http.Get("/api/stream", [this](const httplib::Request& request, httplib::Response& response) {
+        stream(request, response);
+    });
 
     for (const CollectorPage::Asset& asset : CollectorPage::assets()) {
-        server_->Get(std::string(asset.path), [&asset](const httplib::Request&,
-                                                       httplib::Response& response) {
+        http.Get(std::string(asset.path), [&asset](const httplib::Request&,
+                                                   httplib::Response& response) {
             // Nothing but our own files may run or load; no other site may frame the page.
             response.set_header("Content-Security-Policy",
                                 "default-src 'self'; frame-ancestors 'none'");
@@ -447,32 +427,147 @@ void CollectorServer::route() {
         });
     }
 
-    server_->set_pre_routing_handler(
+    server_.setPreRoutingHandler(
         [this](const httplib::Request& request, httplib::Response& response) {
-            const bool fromSdk = request.path == "/api/v3/saveEvent";
-            if (isCrossOrigin(request) ||
-                (!fromSdk && !isOwnHost(request.get_header_value("Host"), listenHost_))) {
-                answerJson(response, 403, Json{{"error", "cross-origin request refused"}});
-                return httplib::Server::HandlerResponse::Handled;
-            }
-            // A form on another site can post only form or plain-text bodies without asking first.
-            if (request.path.starts_with("/control/") && request.method == "POST" &&
-                !request.get_header_value("Content-Type").starts_with("application/json")) {
-                answerJson(response, 415, Json{{"error", "control requests are JSON"}});
-                return httplib::Server::HandlerResponse::Handled;
-            }
-            return httplib::Server::HandlerResponse::Unhandled;
+            return guard(request, response);
         });
 }
 
+httplib::Server::HandlerResponse CollectorServer::guard(const httplib::Request& request,
+                                                        httplib::Response& response) const {
+    // On loopback every endpoint checks the name it was reached by, the SDK's too: a page
+    // that rebinds its own name to 127.0.0.1 could otherwise plant events.
+    if (loopbackOnly_ && !isOwnHost(request.get_header_value("Host"), listenHost_)) {
+        answerJson(response, 403,
+                   Json{{"error", "Host \"" + request.get_header_value("Host") +
+                                      "\" is not a name of this collector"}});
+        return httplib::Server::HandlerResponse::Handled;
+    }
+    if (isCrossOrigin(request)) {
+        answerJson(response, 403, Json{{"error", "cross-origin request refused"}});
+        return httplib::Server::HandlerResponse::Handled;
+    }
+    if (request.path.starts_with("/control/") && request.method == "POST") {
+        if (token_ && !carriesToken(request.get_header_value("Authorization"), *token_)) {
+            response.set_header("WWW-Authenticate", "Bearer realm=\"norv-collector\"");
+            answerJson(response, 401,
+                       Json{{"error", "control requests need the collector's token"}});
+            return httplib::Server::HandlerResponse::Handled;
+        }
+        // A form on another site can post only form or plain-text bodies without asking first.
+        if (!request.get_header_value("Content-Type").starts_with("application/json")) {
+            answerJson(response, 415, Json{{"error", "control requests are JSON"}});
+            return httplib::Server::HandlerResponse::Handled;
+        }
+    }
+    return httplib::Server::HandlerResponse::Unhandled;
+}
+
+void CollectorServer::routeControl(const char* path,
+                                   std::function<std::string(const std::string& body)> apply) {
+    server_.http().Post(
+        path, [this, apply = std::move(apply)](const httplib::Request&, httplib::Response& response,
+                                               const httplib::ContentReader& reader) {
+            const std::optional<std::string> body = bodyOf(reader, response);
+            if (!body) {
+                return;
+            }
+            try {
+                response.set_content(apply(*body), "application/json");
+            } catch (const std::invalid_argument& error) {
+                answerBadRequest(response, error.what());
+            }
+        });
+}
+
+std::optional<std::string> CollectorServer::bodyOf(const httplib::ContentReader& reader,
+                                                   httplib::Response& response) {
+    std::string body;
+    switch (server_.readBody(reader, body)) {
+        case BoundedServer::BodyRead::Complete:
+            return body;
+        case BoundedServer::BodyRead::TooLarge:
+            answerJson(response, 413, Json{{"error", server_.tooLargeReason()}});
+            return std::nullopt;
+        case BoundedServer::BodyRead::Broken:
+            break;
+    }
+    answerBadRequest(response, "the body could not be read");
+    return std::nullopt;
+}
+
+void CollectorServer::saveEvent(const httplib::Request& request, httplib::Response& response,
+                                const httplib::ContentReader& reader) {
+    const std::optional<std::string> body = bodyOf(reader, response);
+    if (!body) {
+        return;
+    }
+    if (static_cast<std::size_t>(std::count(body->begin(), body->end(), '&')) >= kMaxPairs) {
+        answerJson(
+            response, 413,
+            Json{{"error", "an event holds at most " + std::to_string(kMaxPairs) + " pairs"}});
+        return;
+    }
+    std::optional<std::string> key;
+    try {
+        if (request.get_header_value_count("Idempotency-Key") > 1) {
+            throw std::invalid_argument("an event has one Idempotency-Key");
+        }
+        if (request.has_header("Idempotency-Key")) {
+            key = IdempotencyKey::parse(request.get_header_value("Idempotency-Key"));
+        }
+    } catch (const std::invalid_argument& error) {
+        answerBadRequest(response, error.what());
+        return;
+    }
+    const auto [status, answerBody] = answer(*body, key);
+    streams_.publish();
+    response.status = status;
+    response.set_content(answerBody, "application/json");
+}
+
+std::pair<int, std::string> CollectorServer::answer(const std::string& body,
+                                                    const std::optional<std::string>& key) {
+    const auto receivedAt = std::chrono::system_clock::now();
+    std::lock_guard saving(saving_);
+    if (key) {
+        if (const std::optional<StoredEvent> first = store_.eventWithKey(*key)) {
+            if (first->body != body) {
+                return {422, dumpJson(Json{{"error", "Idempotency-Key \"" + *key +
+                                                         "\" came first with another body"}})};
+            }
+            // Answered as the first was, whatever the steering now says; no refusal is used.
+            store_.countRepeat(first->id);
+            return {first->status, first->answer};
+        }
+    }
+    int status = 0;
+    std::string answer;
+    {
+        std::lock_guard lock(mutex_);
+        std::tie(status, answer) = answerFor(steering_, refusal_, isAppOpen(body));
+        refusal_.remaining = std::max(0, refusal_.remaining - 1);
+    }
+    store_.save(body, receivedAt, status, answer, key);
+    return {status, answer};
+}
+
 std::string CollectorServer::stateJson() const {
+    const std::int64_t repeats = store_.repeatsAbsorbed();
+    const BoundedServer::Counters turnedAway = server_.counters();
     std::lock_guard lock(mutex_);
     const auto [status, body] = answerFor(steering_, refusal_, true);
     return dumpJson(Json{{"steering", steeringJson(steering_)},
                          {"refusal", refusalJson(refusal_)},
                          {"next_app_open", Json{{"status", status}, {"body", body}}},
+                         {"token_required", token_.has_value()},
+                         {"repeats_absorbed", repeats},
                          {"live_pages", streams_.pagesOpen()},
-                         {"live_pages_cut", streams_.pagesCut()}});
+                         {"live_pages_cut", streams_.pagesCut()},
+                         {"turned_away", Json{{"timed_out", turnedAway.timedOut},
+                                              {"evicted", turnedAway.evicted},
+                                              {"busy", turnedAway.busy},
+                                              {"too_large", turnedAway.tooLarge}}}});
 }
 
 // Server-Sent Events: the state at once and on every change, and each new event that matches

@@ -3,17 +3,35 @@
 #include <sqlite3.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <ctime>
-#include <filesystem>
 #include <memory>
 #include <stdexcept>
+
+#include "storage/DataDirectory.h"
+#include "storage/SqliteFile.h"
 
 namespace NorvAnalytic::Collector {
 
 namespace {
 
 using Statement = std::unique_ptr<sqlite3_stmt, decltype(&sqlite3_finalize)>;
+
+const SqliteFile::Layout kLayout{
+    {"CREATE TABLE IF NOT EXISTS events ("
+     "id INTEGER PRIMARY KEY AUTOINCREMENT, received_at TEXT NOT NULL, "
+     "status INTEGER NOT NULL, body BLOB NOT NULL)",
+     "CREATE TABLE IF NOT EXISTS pairs ("
+     "event_id INTEGER NOT NULL REFERENCES events(id), position INTEGER NOT NULL, "
+     "key TEXT NOT NULL, value TEXT, PRIMARY KEY (event_id, position))",
+     // The page filters and counts by type and device, and counts by status, over many events.
+     "CREATE INDEX IF NOT EXISTS pairs_by_key ON pairs (key, value, event_id)",
+     "CREATE INDEX IF NOT EXISTS events_by_status ON events (status)"},
+    {{"events", {"id", "received_at", "status", "body"}},
+     {"pairs", {"event_id", "position", "key", "value"}}}};
+
+// The columns eventAt() reads, in its order.
+constexpr const char* kEventColumns =
+    "SELECT id, received_at, status, body, answer, idempotency_key, repeats";
 
 Statement prepare(sqlite3* database, const char* sql) {
     sqlite3_stmt* statement = nullptr;
@@ -33,6 +51,23 @@ std::string columnText(sqlite3_stmt* statement, int column) {
     return text ? std::string(text,
                               static_cast<std::size_t>(sqlite3_column_bytes(statement, column)))
                 : std::string();
+}
+
+// One row of kEventColumns, without its pairs.
+StoredEvent eventAt(sqlite3_stmt* statement) {
+    StoredEvent event;
+    event.id = sqlite3_column_int64(statement, 0);
+    event.receivedAt = columnText(statement, 1);
+    event.status = sqlite3_column_int(statement, 2);
+    const auto* bytes = static_cast<const char*>(sqlite3_column_blob(statement, 3));
+    event.body.assign(bytes ? bytes : "",
+                      static_cast<std::size_t>(sqlite3_column_bytes(statement, 3)));
+    event.answer = columnText(statement, 4);
+    if (sqlite3_column_type(statement, 5) != SQLITE_NULL) {
+        event.idempotencyKey = columnText(statement, 5);
+    }
+    event.repeats = sqlite3_column_int64(statement, 6);
+    return event;
 }
 
 }  // namespace
@@ -72,39 +107,31 @@ bool EventFilter::matches(const StoredEvent& event) const {
 }
 
 CollectorStore::CollectorStore(const std::string& path) {
-    const std::filesystem::path parent = std::filesystem::path(path).parent_path();
-    if (!parent.empty()) {
-        std::filesystem::create_directories(parent);
+    std::string failure;
+    file_ = SqliteFile::open(path, kLayout, {.description = "The collector's file"}, &failure);
+    if (!file_) {
+        throw std::runtime_error("cannot open " + path + ": " + failure);
     }
-    if (sqlite3_open_v2(path.c_str(), &database_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
-                        nullptr) != SQLITE_OK) {
-        const std::string reason = sqlite3_errmsg(database_);
-        sqlite3_close(database_);
-        throw std::runtime_error("cannot open " + path + ": " + reason);
-    }
-    sqlite3_busy_timeout(database_, 5000);
-    execute("PRAGMA journal_mode=WAL");
-    execute("PRAGMA synchronous=NORMAL");
-    execute(
-        "CREATE TABLE IF NOT EXISTS events ("
-        "id INTEGER PRIMARY KEY AUTOINCREMENT, received_at TEXT NOT NULL, "
-        "status INTEGER NOT NULL, body BLOB NOT NULL)");
-    execute(
-        "CREATE TABLE IF NOT EXISTS pairs ("
-        "event_id INTEGER NOT NULL REFERENCES events(id), position INTEGER NOT NULL, "
-        "key TEXT NOT NULL, value TEXT, PRIMARY KEY (event_id, position))");
-    // The page filters and counts by type and device, and counts by status, over many events.
-    execute("CREATE INDEX IF NOT EXISTS pairs_by_key ON pairs (key, value, event_id)");
-    execute("CREATE INDEX IF NOT EXISTS events_by_status ON events (status)");
-    // Files written before answers were kept gain the column; their events show no answer.
-    Statement columns =
-        prepare(database_, "SELECT 1 FROM pragma_table_info('events') WHERE name = 'answer'");
-    if (sqlite3_step(columns.get()) != SQLITE_ROW) {
-        execute("ALTER TABLE events ADD COLUMN answer TEXT NOT NULL DEFAULT ''");
+    addColumn("answer", "TEXT NOT NULL DEFAULT ''");
+    addColumn("idempotency_key", "TEXT");
+    addColumn("repeats", "INTEGER NOT NULL DEFAULT 0");
+    // One event per key; events without a key (NULL) are all distinct.
+    execute("CREATE UNIQUE INDEX IF NOT EXISTS events_by_key ON events (idempotency_key)");
+    SqliteFile::Statement repeats =
+        file_->statement("SELECT COALESCE(SUM(repeats), 0) FROM events");
+    repeats.step();
+    repeatsAbsorbed_ = repeats.number(0);
+}
+
+void CollectorStore::addColumn(const char* name, const char* definition) {
+    SqliteFile::Statement columns =
+        file_->statement("SELECT 1 FROM pragma_table_info('events') WHERE name = ?");
+    if (!columns.bind(1, name).step()) {
+        execute(("ALTER TABLE events ADD COLUMN " + std::string(name) + " " + definition).c_str());
     }
 }
 
-CollectorStore::~CollectorStore() { sqlite3_close(database_); }
+CollectorStore::~CollectorStore() = default;
 
 std::vector<FormPair> CollectorStore::parsePairs(const std::string& body) {
     std::vector<FormPair> pairs;
@@ -130,38 +157,33 @@ std::vector<FormPair> CollectorStore::parsePairs(const std::string& body) {
 
 std::int64_t CollectorStore::save(const std::string& body,
                                   std::chrono::system_clock::time_point receivedAt, int status,
-                                  const std::string& answer) {
+                                  const std::string& answer,
+                                  const std::optional<std::string>& idempotencyKey) {
     const std::vector<FormPair> pairs = parsePairs(body);
+    const std::string time = isoTime(receivedAt);
     std::lock_guard lock(mutex_);
     execute("BEGIN IMMEDIATE");
     try {
-        Statement insertEvent =
-            prepare(database_,
-                    "INSERT INTO events (received_at, status, body, answer) VALUES (?, ?, ?, ?)");
-        bindText(insertEvent.get(), 1, isoTime(receivedAt));
-        sqlite3_bind_int(insertEvent.get(), 2, status);
-        sqlite3_bind_blob(insertEvent.get(), 3, body.data(), static_cast<int>(body.size()),
-                          SQLITE_TRANSIENT);
-        bindText(insertEvent.get(), 4, answer);
-        if (sqlite3_step(insertEvent.get()) != SQLITE_DONE) {
-            throw std::runtime_error(std::string("SQLite: ") + sqlite3_errmsg(database_));
+        SqliteFile::Statement insertEvent = file_->statement(
+            "INSERT INTO events (received_at, status, body, answer, idempotency_key) "
+            "VALUES (?, ?, ?, ?, ?)");
+        insertEvent.bind(1, time).bind(2, std::int64_t{status}).bindBlob(3, body).bind(4, answer);
+        if (idempotencyKey) {
+            insertEvent.bind(5, *idempotencyKey);
         }
-        const std::int64_t id = sqlite3_last_insert_rowid(database_);
-        Statement insertPair = prepare(
-            database_, "INSERT INTO pairs (event_id, position, key, value) VALUES (?, ?, ?, ?)");
+        insertEvent.step();
+        const std::int64_t id = sqlite3_last_insert_rowid(file_->handle());
         for (std::size_t position = 0; position < pairs.size(); ++position) {
-            sqlite3_reset(insertPair.get());
-            sqlite3_bind_int64(insertPair.get(), 1, id);
-            sqlite3_bind_int64(insertPair.get(), 2, static_cast<sqlite3_int64>(position));
-            bindText(insertPair.get(), 3, pairs[position].key);
+            SqliteFile::Statement insertPair = file_->statement(
+                "INSERT INTO pairs (event_id, position, key, value) VALUES (?, ?, ?, ?)");
+            insertPair.bind(1, id).bind(2, static_cast<std::int64_t>(position));
+            insertPair.bind(3, pairs[position].key);
             if (pairs[position].value) {
-                bindText(insertPair.get(), 4, *pairs[position].value);
+                insertPair.bind(4, *pairs[position].value);
             } else {
-                sqlite3_bind_null(insertPair.get(), 4);
+                insertPair.bindNull(4);
             }
-            if (sqlite3_step(insertPair.get()) != SQLITE_DONE) {
-                throw std::runtime_error(std::string("SQLite: ") + sqlite3_errmsg(database_));
-            }
+            insertPair.step();
         }
         execute("COMMIT");
         return id;
@@ -203,38 +225,51 @@ void CollectorStore::bind(sqlite3_stmt* statement, const EventFilter& filter) {
     sqlite3_bind_int64(statement, 7, static_cast<sqlite3_int64>(filter.limit));
 }
 
+std::optional<StoredEvent> CollectorStore::eventWithKey(const std::string& idempotencyKey) const {
+    std::lock_guard lock(mutex_);
+    Statement select = prepare(
+        file_->handle(), (std::string(kEventColumns) + " FROM events WHERE idempotency_key = ?").c_str());
+    bindText(select.get(), 1, idempotencyKey);
+    if (sqlite3_step(select.get()) != SQLITE_ROW) {
+        return std::nullopt;
+    }
+    return eventAt(select.get());
+}
+
+void CollectorStore::countRepeat(std::int64_t id) {
+    std::lock_guard lock(mutex_);
+    file_->statement("UPDATE events SET repeats = repeats + 1 WHERE id = ?").bind(1, id).step();
+    ++repeatsAbsorbed_;
+}
+
+std::int64_t CollectorStore::repeatsAbsorbed() const {
+    std::lock_guard lock(mutex_);
+    return repeatsAbsorbed_;
+}
+
 std::vector<StoredEvent> CollectorStore::events(const EventFilter& filter) const {
-    std::string sql = "SELECT id, received_at, status, body, answer FROM events WHERE id > ?1" +
-                      conditions(filter);
+    std::string sql =
+        std::string(kEventColumns) + " FROM events WHERE id > ?1" + conditions(filter);
     sql += filter.newestFirst ? " ORDER BY id DESC" : " ORDER BY id";
     if (filter.limit > 0) {
         sql += " LIMIT ?7";
     }
 
     std::lock_guard lock(mutex_);
-    Statement selectEvents = prepare(database_, sql.c_str());
+    Statement selectEvents = prepare(file_->handle(), sql.c_str());
     bind(selectEvents.get(), filter);
     std::vector<StoredEvent> events;
     while (sqlite3_step(selectEvents.get()) == SQLITE_ROW) {
-        StoredEvent event;
-        event.id = sqlite3_column_int64(selectEvents.get(), 0);
-        event.receivedAt = columnText(selectEvents.get(), 1);
-        event.status = sqlite3_column_int(selectEvents.get(), 2);
-        const auto* bytes = static_cast<const char*>(sqlite3_column_blob(selectEvents.get(), 3));
-        event.body.assign(bytes ? bytes : "",
-                          static_cast<std::size_t>(sqlite3_column_bytes(selectEvents.get(), 3)));
-        event.answer = columnText(selectEvents.get(), 4);
-        events.push_back(std::move(event));
+        events.push_back(eventAt(selectEvents.get()));
     }
-    Statement selectPairs =
-        prepare(database_, "SELECT key, value FROM pairs WHERE event_id = ? ORDER BY position");
     for (StoredEvent& event : events) {
-        sqlite3_reset(selectPairs.get());
-        sqlite3_bind_int64(selectPairs.get(), 1, event.id);
-        while (sqlite3_step(selectPairs.get()) == SQLITE_ROW) {
-            FormPair pair{columnText(selectPairs.get(), 0), std::nullopt};
-            if (sqlite3_column_type(selectPairs.get(), 1) != SQLITE_NULL) {
-                pair.value = columnText(selectPairs.get(), 1);
+        SqliteFile::Statement selectPairs = file_->statement(
+            "SELECT key, value FROM pairs WHERE event_id = ? ORDER BY position");
+        selectPairs.bind(1, event.id);
+        while (selectPairs.step()) {
+            FormPair pair{selectPairs.text(0), std::nullopt};
+            if (!selectPairs.isNull(1)) {
+                pair.value = selectPairs.text(1);
             }
             event.pairs.push_back(std::move(pair));
         }
@@ -249,7 +284,7 @@ EventCounts CollectorStore::counts(const EventFilter& filter) const {
     const std::string matching = "SELECT id FROM events WHERE id > ?1" + conditions(all);
     std::lock_guard lock(mutex_);
     EventCounts counts;
-    Statement byType = prepare(database_, ("SELECT value, COUNT(*) FROM pairs WHERE key = 'type'"
+    Statement byType = prepare(file_->handle(), ("SELECT value, COUNT(*) FROM pairs WHERE key = 'type'"
                                            " AND event_id IN (" +
                                            matching + ") GROUP BY value")
                                               .c_str());
@@ -259,7 +294,7 @@ EventCounts CollectorStore::counts(const EventFilter& filter) const {
                                    sqlite3_column_int64(byType.get(), 1));
     }
     Statement byStatus =
-        prepare(database_, ("SELECT status, COUNT(*), MAX(id) FROM events WHERE id IN (" +
+        prepare(file_->handle(), ("SELECT status, COUNT(*), MAX(id) FROM events WHERE id IN (" +
                             matching + ") GROUP BY status")
                                .c_str());
     bind(byStatus.get(), all);
@@ -269,7 +304,7 @@ EventCounts CollectorStore::counts(const EventFilter& filter) const {
         counts.total += counts.byStatus.back().second;
     }
     // The newest of all events, not only the matching ones: a page counts what comes after.
-    Statement newest = prepare(database_, "SELECT COALESCE(MAX(id), 0) FROM events");
+    Statement newest = prepare(file_->handle(), "SELECT COALESCE(MAX(id), 0) FROM events");
     sqlite3_step(newest.get());
     counts.lastId = sqlite3_column_int64(newest.get(), 0);
     return counts;
@@ -287,7 +322,7 @@ std::vector<RateBucket> CollectorStore::rates(const EventFilter& filter, bool pe
         "FROM events WHERE id > ?1" +
         conditions(all) + " GROUP BY bucket, type, refused ORDER BY bucket, type, refused";
     std::lock_guard lock(mutex_);
-    Statement select = prepare(database_, sql.c_str());
+    Statement select = prepare(file_->handle(), sql.c_str());
     bind(select.get(), all);
     std::vector<RateBucket> buckets;
     while (sqlite3_step(select.get()) == SQLITE_ROW) {
@@ -296,7 +331,7 @@ std::vector<RateBucket> CollectorStore::rates(const EventFilter& filter, bool pe
                            sqlite3_column_int64(select.get(), 3)});
     }
     if (lastId != nullptr) {
-        Statement newest = prepare(database_, "SELECT COALESCE(MAX(id), 0) FROM events");
+        Statement newest = prepare(file_->handle(), "SELECT COALESCE(MAX(id), 0) FROM events");
         sqlite3_step(newest.get());
         *lastId = sqlite3_column_int64(newest.get(), 0);
     }
@@ -305,7 +340,7 @@ std::vector<RateBucket> CollectorStore::rates(const EventFilter& filter, bool pe
 
 std::int64_t CollectorStore::lastId() const {
     std::lock_guard lock(mutex_);
-    Statement newest = prepare(database_, "SELECT COALESCE(MAX(id), 0) FROM events");
+    Statement newest = prepare(file_->handle(), "SELECT COALESCE(MAX(id), 0) FROM events");
     sqlite3_step(newest.get());
     return sqlite3_column_int64(newest.get(), 0);
 }
@@ -325,20 +360,12 @@ std::string CollectorStore::isoTime(std::chrono::system_clock::time_point time) 
 }
 
 std::string CollectorStore::defaultPath() {
-    const char* dataHome = std::getenv("XDG_DATA_HOME");
-    std::filesystem::path base;
-    if (dataHome != nullptr && *dataHome != '\0') {
-        base = dataHome;
-    } else {
-        const char* home = std::getenv("HOME");
-        base = std::filesystem::path(home ? home : ".") / ".local" / "share";
-    }
-    return (base / "NorvAnalytic" / "collector.sqlite").string();
+    return (DataDirectory::path() / "collector.sqlite").string();
 }
 
 void CollectorStore::execute(const char* sql) const {
     char* message = nullptr;
-    if (sqlite3_exec(database_, sql, nullptr, nullptr, &message) != SQLITE_OK) {
+    if (sqlite3_exec(file_->handle(), sql, nullptr, nullptr, &message) != SQLITE_OK) {
         const std::string reason = message ? message : "unknown error";
         sqlite3_free(message);
         throw std::runtime_error("SQLite: " + reason);

@@ -2,14 +2,18 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
-struct sqlite3;
 struct sqlite3_stmt;
+
+namespace NorvAnalytic {
+class SqliteFile;
+}  // namespace NorvAnalytic
 
 namespace NorvAnalytic::Collector {
 
@@ -28,6 +32,9 @@ struct StoredEvent {
     std::vector<FormPair> pairs;
     // The body the collector answered with; empty for events stored before it was kept.
     std::string answer;
+    // The Idempotency-Key it came with, and how many requests with that key came again.
+    std::optional<std::string> idempotencyKey;
+    std::int64_t repeats = 0;
 
     // The value of the first pair with this key, if any.
     std::optional<std::string> value(const std::string& key) const;
@@ -84,9 +91,16 @@ public:
     // Splits a form body on "&", then each part on its first "=".
     static std::vector<FormPair> parsePairs(const std::string& body);
 
-    // Stores one event and returns its id.
+    // Stores one event and returns its id. Throws when another event has the same key.
     std::int64_t save(const std::string& body, std::chrono::system_clock::time_point receivedAt,
-                      int status, const std::string& answer = {});
+                      int status, const std::string& answer = {},
+                      const std::optional<std::string>& idempotencyKey = std::nullopt);
+    // The event stored with this Idempotency-Key, without its pairs.
+    std::optional<StoredEvent> eventWithKey(const std::string& idempotencyKey) const;
+    // Counts one more request that repeated the event.
+    void countRepeat(std::int64_t id);
+    // The repeats counted over all stored events.
+    std::int64_t repeatsAbsorbed() const;
     // The stored events the filter matches, oldest first unless it says otherwise.
     std::vector<StoredEvent> events(const EventFilter& filter = {}) const;
     // Counts of the events the filter matches (its ids and limit aside).
@@ -107,12 +121,15 @@ public:
 
 private:
     void execute(const char* sql) const;
+    // Files written by earlier versions gain the column; their events get its default.
+    void addColumn(const char* name, const char* definition);
     // The "AND …" conditions of a filter over table "events", numbered as bind() binds them.
     static std::string conditions(const EventFilter& filter);
     static void bind(sqlite3_stmt* statement, const EventFilter& filter);
 
     mutable std::mutex mutex_;
-    sqlite3* database_ = nullptr;
+    std::unique_ptr<SqliteFile> file_;
+    std::int64_t repeatsAbsorbed_ = 0;
 };
 
 }  // namespace NorvAnalytic::Collector

@@ -1,6 +1,7 @@
 #include "EventExport.h"
 
 #include <nlohmann/json.hpp>
+#include <string_view>
 
 #include "EventSummary.h"
 #include "events/EventCatalogue.h"
@@ -9,7 +10,13 @@ namespace NorvAnalytic::Collector {
 
 namespace {
 
-std::string csvField(const std::string& text) {
+// A spreadsheet runs a cell that begins with one of these as a formula; a leading ' makes it
+// text, as OWASP's advice on CSV injection has it.
+std::string csvField(const std::string& value) {
+    const std::string text =
+        !value.empty() && std::string_view("=+-@\t\r").find(value.front()) != std::string_view::npos
+            ? "'" + value
+            : value;
     if (text.find_first_of(",\"\r\n") == std::string::npos) {
         return text;
     }
@@ -25,7 +32,8 @@ std::string csvField(const std::string& text) {
 bool EventExport::knows(const std::string& format) { return format == "jsonl" || format == "csv"; }
 
 std::string EventExport::header(const std::string& format) {
-    return format == "csv" ? "id,received_at,status,type,type_name,device,summary,body,answer\r\n"
+    return format == "csv" ? "id,received_at,status,type,type_name,device,summary,body,answer,"
+                             "idempotency_key,repeats\r\n"
                            : "";
 }
 
@@ -39,7 +47,9 @@ std::string EventExport::line(const std::string& format, const StoredEvent& even
                                   event.value("device_uuid").value_or(""),
                                   EventSummary::of(event),
                                   event.body,
-                                  event.answer};
+                                  event.answer,
+                                  event.idempotencyKey.value_or(""),
+                                  std::to_string(event.repeats)};
     if (format == "csv") {
         std::string line;
         for (const std::string& field : fields) {
@@ -48,11 +58,18 @@ std::string EventExport::line(const std::string& format, const StoredEvent& even
         return line + "\r\n";
     }
     nlohmann::ordered_json json{
-        {"id", event.id},         {"received_at", fields[1]},
-        {"status", event.status}, {"type", type ? nlohmann::ordered_json(*type) : nullptr},
-        {"type_name", fields[4]}, {"device", fields[5]},
-        {"summary", fields[6]},   {"body", fields[7]},
-        {"answer", fields[8]}};
+        {"id", event.id},
+        {"received_at", fields[1]},
+        {"status", event.status},
+        {"type", type ? nlohmann::ordered_json(*type) : nullptr},
+        {"type_name", fields[4]},
+        {"device", fields[5]},
+        {"summary", fields[6]},
+        {"body", fields[7]},
+        {"answer", fields[8]},
+        {"idempotency_key",
+         event.idempotencyKey ? nlohmann::ordered_json(*event.idempotencyKey) : nullptr},
+        {"repeats", event.repeats}};
     // Bodies are bytes from anywhere: what is not UTF-8 is written replaced.
     return json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
 }

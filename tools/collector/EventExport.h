@@ -6,8 +6,9 @@
 
 namespace NorvAnalytic::Collector {
 
-// Stored events as lines of a file for other tools: JSON Lines, or CSV (RFC 4180) under a
-// header line. The command line's export and the page's download link write the same lines.
+// Stored events as lines of a file for other tools: JSON Lines, every value exact; or CSV
+// (RFC 4180) under a header line, a value a spreadsheet would run as a formula made text with
+// a leading '. The command line's export and the page's download link write the same lines.
 class EventExport {
 public:
     // True for "jsonl" and "csv".

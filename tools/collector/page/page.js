@@ -7,6 +7,9 @@ const kPage = 200; // rows fetched at once
 const kWindow = 1000; // rows kept on the page; older ones are fetched again on demand
 const kColours = ["#2f6fdf", "#17803d", "#c17c00", "#7a3fc9", "#0f8a8a", "#c2408f", "#5b6472",
   "#8a6d3b", "#3f51b5", "#6b8e23"];
+// The collector's token, asked once and kept for this tab only.
+const kTokenKey = "norv-collector-token";
+let tokenRequired = false;
 let source = null;
 let steerEdited = false;
 // Type id -> name, for every type the SDK sends and any other that arrived.
@@ -85,7 +88,8 @@ function toggleBody(tr, event) {
     const row = pairs.insertRow();
     row.className = "answer";
     cell(row, "answer", "key");
-    cell(row, `${event.status} ${event.answer}`, "value");
+    const repeats = event.repeats ? ` (given again to ${event.repeats} repeat(s) of its Idempotency-Key)` : "";
+    cell(row, `${event.status} ${event.answer}${repeats}`, "value");
     cell(row, "", "sent");
   }
   td.append(pairs.rows.length ? pairs : "(empty body)");
@@ -337,17 +341,27 @@ function showState(state) {
     ? `${refusal.remaining} refusal(s) pending, status ${refusal.status}`
     : "No refusals pending";
   $("next").textContent = `${state.next_app_open.status} ${state.next_app_open.body}`;
+  $("repeats").textContent = `${state.repeats_absorbed} repeat(s) absorbed: events sent again with the same Idempotency-Key, stored once`;
+  tokenRequired = state.token_required;
+  $("tokenAsk").hidden = !tokenRequired || sessionStorage.getItem(kTokenKey) !== null;
   $("pages").textContent = `${state.live_pages} live page(s)` +
     (state.live_pages_cut ? `, ${state.live_pages_cut} cut off for falling behind` : "");
 }
 
 async function control(path, request) {
-  const answer = await fetch(path, {
-    method: "POST",
-    headers: { "Content-Type": "application/json" },
-    body: JSON.stringify(request),
-  });
-  if (!answer.ok) $("pending").textContent = `Refused: ${await answer.text()}`;
+  const headers = { "Content-Type": "application/json" };
+  const token = tokenRequired ? sessionStorage.getItem(kTokenKey) || $("token").value.trim() : "";
+  if (token) headers.Authorization = `Bearer ${token}`;
+  const answer = await fetch(path, { method: "POST", headers, body: JSON.stringify(request) });
+  if (answer.status === 401) {
+    sessionStorage.removeItem(kTokenKey);
+  } else if (token) {
+    sessionStorage.setItem(kTokenKey, token);
+    $("token").value = "";
+  }
+  $("controlError").textContent = answer.ok ? "" : `Refused: ${await answer.text()}`;
+  // A refused change stays in the form, to be applied again.
+  if (!answer.ok && path === "/control/steer") steerEdited = true;
   showState(await (await fetch("/control/state")).json());
 }
 
