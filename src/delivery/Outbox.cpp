@@ -140,6 +140,7 @@ Outbox::Turn Outbox::takeLocked(bool last) {
     // With the file, every waiting record is written at once, whatever room the window has.
     const bool persist = journal_.accepting() || (last && journal_.isOpen());
     const std::size_t limit = persist ? kPersistBatch : std::min(kBatch, room - turn.ready.size());
+    turn.records.reserve(std::min(limit, waiting_.size()));
     while (!waiting_.empty() && turn.records.size() < limit) {
         queuedBytes_ -= waiting_.front().bytes();
         turn.records.push_back(std::move(waiting_.front()));
@@ -232,6 +233,7 @@ std::size_t Outbox::run(Turn& turn) {
         fromMemory = std::move(built);
     }
     std::size_t next = 0;
+    now.reserve(std::min(turn.room, now.size() + fromMemory.size()));
     while (next < fromMemory.size() && now.size() < turn.room) {
         now.push_back(std::move(fromMemory[next++]));
     }

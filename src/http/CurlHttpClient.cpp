@@ -305,6 +305,7 @@ private:
         std::unique_lock lock(mutex_);
         while (!stopRequested_) {
             std::vector<CurlRequest> taken;
+            taken.reserve(std::min(incoming_.size(), network.room()));
             while (!incoming_.empty() && taken.size() < network.room()) {
                 taken.push_back(std::move(incoming_.front()));
                 incoming_.pop_front();
