@@ -17,15 +17,10 @@ bool GtkEventLoop::attach() {
 }
 
 void GtkEventLoop::detach() {
-    std::deque<MainQueue::Task> waiting;
-    {
-        const std::lock_guard lock(mutex_);
-        attached_ = false;
-        waiting.swap(tasks_);
-    }
-    for (auto& task : waiting) {
-        task();
-    }
+    std::deque<MainQueue::Task> left;
+    const std::lock_guard lock(mutex_);
+    attached_ = false;
+    left.swap(tasks_);
 }
 
 void GtkEventLoop::post(MainQueue::Task task) {

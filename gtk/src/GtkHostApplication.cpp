@@ -42,9 +42,7 @@ std::shared_ptr<Window> GtkHostApplication::keyWindow() const {
     return window != nullptr ? std::make_shared<GtkHostWindow>(window) : nullptr;
 }
 
-bool GtkHostApplication::canOpenURL(const URL& url) {
-    return desktop_ && desktop_->canOpenURL(url);
-}
+bool GtkHostApplication::canOpenURL(const URL& url) { return schemes_.canOpen(url); }
 
 bool GtkHostApplication::openURL(const URL& url) {
     std::string_view link = url.absoluteString();

@@ -2,6 +2,7 @@
 // host as the SDK's application.
 #include <NorvAnalytic/MainQueue.h>
 #include <NorvAnalytic/Platform.h>
+#include <NorvAnalytic/URL.h>
 
 #include <gtk/gtk.h>
 
@@ -42,8 +43,13 @@ int norv_gtk_install(void) {
         if (GApplication* application = g_application_get_default()) {
             g_signal_connect(application, "shutdown", G_CALLBACK(shutdown), nullptr);
         }
-        Platform::setApplication(
-            std::make_shared<NorvAnalytic::GtkHostApplication>(Platform::application()));
+        auto gtkApplication =
+            std::make_shared<NorvAnalytic::GtkHostApplication>(Platform::application());
+        // The store app's link, which the update alert asks about: answered before it is needed.
+        if (const auto storeApp = NorvAnalytic::URL::URLWithString("lindenStoreQRWPT://")) {
+            gtkApplication->prefetch(*storeApp);
+        }
+        Platform::setApplication(std::move(gtkApplication));
         MainQueue::main().setExecutor(
             [](MainQueue::Task task) { GtkEventLoop::shared().post(std::move(task)); },
             std::this_thread::get_id());

@@ -38,7 +38,9 @@ public:
     static bool setCollectionServerHost(const std::string& host);
     // Waits until every event sent before the call has had its answer handled, or failed: true
     // then, false when the timeout passes first or when a bound dropped events since the previous
-    // flush (droppedEventCount() grew). A timeout of zero or less only looks. Never
+    // flush (droppedEventCount() grew). A timeout of zero or less only looks. Before it returns
+    // true, what was said on the diagnostics sink meanwhile has reached it (within the timeout;
+    // not when called from the sink itself). Never
     // waits on the main queue's own thread (with an executor, the host's thread that runs it):
     // there it returns false at once. Call it before returning from main.
     static bool flush(std::chrono::milliseconds timeout);

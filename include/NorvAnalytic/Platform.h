@@ -44,9 +44,12 @@ public:
     static void log(const std::string& message);
 
     // Receives what the console never shows: transport failures, dropped events, a store that
-    // failed, a bad URL. Off (nullptr) by default. Called on the SDK's own threads, so it must
-    // be quick and thread-safe; what it throws is swallowed. Only Debug lines carry secrets
-    // such as the app key or a request body.
+    // failed, a bad URL. Off (nullptr) by default. Called on a thread of the SDK's, one line at
+    // a time in the order they were said, a moment after they were said, and never under a lock
+    // of the SDK's, so it may call any public function; what it throws is swallowed. Returns
+    // once the lines said before it reached the old sink and the old sink's last call returned
+    // (at once from inside a sink). Only Debug lines carry secrets such as the app key or a
+    // request body.
     static void setDiagnosticsSink(DiagnosticsSink sink);
 };
 

@@ -27,11 +27,14 @@ enum {
 };
 
 /* Receives what the console never shows: lost events, refused settings, failed stores, and bad
- * arguments to these calls. Runs on the SDK's threads (and on the caller's for a bad argument),
- * so it must be quick and thread-safe; `line` lives only for the call. */
+ * arguments to these calls. Runs on a thread of the SDK's, one line at a time in the order they
+ * were said, a moment after they were said, and never under a lock of the SDK's: it may call
+ * any norv_ function. `line` lives only for the call. */
 typedef void (*norv_diagnostics_sink)(int level, const char* line, void* user);
 
-/* Installs the sink with `user` handed back on every line; NULL turns it off. */
+/* Installs the sink with `user` handed back on every line; NULL turns it off. Returns once the
+ * lines said before it reached the old sink and the old sink's last call returned (at once from
+ * inside a sink), so the host may then free what the old `user` points at. */
 NORVANALYTIC_EXPORT void norv_set_diagnostics_sink(norv_diagnostics_sink sink, void* user);
 
 /* The host app's identity: its identifier (required) and its "CFBundleShortVersionString" and

@@ -96,10 +96,12 @@ _sink_function = None
 def set_diagnostics_sink(sink: Optional[Callable[[DiagnosticLevel, str], None]]) -> None:
     """Receive what the console never shows: lost events, refused settings, failed stores.
 
-    ``sink(level, line)`` runs on the SDK's own threads, so it must be quick and thread-safe.
-    What it raises is logged on the ``norvanalytic`` logger and goes no further. ``None`` turns
-    the sink off; once this returns, the previous sink is no longer called (so a sink must not
-    call this function itself).
+    ``sink(level, line)`` runs on a thread of the SDK's, one line at a time in the order they were
+    said, a moment after they were said, and never under a lock of the SDK's: it may call any
+    other function of this package. What it raises is logged on the ``norvanalytic`` logger and
+    goes no further. ``None`` turns the sink off; once this returns, the lines said before it
+    have reached the previous sink, which is no longer called (so a sink must not call this
+    function itself).
     """
     global _sink_function
     if sink is not None and not callable(sink):

@@ -16,9 +16,10 @@ namespace NorvAnalytic {
 
 namespace {
 
-// Where the main queue's tasks wait for the GUI thread: in our own list, drained by one event
-// posted to an object of ours that is never destroyed. Qt drops the events still posted when
-// the application goes away; the tasks in the list are then handed to the SDK's own thread.
+// What the main queue hands the GUI thread (drains of its own list of tasks) waits here, run
+// by one event posted to an object of ours that is never destroyed. Qt drops the events still
+// posted when the application goes away; the main queue then runs its tasks on its own thread,
+// and the drains left here would find nothing to do.
 struct EventLoop {
     std::mutex mutex;
     QObject* receiver = nullptr;
@@ -84,17 +85,14 @@ bool QtAdapter::install() {
     QObject::connect(
         application, &QObject::destroyed, loop.receiver,
         [] {
-            std::deque<MainQueue::Task> waiting;
+            std::deque<MainQueue::Task> left;
             {
                 std::lock_guard lock(eventLoop().mutex);
                 eventLoop().application = nullptr;
-                waiting.swap(eventLoop().tasks);
+                left.swap(eventLoop().tasks);
             }
             MainQueue::main().setExecutor(nullptr);
             Platform::setApplication(nullptr);
-            for (auto& task : waiting) {
-                MainQueue::main().async(std::move(task));
-            }
         },
         Qt::DirectConnection);
     auto qtApplication = std::make_shared<QtApplication>(Platform::application());

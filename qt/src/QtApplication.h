@@ -3,14 +3,9 @@
 #include <NorvAnalytic/Application.h>
 #include <NorvAnalytic/URL.h>
 
-#include <condition_variable>
-#include <deque>
-#include <map>
 #include <memory>
-#include <mutex>
-#include <optional>
-#include <string>
-#include <thread>
+
+#include "ui/SchemeHandlerAnswers.h"
 
 namespace NorvAnalytic {
 
@@ -20,9 +15,6 @@ class QtApplication final : public Application {
 public:
     // Asks `desktop` (the SDK's default application) which schemes have a handler.
     explicit QtApplication(std::shared_ptr<Application> desktop);
-    ~QtApplication() override;
-    QtApplication(const QtApplication&) = delete;
-    QtApplication& operator=(const QtApplication&) = delete;
 
     std::shared_ptr<Window> keyWindow() const override;
     // From what the desktop answered before: asking it takes up to seconds, which the GUI
@@ -34,15 +26,7 @@ public:
     void prefetch(const URL& url);
 
 private:
-    void askQueued();
-
-    std::shared_ptr<Application> desktop_;
-    std::mutex mutex_;
-    // By scheme; nullopt while the question is on its way.
-    std::map<std::string, std::optional<bool>> answers_;
-    std::deque<URL> questions_;
-    std::thread thread_;
-    bool asking_ = false;
+    SchemeHandlerAnswers schemes_;
 };
 
 }  // namespace NorvAnalytic

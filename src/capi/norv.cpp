@@ -12,9 +12,8 @@
 #include <optional>
 #include <string>
 
-#include "capi/CSink.h"
+#include "platform/Diagnostics.h"
 
-using NorvAnalytic::CSink;
 using NorvAnalytic::Date;
 using NorvAnalytic::DiagnosticLevel;
 using NorvAnalytic::NorvAnalytics;
@@ -26,8 +25,9 @@ Text text(const char* value) { return value != nullptr ? Text(value) : std::null
 
 void badArgument(const char* function, const char* what) noexcept {
     try {
-        CSink::report(DiagnosticLevel::Warning,
-                      std::string(function) + ": " + what + "; the call did nothing.");
+        NorvAnalytic::Diagnostics::report(
+            DiagnosticLevel::Warning,
+            std::string(function) + ": " + what + "; the call did nothing.");
     } catch (...) {  // no memory even for the line: nothing more to say
     }
 }
@@ -67,7 +67,16 @@ std::optional<Date> date(double seconds) {
 extern "C" {
 
 void norv_set_diagnostics_sink(norv_diagnostics_sink sink, void* user) {
-    guarded(__func__, [&] { CSink::install(sink, user); });
+    guarded(__func__, [&] {
+        if (sink == nullptr) {
+            NorvAnalytic::Platform::setDiagnosticsSink(nullptr);
+            return;
+        }
+        NorvAnalytic::Platform::setDiagnosticsSink(
+            [sink, user](DiagnosticLevel level, const std::string& line) {
+                sink(static_cast<int>(level), line.c_str(), user);
+            });
+    });
 }
 
 void norv_set_main_bundle(const char* identifier, const char* short_version,

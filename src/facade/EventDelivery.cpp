@@ -11,6 +11,7 @@
 #include "facade/CollectionConsent.h"
 #include "facade/ControllerState.h"
 #include "facade/DeviceFactsReader.h"
+#include "facade/ResendTimers.h"
 #include "facade/SavedEventTags.h"
 #include "platform/Diagnostics.h"
 
@@ -57,6 +58,10 @@ void EventDelivery::answered(std::shared_ptr<SentEvent> sent, std::optional<std:
         if (outgoing.row) {
             // Cancelled at exit: the row stays pending for the next process.
             sent->settle(cancelled ? Journal::Settlement::Untouched : Journal::Settlement::Unanswered);
+            if (!cancelled) {
+                // Its next try comes with a tick: the resend timers may be resting.
+                ResendTimers::resendWorkAppeared();
+            }
         } else if (!cancelled && Diagnostics::isOn()) {
             Diagnostics::report(DiagnosticLevel::Warning,
                                 EventCatalogue::describe(typeIdOf(outgoing.record)) +

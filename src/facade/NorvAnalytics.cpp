@@ -11,6 +11,7 @@
 #include "facade/CollectionConsent.h"
 #include "facade/ControllerState.h"
 #include "facade/EventDelivery.h"
+#include "facade/ResendTimers.h"
 #include "events/EventCatalogue.h"
 #include "delivery/EventsInFlight.h"
 
@@ -54,9 +55,7 @@ NorvAnalytics& NorvAnalytics::initWithKey(const Text& key) {
     }
     // Every start adds a timer and leaves the earlier ones running: each start means one more
     // resend per second, which the server side has always seen.
-    controller.setTimer(
-        MainQueue::main().scheduledTimer(std::chrono::duration<double>(1.0), true,
-                                         [] { NorvAnalytics::sharedController().checkEvents(); }));
+    controller.setTimer(ResendTimers::start());
     return controller;
 }
 
@@ -84,7 +83,13 @@ bool NorvAnalytics::flush(std::chrono::milliseconds timeout) {
     if (MainQueue::main().isCurrent()) {
         return false;
     }
-    return EventsInFlight::waitForEarlier(timeout);
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    if (!EventsInFlight::waitForEarlier(timeout)) {
+        return false;
+    }
+    // What was said about those events reaches the sink before the host looks at it.
+    Diagnostics::waitUntilDelivered(deadline);
+    return true;
 }
 
 void NorvAnalytics::setLogLevel(std::int32_t logLevel) {

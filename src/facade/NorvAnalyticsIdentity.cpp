@@ -2,6 +2,7 @@
 #include <NorvAnalytic/NorvAnalytics.h>
 #include <NorvAnalytic/Platform.h>
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <chrono>
@@ -17,10 +18,6 @@ namespace NorvAnalytic {
 namespace {
 
 using State = KeychainItemCache::State;
-
-// How long a caller (initWithKey, an event call) waits for the first UUID to be stored when the
-// store is held by another process; the write then finishes on the keychain's own thread.
-constexpr std::chrono::milliseconds kFirstStoreWait{100};
 
 std::string statusText(const std::optional<Error>& error) {
     if (!error) {
@@ -40,10 +37,16 @@ std::string NorvAnalytics::getNorvAnalyticUUID() {
     auto& cache = KeychainItemCache::shared();
     const std::string& key = *DeviceIdentity::deviceUUIDKey();
     const std::string& service = *DeviceIdentity::service();
+    // A caller (initWithKey, an event's hand-over) waits this long in all for a store that is
+    // held or hung; the read and the first write then finish on the keychain's own thread.
+    const auto deadline = std::chrono::steady_clock::now() + KeychainItemCache::kStoreWait;
     KeychainItemCache::Item stored = cache.item(key, service);
     if (stored.state != State::Stored && stored.state != State::Pending) {
         // Of callers racing here, in threads or processes, all end with the one stored first.
-        stored = cache.insertIfAbsent(key, service, DeviceIdentity::newUUID(), kFirstStoreWait);
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        stored = cache.insertIfAbsent(key, service, DeviceIdentity::newUUID(),
+                                      std::max(left, std::chrono::milliseconds(0)));
     }
     return stored.value.value_or(std::string());
 }

@@ -2,8 +2,10 @@
 
 #include <pthread.h>
 #include <sqlite3.h>
+#include <sys/inotify.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <set>
 #include <system_error>
@@ -17,8 +19,14 @@ namespace NorvAnalytic {
 
 namespace {
 
-// Re-reading a local file costs microseconds, so other processes' changes show up quickly.
+// Without a watch on the directory, the file is read again this often: a local file's read
+// costs microseconds.
 constexpr std::chrono::milliseconds kIdentityRefreshInterval{500};
+
+// What another process's save, delete, checkpoint or replacement of the file does to it and
+// its journals.
+constexpr std::uint32_t kWatchedChanges =
+    IN_MODIFY | IN_CLOSE_WRITE | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_ONLYDIR;
 
 // An item without an access group is kept under the empty group, so the three key columns
 // can form the primary key that makes a duplicate add fail atomically across processes.
@@ -95,11 +103,13 @@ FileKeychainBackend::FileKeychainBackend(std::filesystem::path path)
                 live.mutex.lock();
                 for (FileKeychainBackend* backend : live.backends) {
                     backend->mutex_->lock();
+                    backend->watchMutex_.lock();
                 }
             },
             [] {
                 auto& live = liveBackends();
                 for (FileKeychainBackend* backend : live.backends) {
+                    backend->watchMutex_.unlock();
                     backend->mutex_->unlock();
                 }
                 live.mutex.unlock();
@@ -122,6 +132,9 @@ FileKeychainBackend::~FileKeychainBackend() {
         liveBackends().backends.erase(this);
     }
     file_.reset();
+    if (inotify_ >= 0) {
+        ::close(inotify_);
+    }
     delete mutex_;
 }
 
@@ -134,6 +147,13 @@ void FileKeychainBackend::abandonConnection() {
         file_->abandon();
         file_.reset();
     }
+    // The inotify queue is shared with the parent, whose thread would take the child's events.
+    if (inotify_ >= 0) {
+        ::close(inotify_);
+        inotify_ = -1;
+        directoryWatch_ = -1;
+    }
+    watchMutex_.unlock();
 }
 
 std::filesystem::path FileKeychainBackend::defaultPath() {
@@ -288,6 +308,44 @@ OSStatus FileKeychainBackend::writeTransaction(const std::function<OSStatus()>& 
 
 std::optional<std::chrono::milliseconds> FileKeychainBackend::identityRefreshInterval() const {
     return kIdentityRefreshInterval;
+}
+
+int FileKeychainBackend::changeDescriptor() {
+    const std::lock_guard lock(watchMutex_);
+    if (inotify_ < 0) {
+        inotify_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    }
+    if (inotify_ >= 0 && directoryWatch_ < 0) {
+        const std::filesystem::path directory =
+            path_.has_parent_path() ? path_.parent_path() : std::filesystem::path(".");
+        directoryWatch_ = ::inotify_add_watch(inotify_, directory.c_str(), kWatchedChanges);
+    }
+    return directoryWatch_ >= 0 ? inotify_ : -1;
+}
+
+bool FileKeychainBackend::takeChanges() {
+    const std::lock_guard lock(watchMutex_);
+    const std::string name = path_.filename().string();
+    bool changed = false;
+    alignas(inotify_event) std::array<char, 4096> buffer{};
+    ssize_t length = 0;
+    while (inotify_ >= 0 && (length = ::read(inotify_, buffer.data(), buffer.size())) > 0) {
+        for (ssize_t offset = 0; offset < length;) {
+            const auto* event = reinterpret_cast<const inotify_event*>(buffer.data() + offset);
+            offset += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
+            if ((event->mask & IN_IGNORED) != 0) {
+                // The directory itself went: watched again once it is back.
+                directoryWatch_ = -1;
+                changed = true;
+                continue;
+            }
+            // Our own files only; the queue files beside them change far more often.
+            const std::string_view file = event->len > 0 ? event->name : "";
+            changed = changed || (event->mask & IN_Q_OVERFLOW) != 0 || file == name ||
+                      file == name + "-wal" || file == name + "-journal";
+        }
+    }
+    return changed;
 }
 
 }  // namespace NorvAnalytic

@@ -2,13 +2,19 @@
 
 #include <NorvAnalytic/Keychain.h>
 #include <NorvAnalytic/Platform.h>
+#include <poll.h>
 #include <pthread.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <vector>
 
 #include "keychain/KeychainArchive.h"
+#include "keychain/StoreChangeWatch.h"
 #include "platform/Diagnostics.h"
 #include "platform/SdkThread.h"
 
@@ -24,6 +30,20 @@ bool isRace(OSStatus status) {
 constexpr std::chrono::milliseconds kFirstRetry{100};
 constexpr std::chrono::milliseconds kLongestRetry{30'000};
 
+// Another process's commit shows as a burst of writes to the store's files: the items are read
+// once the burst has settled, and once more a little later, in case the commit became visible
+// only after the first read.
+constexpr std::chrono::milliseconds kSettle{20};
+constexpr std::chrono::milliseconds kConfirm{250};
+
+int newWakeDescriptor() { return ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); }
+
+void drain(int descriptor) {
+    std::uint64_t count = 0;
+    while (::read(descriptor, &count, sizeof count) > 0) {
+    }
+}
+
 }  // namespace
 
 KeychainItemCache& KeychainItemCache::shared() {
@@ -33,7 +53,9 @@ KeychainItemCache& KeychainItemCache::shared() {
 }
 
 KeychainItemCache::KeychainItemCache()
-    : writeLock_(new std::mutex()), changed_(new std::condition_variable()) {
+    : writeLock_(new std::mutex()),
+      changed_(new std::condition_variable()),
+      wakeDescriptor_(newWakeDescriptor()) {
     pthread_atfork([] { shared().mutex_.lock(); }, [] { shared().mutex_.unlock(); },
                    [] {
                        shared().abandonAfterFork();
@@ -44,6 +66,11 @@ KeychainItemCache::KeychainItemCache()
 void KeychainItemCache::abandonAfterFork() {
     writeLock_ = new std::mutex();
     changed_ = new std::condition_variable();
+    // The parent's thread sleeps on the inherited one: the child wakes only its own.
+    ::close(wakeDescriptor_);
+    wakeDescriptor_ = newWakeDescriptor();
+    // Asked for by the parent's callers, whom the child does not have.
+    reads_.clear();
     // The thread is started again by the child's first call that needs it.
     if (thread_) {
         abandonParentsThread(*thread_);
@@ -79,8 +106,16 @@ void KeychainItemCache::useBackend(const std::shared_ptr<KeychainBackend>& backe
     backend_ = backend;
     interval_ = backend->identityRefreshInterval();
     entries_.clear();
-    // Inserts meant for another store are dropped; their waiters run out of time.
+    // Inserts and reads meant for another store are dropped; their waiters run out of time.
     pending_.clear();
+    reads_.clear();
+    // The thread lets go of the old store and watches the new one.
+    wakeThread();
+}
+
+void KeychainItemCache::wakeThread() {
+    const std::uint64_t one = 1;
+    static_cast<void>(::write(wakeDescriptor_, &one, sizeof one));
 }
 
 bool KeychainItemCache::ensureThread() {
@@ -107,6 +142,7 @@ void KeychainItemCache::stopAtExit() {
         stopping_ = true;
         std::swap(thread, thread_);
     }
+    wakeThread();
     changed_->notify_all();
     if (thread && thread->get_id() != std::this_thread::get_id()) {
         thread->join();
@@ -119,41 +155,65 @@ void KeychainItemCache::stopAtExit() {
 KeychainItemCache::Item KeychainItemCache::item(const std::string& key,
                                                 const std::string& service) {
     const std::shared_ptr<KeychainBackend> backend = Platform::keychainBackend();
-    std::uint64_t writesBefore = 0;
-    std::uint64_t versionBefore = 0;
-    {
-        const std::lock_guard lock(mutex_);
-        useBackend(backend);
-        if (const auto found = pending_.find({key, service}); found != pending_.end()) {
-            return {State::Pending, found->second->candidate};
-        }
-        if (!interval_) {
-            writesBefore = writes_;
-        } else {
-            // Also where a forked child's first call starts the thread again.
-            ensureThread();
-            const auto found = entries_.find({key, service});
-            if (found != entries_.end() && found->second.known) {
-                return found->second.item;
-            }
-            writesBefore = writes_;
-            versionBefore = found != entries_.end() ? found->second.version : 0;
-        }
+    std::unique_lock lock(mutex_);
+    useBackend(backend);
+    if (const auto found = pending_.find({key, service}); found != pending_.end()) {
+        return {State::Pending, found->second->candidate};
     }
-    // The first read of an item, or the first after a write whose outcome was unknown.
-    const Item stored = read(*backend, key, service);
-    const std::lock_guard lock(mutex_);
-    if (backend_.lock() != backend || !interval_) {
-        return stored;
+    // A host's store is read on every call; so is any while the process exits.
+    // Also where a forked child's first call starts the thread again.
+    if (!interval_ || !ensureThread()) {
+        lock.unlock();
+        return read(*backend, key, service);
     }
     const auto found = entries_.find({key, service});
-    if (found == entries_.end() && writes_ == writesBefore) {
-        entries_.emplace(Key{key, service}, Entry{stored, true, 0});
-    } else if (found != entries_.end() && found->second.version == versionBefore) {
-        found->second.item = stored;
-        found->second.known = true;
+    if (found != entries_.end() && found->second.known) {
+        return found->second.item;
     }
-    return stored;
+    // The first read of an item, or the first after a write whose outcome was unknown.
+    auto& request = reads_[{key, service}];
+    if (!request) {
+        request = std::make_shared<PendingRead>();
+        wakeThread();
+    }
+    const std::shared_ptr<PendingRead> waited = request;
+    changed_->wait_for(lock, kStoreWait, [&] { return waited->done; });
+    return waited->done ? waited->stored : Item{State::Failed, std::nullopt};
+}
+
+void KeychainItemCache::firstRead(std::unique_lock<std::mutex>& lock, const Key& key,
+                                  const std::shared_ptr<PendingRead>& request) {
+    const std::shared_ptr<KeychainBackend> backend = backend_.lock();
+    request->started = true;
+    const std::uint64_t writesBefore = writes_;
+    const auto before = entries_.find(key);
+    const std::uint64_t versionBefore = before != entries_.end() ? before->second.version : 0;
+    lock.unlock();
+    Item stored;
+    if (backend) {
+        try {
+            stored = read(*backend, key.first, key.second);
+        } catch (...) {
+            // A host's store that throws is a store that failed this time.
+        }
+    }
+    lock.lock();
+    // A failed read is not kept: the next call asks the store again.
+    if (backend && backend_.lock() == backend && stored.state != State::Failed) {
+        const auto found = entries_.find(key);
+        if (found == entries_.end() && writes_ == writesBefore) {
+            entries_.emplace(key, Entry{stored, true, 0});
+        } else if (found != entries_.end() && found->second.version == versionBefore) {
+            found->second.item = stored;
+            found->second.known = true;
+        }
+    }
+    request->done = true;
+    request->stored = stored;
+    if (const auto found = reads_.find(key); found != reads_.end() && found->second == request) {
+        reads_.erase(found);
+    }
+    changed_->notify_all();
 }
 
 KeychainItemCache::Item KeychainItemCache::insertIfAbsent(const std::string& key,
@@ -182,7 +242,7 @@ KeychainItemCache::Item KeychainItemCache::insertIfAbsent(const std::string& key
         attempt(itemKey, waited);
         lock.lock();
     } else {
-        changed_->notify_all();
+        wakeThread();
         changed_->wait_for(lock, wait, [&] { return waited->done; });
     }
     if (waited->done) {
@@ -312,10 +372,42 @@ void KeychainItemCache::forget(const KeychainBackend& backend, const std::string
 
 void KeychainItemCache::run() {
     std::unique_lock lock(mutex_);
-    Clock::time_point nextRefresh = Clock::now() + interval_.value_or(kLongestRetry);
+    // The store whose change descriptor is watched, held so that the descriptor stays open.
+    std::shared_ptr<KeychainBackend> watched;
+    int changes = -1;
+    Clock::time_point nextPoll = Clock::time_point::max();
+    Clock::time_point refreshAt = Clock::time_point::max();
+    Clock::time_point confirmAt = Clock::time_point::max();
     while (!stopping_) {
         const Clock::time_point now = Clock::now();
-        Clock::time_point wake = interval_ ? nextRefresh : Clock::time_point::max();
+        if (const auto backend = backend_.lock(); backend != watched) {
+            watched = backend;
+            changes = -1;
+            refreshAt = confirmAt = Clock::time_point::max();
+            nextPoll = interval_ ? now + *interval_ : Clock::time_point::max();
+        }
+        auto* watch = dynamic_cast<StoreChangeWatch*>(watched.get());
+        if (watch != nullptr) {
+            // Asked each turn: a store that cannot say now (its directory is missing) may later.
+            lock.unlock();
+            const int told = watch->changeDescriptor();
+            lock.lock();
+            if (told >= 0 && told != changes) {
+                // What changed while nobody watched (before the watch, or in a forked child's
+                // parent) is read at once.
+                refreshAt = now;
+            }
+            changes = told;
+        }
+        const auto asked =
+            std::ranges::find_if(reads_, [](const auto& entry) { return !entry.second->started; });
+        if (asked != reads_.end()) {
+            const Key key = asked->first;
+            const std::shared_ptr<PendingRead> request = asked->second;
+            firstRead(lock, key, request);
+            continue;
+        }
+        Clock::time_point wake = Clock::time_point::max();
         std::pair<Key, std::shared_ptr<PendingInsert>> due;
         for (const auto& [key, insert] : pending_) {
             if (insert->due <= now) {
@@ -328,7 +420,16 @@ void KeychainItemCache::run() {
             lock.unlock();
             attempt(due.first, due.second);
             lock.lock();
-        } else if (interval_ && now >= nextRefresh) {
+            continue;
+        }
+        const bool told = changes >= 0 && (refreshAt <= now || confirmAt <= now);
+        const bool polled = changes < 0 && interval_ && now >= nextPoll;
+        if (told || polled) {
+            for (Clock::time_point* at : {&refreshAt, &confirmAt}) {
+                if (*at <= now) {
+                    *at = Clock::time_point::max();
+                }
+            }
             lock.unlock();
             refresh();
             lock.lock();
@@ -336,11 +437,30 @@ void KeychainItemCache::run() {
             // add to how late another process's change is seen; a store slower than that
             // still gets a rest between passes.
             const auto interval = interval_.value_or(kLongestRetry);
-            nextRefresh = std::max(now + interval, Clock::now() + interval / 4);
-        } else if (wake == Clock::time_point::max()) {
-            changed_->wait(lock);
-        } else {
-            changed_->wait_until(lock, wake);
+            nextPoll = std::max(now + interval, Clock::now() + interval / 4);
+            continue;
+        }
+        wake = std::min({wake, refreshAt, confirmAt, changes < 0 ? nextPoll : wake});
+        lock.unlock();
+        pollfd descriptors[2] = {{wakeDescriptor_, POLLIN, 0}, {changes, POLLIN, 0}};
+        const int timeout =
+            wake == Clock::time_point::max()
+                ? -1
+                : static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(
+                                       std::max(wake - Clock::now(), Clock::duration::zero()))
+                                       .count());
+        const int ready = ::poll(descriptors, changes >= 0 ? 2 : 1, timeout);
+        if (ready > 0 && (descriptors[0].revents & POLLIN) != 0) {
+            drain(wakeDescriptor_);
+        }
+        const short watchEvents = ready > 0 && changes >= 0 ? descriptors[1].revents : 0;
+        const bool changed =
+            (watchEvents & POLLIN) != 0 && watch != nullptr && watch->takeChanges();
+        lock.lock();
+        if (changed) {
+            const Clock::time_point seen = Clock::now();
+            refreshAt = std::min(refreshAt, seen + kSettle);
+            confirmAt = seen + kConfirm;
         }
     }
 }

@@ -18,10 +18,11 @@ namespace NorvAnalytic {
 
 // The few items the SDK reads on every event, read from the store once and then from memory,
 // for stores that allow it (KeychainBackend::identityRefreshInterval). Writes through Keychain
-// in this process reach it in the order they commit; a thread of its own (norv-keychain)
-// re-reads every item at the store's interval, so that other processes' writes show up, and
-// finishes the inserts a caller could not wait for. Its lock is never held while the store is
-// read or written.
+// in this process reach it in the order they commit. A thread of its own (norv-keychain) makes
+// the first read of each item, for which a caller waits 100 ms at most, finishes the inserts a
+// caller could not wait for, and reads every item again when another process may have changed
+// the store: when the store says so (StoreChangeWatch), else at the store's interval. It sleeps
+// while none of that is due. Its lock is never held while the store is read or written.
 class KeychainItemCache {
 public:
     // Pending: an insert not landed yet; the value is the candidate this process uses meanwhile.
@@ -33,7 +34,11 @@ public:
 
     static KeychainItemCache& shared();
 
-    // The item (no access group), from memory once it has been read.
+    // How long a caller waits for a first read of an item, or for its first insert.
+    static constexpr std::chrono::milliseconds kStoreWait{100};
+
+    // The item (no access group), from memory once it has been read. A first read the store
+    // has not answered within kStoreWait answers Failed; it goes on, and its answer is kept.
     Item item(const std::string& key, const std::string& service);
     // Stores candidate unless a readable item is there (an unreadable one is replaced), in one
     // write no other writer comes between, on the cache's thread. Waits up to `wait` for it and
@@ -63,6 +68,11 @@ private:
         // Counts writes through Keychain, so that a read that raced one is not kept.
         std::uint64_t version = 0;
     };
+    struct PendingRead {
+        bool started = false;
+        bool done = false;
+        Item stored;
+    };
     struct PendingInsert {
         std::weak_ptr<KeychainBackend> backend;
         std::string candidate;
@@ -81,8 +91,13 @@ private:
     // Under mutex_: false when no thread can run (the process exits, or none could be had).
     bool ensureThread();
     void run();
+    // On the thread, under mutex_ (unlocked while the store is read): a first read asked for.
+    void firstRead(std::unique_lock<std::mutex>& lock, const Key& key,
+                   const std::shared_ptr<PendingRead>& request);
     void attempt(const Key& key, const std::shared_ptr<PendingInsert>& insert);
     void refresh();
+    // Wakes the thread from its sleep; any thread, any lock.
+    void wakeThread();
     void stopAtExit();
     void abandonAfterFork();
 
@@ -94,6 +109,9 @@ private:
     std::optional<std::chrono::milliseconds> interval_;
     std::map<Key, Entry> entries_;
     std::map<Key, std::shared_ptr<PendingInsert>> pending_;
+    std::map<Key, std::shared_ptr<PendingRead>> reads_;
+    // An eventfd the thread sleeps on, beside the store's change descriptor.
+    int wakeDescriptor_;
     // Counts every write through Keychain, for reads of items not cached yet.
     std::uint64_t writes_ = 0;
     // Let go of, never joined, in a forked child: the thread is the parent's.

@@ -6,12 +6,18 @@
 #include <memory>
 #include <string>
 
+#include "keychain/StoreChangeWatch.h"
+
 namespace NorvAnalytic {
 
 // A keychain in the desktop's Secret Service (gnome-keyring, KWallet): each item is a secret
 // whose schema attributes are its account, service, access group and accessibility. It never
 // asks for an unlock prompt: a locked or missing collection answers errSecInteractionNotAllowed.
-class SecretServiceKeychainBackend final : public KeychainBackend {
+// The service is called on a thread of ours (norv-secret), which each call waits for 3 s at
+// most: a daemon that does not answer fails the call with errSecInteractionNotAllowed, said
+// once on the diagnostics sink. A daemon that was restarted is connected to again, with a new
+// session, by the next call. Its signals tell of another process's changes.
+class SecretServiceKeychainBackend final : public KeychainBackend, public StoreChangeWatch {
 public:
     static constexpr const char* kDefaultSchemaName = "com.norvanalytic.GenericPassword";
     static constexpr const char* kDefaultCollectionAlias = "default";
@@ -35,12 +41,15 @@ public:
     // <data directory>/NorvAnalytic/<schema name>.lock, so no add comes between another's
     // lookup and its add.
     OSStatus writeTransaction(const std::function<OSStatus()>& body) override;
+    // Only while the daemon's signals cannot be had: another process's change is told otherwise.
     std::optional<std::chrono::milliseconds> identityRefreshInterval() const override;
+    int changeDescriptor() override;
+    bool takeChanges() override;
 
 private:
-    // The libsecret objects, kept out of this header so a host never sees glib types.
+    // The schema and collection, kept out of this header so that no glib type shows here.
     struct Session;
-    std::unique_ptr<Session> session_;
+    std::shared_ptr<const Session> session_;
     std::filesystem::path lockPath_;
 };
 

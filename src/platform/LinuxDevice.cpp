@@ -39,8 +39,6 @@ std::string osReleaseVersion(const std::string& path) {
 
 // The first reading is waited for this long; a battery slower than that reads as unknown once.
 constexpr std::chrono::milliseconds kFirstReadingWait{50};
-// A thread asked for no reading for this long ends; the next call starts one again.
-constexpr std::chrono::seconds kIdleEnd{10};
 
 // The devices alive, so that their threads are ended at exit.
 struct LiveDevices {
@@ -142,17 +140,11 @@ float LinuxDevice::batteryLevel() {
     return batteryLevel_;
 }
 
+// Reads while readings are asked for, then ends: an app-open event is rare, and a thread
+// kept for the next one would only sleep, or wake for nothing.
 void LinuxDevice::refreshBatteryLevel() {
     std::unique_lock lock(batteryMutex_);
-    while (!stopping_) {
-        if (!batteryWanted_ && !batteryChanged_.wait_for(lock, kIdleEnd, [this] {
-                return batteryWanted_ || stopping_;
-            })) {
-            break;
-        }
-        if (stopping_) {
-            break;
-        }
+    while (!stopping_ && batteryWanted_) {
         batteryWanted_ = false;
         lock.unlock();
         const float level = readBatteryLevel();

@@ -3,14 +3,16 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
+#include <sys/eventfd.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
-#include <condition_variable>
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
 #include <mutex>
 #include <optional>
@@ -129,8 +131,9 @@ bool readUntilClosed(int fd, std::chrono::steady_clock::time_point deadline, std
 }
 
 // Reaps the openers we started, on one thread (norv-reaper) that runs only while one is
-// unreaped and is ended at exit. An opener may live as long as the browser it starts, so it
-// is polled rather than waited for; SIGCHLD is the host's and never used.
+// unreaped and is ended at exit. An opener may live as long as the browser it starts, so the
+// thread sleeps in poll() on a pidfd per opener, which turns readable when it exits; SIGCHLD is
+// the host's and never used. A kernel without pidfds has the openers looked at every 100 ms.
 class OpenerReaper {
 public:
     static OpenerReaper& shared() {
@@ -141,8 +144,9 @@ public:
 
     void reap(pid_t child) {
         std::unique_lock lock(mutex_);
-        children_.push_back(child);
+        children_.push_back({child, static_cast<int>(::syscall(SYS_pidfd_open, child, 0))});
         if (running_ || stopping_) {
+            wake();
             return;
         }
         if (thread_.joinable()) {
@@ -159,17 +163,48 @@ public:
     }
 
 private:
+    struct Child {
+        pid_t pid;
+        // -1 without pidfds.
+        int exited;
+    };
+
+    OpenerReaper() : wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+
+    void wake() {
+        const std::uint64_t one = 1;
+        static_cast<void>(::write(wake_, &one, sizeof one));
+    }
+
     void run() {
         std::unique_lock lock(mutex_);
         while (!stopping_ && !children_.empty()) {
-            std::erase_if(children_, [](pid_t child) {
+            std::erase_if(children_, [](const Child& child) {
                 int status = 0;
-                const pid_t reaped = ::waitpid(child, &status, WNOHANG);
-                return reaped == child || (reaped == -1 && errno == ECHILD);
+                const pid_t reaped = ::waitpid(child.pid, &status, WNOHANG);
+                const bool gone = reaped == child.pid || (reaped == -1 && errno == ECHILD);
+                if (gone && child.exited >= 0) {
+                    ::close(child.exited);
+                }
+                return gone;
             });
-            if (!children_.empty()) {
-                changed_.wait_for(lock, std::chrono::milliseconds(100));
+            if (children_.empty()) {
+                break;
             }
+            std::vector<pollfd> descriptors{{wake_, POLLIN, 0}};
+            bool everyPid = true;
+            for (const Child& child : children_) {
+                everyPid = everyPid && child.exited >= 0;
+                if (child.exited >= 0) {
+                    descriptors.push_back({child.exited, POLLIN, 0});
+                }
+            }
+            lock.unlock();
+            static_cast<void>(::poll(descriptors.data(), descriptors.size(), everyPid ? -1 : 100));
+            std::uint64_t count = 0;
+            while (::read(wake_, &count, sizeof count) > 0) {
+            }
+            lock.lock();
         }
         running_ = false;
     }
@@ -178,8 +213,8 @@ private:
         {
             const std::lock_guard lock(mutex_);
             stopping_ = true;
+            wake();
         }
-        changed_.notify_all();
         // The openers still running are reaped by init once the host has exited.
         if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id()) {
             thread_.join();
@@ -187,8 +222,8 @@ private:
     }
 
     std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<pid_t> children_;
+    int wake_;
+    std::vector<Child> children_;
     std::thread thread_;
     bool running_ = false;
     bool stopping_ = false;

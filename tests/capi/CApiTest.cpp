@@ -2,17 +2,27 @@
 #include <NorvAnalytic/NorvAnalytics.h>
 #include <NorvAnalytic/norv.h>
 #include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <future>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
+#include "delivery/QueueFile.h"
 #include "facade/CollectionConsent.h"
+#include "support/HostLoop.h"
 #include "support/ReportingHarness.h"
 
 namespace NorvAnalytic {
@@ -60,6 +70,7 @@ TEST(CApi, BadArgumentsAreSaidOnTheSinkAndChangeNothing) {
             received.lines.clear();
         }
         rows[i].first();
+        ReportingHarness::waitForDiagnostics();
         const std::lock_guard lock(received.mutex);
         ASSERT_EQ(received.lines.size(), 1U) << "row " << i;
         EXPECT_EQ(received.lines[0].first, NORV_DIAGNOSTIC_WARNING) << "row " << i;
@@ -79,6 +90,63 @@ TEST(CApi, BadArgumentsAreSaidOnTheSinkAndChangeNothing) {
     const std::lock_guard lock(received.mutex);
     ASSERT_EQ(received.lines.size(), 2U);
     EXPECT_NE(received.lines[1].second.find("no host/"), std::string::npos);
+}
+
+// With a damaged queue file, a C sink that answers the line about it with a call of ours: the
+// calls that turn the queue on and start the SDK, which find the damage while the queue's file
+// lock is held, return, and so does the sink's call.
+TEST(CApi, ASinkThatCallsUsWhenTheQueueFileIsDamagedHoldsNothingUp) {
+    const std::filesystem::path dataHome =
+        std::filesystem::temp_directory_path() / ("norv-capi-" + std::to_string(::getpid()));
+    ::setenv("XDG_DATA_HOME", dataHome.c_str(), 1);
+    {
+        ReportingHarness harness;
+        struct Row {
+            const char* name;
+            void (*call)();
+        };
+        for (const Row row :
+             {Row{"norv_set_persistent_queue(0)", [] { norv_set_persistent_queue(0); }},
+              Row{"norv_forget_device()", [] { norv_forget_device(); }}}) {
+            SCOPED_TRACE(row.name);
+            // Opened and turned off again, so that whatever the last row's call left, the file
+            // is closed and deleted by the hand-over's thread before the damaged one is made.
+            const std::filesystem::path queueFile = QueueFile::pathFor("");
+            norv_set_persistent_queue(1);
+            norv_set_persistent_queue(0);
+            for (int wait = 0; std::filesystem::exists(queueFile) && wait < 10'000; ++wait) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+            // The damaged file is there before the queue is turned on and the SDK started.
+            std::filesystem::create_directories(queueFile.parent_path());
+            std::ofstream(queueFile) << std::string(4096, 'z');
+            struct Heard {
+                void (*call)();
+                std::atomic<bool> once{false};
+                std::promise<void> answered;
+            } heard{row.call, {false}, {}};
+            norv_set_diagnostics_sink(
+                [](int, const char* line, void* user) {
+                    auto* heard = static_cast<Heard*>(user);
+                    if (std::strstr(line, "moved aside") != nullptr &&
+                        !heard->once.exchange(true)) {
+                        heard->call();
+                        heard->answered.set_value();
+                    }
+                },
+                &heard);
+            Testing::endsWithin(std::chrono::seconds(30), row.name, [&] {
+                norv_set_persistent_queue(1);
+                ReportingHarness::withoutNewTimer(
+                    [] { norv_init_with_key(ReportingHarness::kKey); });
+                heard.answered.get_future().wait();
+            });
+            norv_set_diagnostics_sink(nullptr, nullptr);
+            NorvAnalytics::sharedController().setUrlString(std::string(ReportingHarness::kUrl));
+        }
+    }
+    ::unsetenv("XDG_DATA_HOME");
+    std::filesystem::remove_all(dataHome);
 }
 
 TEST(CApi, AnyNonZeroIntAllowsCollection) {

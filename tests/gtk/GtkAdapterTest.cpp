@@ -2,6 +2,7 @@
 #include <NorvAnalytic/MainQueue.h>
 #include <NorvAnalytic/NorvAnalytics.h>
 #include <NorvAnalytic/Platform.h>
+#include <NorvAnalytic/URL.h>
 #include <NorvAnalytic/norv_gtk.h>
 #include <gtest/gtest.h>
 #include <gtk/gtk.h>
@@ -11,14 +12,16 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <functional>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "support/FakeKeychainBackend.h"
+#include "support/QueueOrderProbe.h"
 #include "support/RecordingHttpClient.h"
+#include "support/SlowDesktop.h"
 
 namespace NorvAnalytic {
 namespace {
@@ -155,6 +158,35 @@ TEST(GtkAdapter, TheAlertIsAModalDialogOverTheWindowDrivenFromTheGtkThread) {
     std::thread([] { MainQueue::main().sync([] {}); }).join();
     gtk_window_destroy(GTK_WINDOW(window));
     std::filesystem::remove_all(opened.parent_path());
+}
+
+TEST(GtkAdapter, TheGtkThreadNeverWaitsForTheDesktop) {
+    Platform::setApplication(std::make_shared<Testing::SlowDesktop>());
+    gtk_init();
+    ASSERT_EQ(norv_gtk_install(), 1);
+    const URL url = *URL::URLWithString("x-test://a");
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(Platform::application()->canOpenURL(url));  // not asked yet
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100));
+    EXPECT_TRUE(loopUntil([&] { return Platform::application()->canOpenURL(url); }));
+    norv_gtk_uninstall();
+    Platform::setApplication(nullptr);
+}
+
+// Tasks still waiting for the GTK loop when the adapter goes run before any newer task and
+// never beside one, while another thread keeps adding tasks.
+TEST(GtkAdapter, AtUninstallTheTasksLeftOnTheLoopRunFirstAndOneAtATime) {
+    gtk_init();
+    ASSERT_EQ(norv_gtk_install(), 1);
+    Testing::QueueOrderProbe probe;
+    probe.queue(20);  // handed to the GTK loop, which does not turn before the adapter goes
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    probe.startAdding();
+    norv_gtk_uninstall();
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    probe.stopAdding();
+    EXPECT_FALSE(probe.overlapped());
+    EXPECT_TRUE(probe.ranInOrder(20));
 }
 
 }  // namespace

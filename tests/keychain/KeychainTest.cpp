@@ -13,6 +13,7 @@
 #include <atomic>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <stdexcept>
 #include <thread>
 
@@ -24,6 +25,7 @@
 #include "support/ChildProcess.h"
 #include "support/FakeKeychainBackend.h"
 #include "support/FilesHolding.h"
+#include "support/ThreadList.h"
 
 namespace NorvAnalytic {
 namespace {
@@ -376,7 +378,17 @@ TEST(SystemFileKeychainTest, WritersInTwoProcessesLoseNoWriteAndAKilledOneTearsN
     }
 }
 
-// What another process saves reaches this one's cached identity without a word to it.
+// The identity's reader wakes only when the store may have changed.
+bool keychainThreadsSleepMeanwhile() {
+    // Our own last write is read back once more a moment after it.
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    return Testing::wakeUpsDuring(std::chrono::milliseconds(1500), [](const std::string& name) {
+               return name == "norv-keychain" || name == "norv-secret";
+           }) == 0;
+}
+
+// What another process saves reaches this one's cached identity without a word to it, and
+// without a clock: until then, nothing of ours wakes.
 TEST(SystemFileKeychainTest, AnotherProcesssSaveReplacesTheCachedUserIdWithinASecond) {
     const ScratchDirectory scratch;
     scratch.keychain();
@@ -386,6 +398,7 @@ TEST(SystemFileKeychainTest, AnotherProcesssSaveReplacesTheCachedUserIdWithinASe
     EXPECT_EQ(cache.item("user_id", "NorvAnalyticDeviceUUID").value, std::nullopt);
     NorvAnalytics::saveStoreUserID(std::string("here"));
     EXPECT_EQ(cache.item("user_id", "NorvAnalyticDeviceUUID").value, "here");
+    EXPECT_TRUE(keychainThreadsSleepMeanwhile());
     ASSERT_EQ(
         Testing::runChildProcess(
             {Testing::siblingExecutable("keychain_writer"), scratch.path, "save", "there"}, {}),
@@ -399,12 +412,14 @@ TEST(SystemFileKeychainTest, AnotherProcesssSaveReplacesTheCachedUserIdWithinASe
     EXPECT_EQ(cache.item("user_id", "NorvAnalyticDeviceUUID").value, "there");
 }
 
-// This process holds the device UUID in memory and another forgets the device: at its next
-// refresh this one no longer uses the old UUID. The writer's extra arguments pick its store.
+// This process holds the device UUID in memory and another forgets the device: told by the
+// store, within a second, this one no longer uses the old UUID, and until then nothing of ours
+// wakes to look. The writer's extra arguments pick its store.
 void expectAnotherProcesssErasureSeenAtTheNextRefresh(const ScratchDirectory& scratch,
                                                    const std::vector<std::string>& store) {
     const std::string held = NorvAnalytics::getNorvAnalyticUUID();
     ASSERT_EQ(NorvAnalytics::getNorvAnalyticUUID(), held);
+    EXPECT_TRUE(keychainThreadsSleepMeanwhile());
     std::vector<std::string> argv{Testing::siblingExecutable("keychain_writer"), scratch.path,
                                   "forget"};
     argv.insert(argv.end(), store.begin(), store.end());
@@ -415,6 +430,7 @@ void expectAnotherProcesssErasureSeenAtTheNextRefresh(const ScratchDirectory& sc
            std::chrono::steady_clock::now() - erased < std::chrono::seconds(5)) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
+    EXPECT_LT(std::chrono::steady_clock::now() - erased, std::chrono::seconds(1));
     EXPECT_NE(NorvAnalytics::getNorvAnalyticUUID(), held);
 }
 
@@ -432,6 +448,45 @@ TEST(SystemKeychainTest, AnotherProcesssErasureOnTheSecretServiceAtItsNextRefres
     const std::string schema = "com.norvanalytic.forget" + std::to_string(::getpid());
     Platform::setKeychainBackend(std::make_shared<SecretServiceKeychainBackend>(schema, "session"));
     expectAnotherProcesssErasureSeenAtTheNextRefresh(scratch, {schema});
+    Platform::setKeychainBackend(nullptr);
+}
+
+// A valid database of someone else's at the keychain's path, with an items table of another
+// shape: moved aside like a damaged one and said on the sink, so that the next start keeps the
+// UUID the new store holds instead of making one at every start.
+TEST(SystemFileKeychainTest, AForeignDatabaseAtThePathIsMovedAsideAndTwoStartsHoldOneUUID) {
+    const ScratchDirectory scratch;
+    sqlite3* foreign = nullptr;
+    ASSERT_EQ(sqlite3_open((scratch.path + "/keychain.sqlite").c_str(), &foreign), SQLITE_OK);
+    const int made = sqlite3_exec(foreign,
+                                  "CREATE TABLE items (id INTEGER PRIMARY KEY, label TEXT);"
+                                  "INSERT INTO items (label) VALUES ('theirs')",
+                                  nullptr, nullptr, nullptr);
+    sqlite3_close(foreign);
+    ASSERT_EQ(made, SQLITE_OK);
+    std::vector<std::string> said;
+    Platform::setDiagnosticsSink(
+        [&](DiagnosticLevel, const std::string& line) { said.push_back(line); });
+    scratch.keychain();
+    const std::string first = NorvAnalytics::getNorvAnalyticUUID();
+    Platform::setDiagnosticsSink(nullptr);
+    ASSERT_EQ(said.size(), 1U);
+    EXPECT_NE(said[0].find("moved aside"), std::string::npos) << said[0];
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    ASSERT_EQ(Testing::runChildProcess({Testing::siblingExecutable("keychain_writer"), scratch.path,
+                                        "uuid", std::to_string(now.count())},
+                                       {}),
+              0);
+    std::vector<std::string> secondStart;
+    for (const auto& entry : fs::directory_iterator(scratch.path)) {
+        if (entry.path().filename().string().starts_with("held-")) {
+            std::ifstream in(entry.path());
+            secondStart.emplace_back(std::istreambuf_iterator<char>(in),
+                                     std::istreambuf_iterator<char>());
+        }
+    }
+    EXPECT_EQ(secondStart, std::vector<std::string>{first});
+    EXPECT_EQ(Keychain::itemForKey("device_uuid", "NorvAnalyticDeviceUUID", nullptr), first);
     Platform::setKeychainBackend(nullptr);
 }
 

@@ -140,7 +140,9 @@ TEST(CurlHttpClientTest, AnAnswerPastTheCapArrivesEmptyWithItsStatusAndAFullQueu
         EXPECT_TRUE(outcome == "500 [{}]" || outcome.starts_with("-1 no data error 2: "))
             << outcome;
     }
-    EXPECT_GE(answered, CurlHttpClient::kMaxWaitingRequests);
+    // On a busy machine the network thread may not have taken even the first one yet, so the
+    // waiting list can hold it too.
+    EXPECT_GE(answered, CurlHttpClient::kMaxWaitingRequests - 1);
 }
 
 TEST(CurlHttpClientTest, AServerThatNeverAnswersHoldsOnlyItsOwnRequests) {
@@ -220,12 +222,16 @@ TEST(HeadlessApplicationTest, AsksTheDesktopAndOpensWithoutAShellLeavingNoProces
     EXPECT_FALSE(fs::exists(directory / "a") || fs::exists(directory / "b"));
     EXPECT_FALSE(HeadlessApplication(mime, directory / "none").openURL(store));
 
-    // An opener that lingers is waited for by a thread of ours, named and with the host's
-    // signals blocked, that ends once the opener is reaped.
-    const auto lingering = script("lingering", "exec sleep 0.5\n");
+    // An opener that lingers (as long as the browser it starts) is waited for by a thread of
+    // ours, named and with the host's signals blocked, that sleeps until it exits and ends once
+    // it is reaped.
+    const auto lingering = script("lingering", "exec sleep 0.6\n");
     ASSERT_TRUE(HeadlessApplication(mime, lingering).openURL(store));
     std::this_thread::sleep_for(100ms);
     EXPECT_TRUE(Testing::runsWithSignalBlocked("norv-reaper", SIGTERM));
+    EXPECT_EQ(Testing::wakeUpsDuring(300ms,
+                                     [](const std::string& name) { return name == "norv-reaper"; }),
+              0U);
     ASSERT_TRUE(noChildrenWithin(10s));
     std::this_thread::sleep_for(300ms);
     EXPECT_EQ(std::ranges::count(Testing::threadList(), "norv-reaper", &Testing::ThreadInfo::name),

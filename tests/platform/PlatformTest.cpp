@@ -1,5 +1,6 @@
 #include <NorvAnalytic/AlertController.h>
 #include <NorvAnalytic/MainQueue.h>
+#include <NorvAnalytic/Platform.h>
 #include <NorvAnalytic/URL.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -7,21 +8,28 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <future>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
-#include "platform/LinuxDevice.h"
 #include "mainqueue/MainQueueClock.h"
 #include "mainqueue/ManualClock.h"
+#include "platform/Diagnostics.h"
+#include "platform/LinuxDevice.h"
+#include "support/HostLoop.h"
+#include "support/QueueOrderProbe.h"
+#include "support/ThreadList.h"
 
 namespace NorvAnalytic {
 namespace {
@@ -57,53 +65,143 @@ TEST(MainQueueTest, TimersRunOnTheQueuesOwnThreadInOrder) {
 }
 
 TEST(MainQueueTest, ATapFromTheHostLoopsThreadDismissesThenRunsTheHandlerThereAtOnce) {
-    std::mutex mutex;
-    std::condition_variable ready;
-    std::deque<MainQueue::Task> jobs;  // an empty job ends the loop
-    const auto post = [&](MainQueue::Task job) {
-        std::lock_guard lock(mutex);
-        jobs.push_back(std::move(job));
-        ready.notify_one();
-    };
-    std::thread loop([&] {  // a host's UI loop on a thread of its own, as Qt's would be
-        for (MainQueue::Task job = [] {}; job;) {
-            job();
-            std::unique_lock lock(mutex);
-            ready.wait(lock, [&] { return !jobs.empty(); });
-            job = std::move(jobs.front());
-            jobs.pop_front();
-        }
-    });
+    Testing::HostLoop loop;
     auto& queue = MainQueue::main();
-    queue.setExecutor(post);
+    queue.setExecutor(loop.executor());
     Lines runs;         // written on the loop's thread, read after it signalled
     queue.sync([] {});  // the loop has run a task of the queue
     auto alert = AlertController::alertControllerWithTitle("New Update Available!", std::nullopt,
                                                            AlertControllerStyle::Alert);
     alert->addAction(AlertAction::actionWithTitle(
         "Update", AlertActionStyle::Default, [&](const AlertAction& a) {
-            runs.push_back(a.title() +
-                           (std::this_thread::get_id() == loop.get_id() ? " on loop" : "") +
+            runs.push_back(a.title() + (std::this_thread::get_id() == loop.id() ? " on loop" : "") +
                            (alert->isOnScreen() ? " on screen" : ""));
         }));
     alert->addAction(AlertAction::actionWithTitle("Cancel", AlertActionStyle::Cancel, nullptr));
-    std::promise<void> clicked;
-    post([&] {  // a button's click: the loop's own work, not a task of the queue
-        for (int index : {2, 1, 0}) {  // no action at 2
-            alert->setOnScreen(true);
-            alert->tapActionAtIndex(index);
-            runs.push_back(alert->isOnScreen() ? "shown" : "dismissed");
-        }
-        clicked.set_value();
+    Testing::endsWithin(30s, "the host loop's thread waits for itself", [&] {
+        std::promise<void> clicked;
+        loop.post([&] {  // a button's click: the loop's own work, not a task of the queue
+            for (int index : {2, 1, 0}) {  // no action at 2
+                alert->setOnScreen(true);
+                alert->tapActionAtIndex(index);
+                runs.push_back(alert->isOnScreen() ? "shown" : "dismissed");
+            }
+            clicked.set_value();
+        });
+        clicked.get_future().wait();
     });
-    if (clicked.get_future().wait_for(30s) != std::future_status::ready) {
-        std::fputs("the host loop's thread waits for itself\n", stderr);
-        std::_Exit(1);  // the loop can never be joined
-    }
-    post(nullptr);
-    loop.join();
     queue.setExecutor(nullptr);
     EXPECT_EQ(runs, (Lines{"shown", "dismissed", "Update on loop", "dismissed"}));
+}
+
+// A task that throws, and a host's executor that throws the first time it is handed work (its
+// loop not ready yet): each is said once on the diagnostics sink and the queue goes on, in
+// order; sync() hands its task's exception to its caller, and no thread is left marked as the
+// queue's by a task that threw.
+TEST(MainQueueTest, WhatATaskOrTheHostsExecutorThrowsIsSaidOnceAndTheQueueGoesOn) {
+    std::mutex mutex;
+    Lines said;
+    Platform::setDiagnosticsSink([&](DiagnosticLevel, const std::string& line) {
+        const std::lock_guard lock(mutex);
+        said.push_back(line.substr(0, line.find(" (")));
+    });
+    auto& queue = MainQueue::main();
+    Lines ran;  // touched on the queue only, and read after a sync
+    queue.async([] { throw std::runtime_error("a task failed"); });
+    queue.async([&] { ran.push_back("after the throw"); });
+    bool rethrown = false;
+    Testing::endsWithin(30s, "sync() after a task that threw", [&] {
+        try {
+            queue.sync([] { throw std::logic_error("sync's task failed"); });
+        } catch (const std::logic_error&) {
+            rethrown = true;
+        }
+    });
+
+    Testing::HostLoop loop;
+    bool refused = false;  // norv-main hands work over
+    queue.setExecutor([&](MainQueue::Task task) {
+        if (!std::exchange(refused, true)) {
+            throw std::runtime_error("the loop is not ready");
+        }
+        loop.post(std::move(task));
+    });
+    for (int task = 0; task < 3; ++task) {
+        queue.async([&, task] {
+            ran.push_back("loop " + std::to_string(task) +
+                          (std::this_thread::get_id() == loop.id() ? "" : " elsewhere"));
+        });
+    }
+    queue.async([] { throw std::runtime_error("a task on the loop failed"); });
+    Testing::endsWithin(30s, "sync() through an executor that threw once",
+                        [&] { queue.sync([] {}); });
+    queue.setExecutor(nullptr);
+    std::promise<bool> loopMarked;
+    loop.post([&] { loopMarked.set_value(queue.isCurrent()); });  // the loop's own work
+    EXPECT_FALSE(loopMarked.get_future().get());
+    Platform::setDiagnosticsSink(nullptr);
+    EXPECT_TRUE(rethrown);
+    EXPECT_EQ(ran, (Lines{"after the throw", "loop 0", "loop 1", "loop 2"}));
+    EXPECT_EQ(said, (Lines{"A task on the main queue threw", "The host's executor threw",
+                           "A task on the main queue threw"}));
+}
+
+// The executor is replaced while a task of the queue runs on the host's thread: the tasks after
+// it wait for it to end, wherever they run next, and keep their order.
+TEST(MainQueueTest, AChangeOfExecutorWhileATaskRunsKeepsTheQueueSerial) {
+    auto& queue = MainQueue::main();
+    Testing::QueueOrderProbe probe;
+    Testing::HostLoop loop;
+    queue.setExecutor(loop.executor());
+    std::promise<void> started;
+    queue.async([&, slow = probe.task(0, 200ms)] {
+        started.set_value();
+        slow();
+    });
+    queue.async(probe.task(1));
+    started.get_future().wait();
+    probe.startAdding();
+    queue.setExecutor(nullptr);
+    std::this_thread::sleep_for(50ms);
+    Testing::endsWithin(30s, "the queue after a change of executor", [&] { probe.stopAdding(); });
+    EXPECT_FALSE(probe.overlapped());
+    EXPECT_TRUE(probe.ranInOrder(2));
+}
+
+// A sink slower than the lines said: they reach it in order, and what a full queue dropped is
+// counted and said, in its place, once there is room again.
+TEST(DiagnosticsTest, ASlowSinkGetsItsLinesInOrderAndWhatAFullQueueDroppedIsSaid) {
+    std::promise<void> entered;
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    Lines got;  // the sink's thread only, read after the sink was replaced
+    Platform::setDiagnosticsSink([&](DiagnosticLevel, const std::string& line) {
+        if (got.empty()) {
+            entered.set_value();
+            released.wait();
+        }
+        got.push_back(line);
+    });
+    const std::size_t droppedBefore = Diagnostics::droppedCount();
+    Diagnostics::report(DiagnosticLevel::Info, "line 0");
+    entered.get_future().wait();
+    constexpr std::size_t kBeyond = 5;
+    const std::size_t lines = 1 + Diagnostics::kMaxWaitingLines + kBeyond;
+    for (std::size_t line = 1; line < lines; ++line) {
+        Diagnostics::report(DiagnosticLevel::Info, "line " + std::to_string(line));
+    }
+    release.set_value();
+    Diagnostics::waitUntilDelivered(std::chrono::steady_clock::now() + 30s);
+    Diagnostics::report(DiagnosticLevel::Info, "after");
+    Platform::setDiagnosticsSink(nullptr);
+    Lines expected;
+    for (std::size_t line = 0; line <= Diagnostics::kMaxWaitingLines; ++line) {
+        expected.push_back("line " + std::to_string(line));
+    }
+    expected.push_back("5 diagnostics lines were dropped: the sink fell behind.");
+    expected.push_back("after");
+    EXPECT_EQ(got, expected);
+    EXPECT_EQ(Diagnostics::droppedCount() - droppedBefore, kBeyond);
 }
 
 TEST(URLTest, AcceptsWhatRfc3986AcceptsAndKeepsTheTextAsGiven) {
@@ -166,6 +264,15 @@ TEST(LinuxDeviceTest, ReadsTheDistributionsVersionAndTheFirstBattery) {
         bare.setBatteryMonitoringEnabled(enabled);
     }
     levels.insert(levels.end(), {soon(device, 0.75F), bare.batteryLevel()});
+    // Its thread ends with the reading: nothing of ours stays to wake for the next one.
+    const auto read = std::chrono::steady_clock::now();
+    while (std::ranges::count(Testing::threadList(), "norv-battery", &Testing::ThreadInfo::name) >
+               0 &&
+           std::chrono::steady_clock::now() - read < std::chrono::seconds(2)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    EXPECT_EQ(std::ranges::count(Testing::threadList(), "norv-battery", &Testing::ThreadInfo::name),
+              0);
     std::ofstream(root / "power/BAT0/capacity") << "not a number\n";
     levels.push_back(soon(device, -1.0F));
     std::ofstream(root / "power/BAT0/capacity") << "40\n";

@@ -12,12 +12,13 @@
 #include <QPushButton>
 #include <QTest>
 #include <QThread>
-#include <atomic>
 #include <chrono>
 #include <thread>
 
 #include "support/FakeKeychainBackend.h"
+#include "support/QueueOrderProbe.h"
 #include "support/RecordingHttpClient.h"
+#include "support/SlowDesktop.h"
 
 namespace NorvAnalytic {
 namespace {
@@ -97,20 +98,11 @@ TEST(QtAdapter, TheAlertIsAModalBoxOverTheActiveWindowDrivenFromTheGuiThread) {
     QDesktopServices::unsetUrlHandler("https");
 }
 
-// A desktop that takes its time to name a handler, as xdg-mime may; it knows only "x-test".
-class SlowDesktop final : public Application {
-public:
-    std::shared_ptr<Window> keyWindow() const override { return nullptr; }
-    bool canOpenURL(const URL& url) override {
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        return url.scheme() == "x-test";
-    }
-    bool openURL(const URL&) override { return false; }
-};
-
-TEST(QtAdapter, TheGuiThreadNeverWaitsForTheDesktopAndNoTaskIsLostWithTheApplication) {
-    Platform::setApplication(std::make_shared<SlowDesktop>());
-    std::atomic<int> ran = 0;
+// The tasks left on the GUI thread's loop when the application goes run before any newer task
+// and never beside one, while another thread keeps adding tasks.
+TEST(QtAdapter, TheGuiThreadNeverWaitsForTheDesktopAndTasksLeftWithTheApplicationRunFirst) {
+    Platform::setApplication(std::make_shared<Testing::SlowDesktop>());
+    Testing::QueueOrderProbe probe;
     {
         int argc = 1;
         char name[] = "qt_adapter_test";
@@ -122,16 +114,14 @@ TEST(QtAdapter, TheGuiThreadNeverWaitsForTheDesktopAndNoTaskIsLostWithTheApplica
         EXPECT_FALSE(Platform::application()->canOpenURL(url));  // not asked yet
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100));
         EXPECT_TRUE(QTest::qWaitFor([&] { return Platform::application()->canOpenURL(url); }));
-        // Posted to the GUI thread, whose loop never turns again.
-        for (int task = 0; task < 5; ++task) {
-            MainQueue::main().async([&] { ++ran; });
-        }
+        probe.queue(20);  // posted to the GUI thread, whose loop never turns again
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        probe.startAdding();
     }
-    const auto gone = std::chrono::steady_clock::now();
-    while (ran < 5 && std::chrono::steady_clock::now() - gone < std::chrono::seconds(5)) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    EXPECT_EQ(ran, 5);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    probe.stopAdding();
+    EXPECT_FALSE(probe.overlapped());
+    EXPECT_TRUE(probe.ranInOrder(20));
     Platform::setApplication(nullptr);
 }
 

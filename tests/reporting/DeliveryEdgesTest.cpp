@@ -1,6 +1,6 @@
 // Delivery at its edges, with the real HTTP client, a real server and a real queue file: privacy
 // fences while requests wait, the queue turned off and on mid-flight, a file another process
-// locks, a refused event the saved list lets go, and idempotency keys on a resend.
+// locks, and a refused event the saved list lets go.
 #include <NorvAnalytic/CurlHttpClient.h>
 #include <NorvAnalytic/NorvAnalytics.h>
 #include <NorvAnalytic/Platform.h>
@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <map>
@@ -267,32 +266,6 @@ TEST_F(DeliveryEdges, AForgetThatCannotEmptyTheJournalSaysSo) {
     EXPECT_TRUE(std::ranges::any_of(lines, [](const std::string& line) {
         return line.find("could not be emptied") != std::string::npos;
     }));
-}
-
-// A refused event is resent by the one-second timer with its first key and its first body.
-TEST_F(DeliveryEdges, AnEventKeepsItsIdempotencyKeyOnItsResend) {
-    start(false);
-    NorvAnalytics::setIdempotencyKeys(true);
-    std::atomic<bool> refused{false};
-    server.setResponder([&](const std::string&, const std::string& body) {
-        const bool refuse = body.find("pageName=keyed&") != std::string::npos && !refused.exchange(true);
-        return Server::Answer{.status = refuse ? 500 : 200};
-    });
-    const std::size_t before = server.received().size();
-    NorvAnalytics::sendEventWithPageName("keyed");
-    NorvAnalytics::setIdempotencyKeys(false);
-    NorvAnalytics::sendEventWithPageName("unkeyed");
-    ASSERT_TRUE(server.waitForCount(before + 3, std::chrono::seconds(5)));
-    std::map<std::string, std::vector<Server::Received>> byPage;
-    for (const Server::Received& each : server.received()) {
-        byPage[valueIn(each.body, "pageName")].push_back(each);
-    }
-    ASSERT_EQ(byPage["keyed"].size(), 2U);
-    EXPECT_FALSE(byPage["keyed"][0].key.empty());
-    EXPECT_EQ(byPage["keyed"][1].key, byPage["keyed"][0].key);
-    EXPECT_EQ(byPage["keyed"][1].body, byPage["keyed"][0].body);
-    ASSERT_EQ(byPage["unkeyed"].size(), 1U);
-    EXPECT_EQ(byPage["unkeyed"][0].key, "");
 }
 
 }  // namespace

@@ -2,7 +2,8 @@
 // from exit handlers and thread_local destructors, how the SDK's threads look from outside,
 // what forgetting the device leaves on disk, and what a killed host leaves to the next one.
 // usage: reporting_lifecycle_host fork|exit-handlers|threads|forget|persist-record|
-//        persist-resume|persist-pair|persist-keys|persist-full|queue-off|no-consent URL [prefix]
+//        persist-resume|persist-pair|persist-keys|persist-full|queue-off|no-consent|idle URL
+//        [prefix]
 #include <NorvAnalytic/NorvAnalytic.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -82,6 +83,39 @@ int threads() {
         }
     }
     return failures == 0 ? 0 : 6;
+}
+
+// How often our threads woke in three seconds.
+unsigned long long wakeUpsOfOurs() {
+    return NorvAnalytic::Testing::wakeUpsDuring(
+        std::chrono::seconds(3), [](const std::string& name) { return name.starts_with("norv-"); });
+}
+
+// Idle with nothing saved, our threads sleep; a refused event is resent on the next tick, and
+// then they sleep again.
+int idle() {
+    NorvAnalytics::sendAppOpenEvent();
+    sendPages("page-", 1);
+    if (!NorvAnalytics::flush(kFlushLimit)) {
+        return 5;
+    }
+    // The first tick finds nothing saved.
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    if (const auto wakeUps = wakeUpsOfOurs(); wakeUps > 1) {
+        std::cerr << wakeUps << " wake-ups with nothing saved\n";
+        return 10;
+    }
+    NorvAnalytics::sendEventWithPageName("refuse-me");
+    if (!NorvAnalytics::flush(kFlushLimit)) {
+        return 5;
+    }
+    // The next tick resends it, and the one after finds nothing.
+    std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+    if (const auto wakeUps = wakeUpsOfOurs(); wakeUps > 1) {
+        std::cerr << wakeUps << " wake-ups after the resend\n";
+        return 11;
+    }
+    return 0;
 }
 
 // With the queue on: 10,000 events, then a kill -9 200 ms after the last call. The sanitizers
@@ -176,6 +210,9 @@ int main(int argc, char** argv) {
     }
     if (mode == "forget") {
         return forget();
+    }
+    if (mode == "idle") {
+        return idle();
     }
     return mode == "threads" ? threads() : 2;
 }

@@ -309,6 +309,21 @@ TEST_F(Lifecycle, EveryThreadOfOursIsNamedAndBlocksTheHostsSignals) {
     EXPECT_EQ(run("threads"), 0);
 }
 
+// An idle host's threads of ours sleep while nothing waits: also after a refused event, which
+// is resent on the next tick as it always was.
+TEST_F(Lifecycle, OurThreadsSleepWhileNothingWaits) {
+    std::mutex mutex;
+    bool refused = false;
+    server.setResponder([&](const std::string&, const std::string& body) {
+        const std::lock_guard lock(mutex);
+        const bool refuse = !refused && body.find("refuse-me") != std::string::npos;
+        refused = refused || refuse;
+        return Testing::LocalHttpServer::Answer{.status = refuse ? 500 : 200};
+    });
+    EXPECT_EQ(run("idle"), 0);
+    EXPECT_EQ(std::ranges::count(pagesReceived(server), "refuse-me"), 2);
+}
+
 // Each run sends an event, forgets the device and sends another. The second run's first UUID
 // is on disk before it starts, in the keychain and in a store moved aside beside it; afterwards
 // no file under the data directory holds a byte of it, and its next event has a new one.

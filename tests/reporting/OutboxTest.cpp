@@ -116,6 +116,7 @@ TEST(Outbox, AFullWaitingListDropsTheOldestCountsItAndEndsItsTicket) {
         const std::uint64_t droppedBefore = NorvAnalytics::droppedEventCount();
         std::ranges::for_each(pages(kWindow, kWindow + 10), &NorvAnalytics::sendEventWithPageName);
         EXPECT_EQ(NorvAnalytics::droppedEventCount() - droppedBefore, 10 - row.kept);
+        harness.waitForDiagnostics();
         EXPECT_EQ(warnings, 1U);
         while (harness.http->answerAll(200, "") > 0) {
         }

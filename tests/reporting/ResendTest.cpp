@@ -155,6 +155,62 @@ TEST(Resend, WithTheQueueOnUnansweredEventsAreTriedOnTheTickAndFollowTheFirstAns
     std::filesystem::remove_all(dataHome);
 }
 
+// A tick that finds nothing saved lets the resend timers rest: their ticks pass without a
+// task, not even the reachability check, until an event is kept; it goes out at the next tick
+// of the timer's phase, as if the timer had never stopped, and then the timers rest again.
+TEST(Resend, TimersRestWhileNothingIsSavedAndKeepTheirPhase) {
+    ReportingHarness harness;
+    const auto halfSecond = [&] {
+        harness.clock->advance(std::chrono::milliseconds(500));
+        MainQueue::main().sync([] {});
+    };
+    harness.tick();  // finds nothing: from here on the timers rest
+    const std::size_t checks = harness.reachability->getFlagsCalls();
+    for (int step = 0; step < 6; ++step) {
+        halfSecond();
+    }
+    EXPECT_EQ(harness.reachability->getFlagsCalls(), checks);
+
+    // Kept half-way between two ticks: nothing until the next whole second, then the resend.
+    halfSecond();
+    refusedPages(harness, {"A"});
+    EXPECT_EQ(harness.http->bodies(), Lines{});
+    halfSecond();
+    EXPECT_EQ(harness.http->bodies(), Lines{pageBody(harness, "A")});
+    EXPECT_EQ(harness.log.lines(), Lines{"There are 1 saved events to send!"});
+    harness.http->answerAll(200, "{}");
+    harness.http->clear();
+    harness.tick();  // finds the list empty: the timers rest again
+    const std::size_t afterResend = harness.reachability->getFlagsCalls();
+    for (int step = 0; step < 4; ++step) {
+        harness.tick();
+    }
+    EXPECT_EQ(harness.reachability->getFlagsCalls(), afterResend);
+    EXPECT_EQ(harness.http->bodies(), Lines{});
+}
+
+// With the queue on, an event whose request got no answer wakes resting timers: it is tried
+// again at the next tick.
+TEST(Resend, AnUnansweredEventWakesRestingTimers) {
+    const std::filesystem::path dataHome =
+        std::filesystem::temp_directory_path() / ("norv-rest-" + std::to_string(::getpid()));
+    ::setenv("XDG_DATA_HOME", dataHome.c_str(), 1);
+    {
+        ReportingHarness harness;
+        NorvAnalytics::setPersistentQueue(true);
+        harness.tick();
+        harness.tick();  // nothing saved or unanswered: the timers rest
+        NorvAnalytics::sendEventWithPageName("A");
+        EXPECT_EQ(harness.http->failAll(), 1U);
+        harness.http->clear();
+        harness.tick();
+        EXPECT_EQ(harness.http->bodies(), Lines{pageBody(harness, "A")});
+        harness.http->answerAll(200, "{}");
+    }
+    ::unsetenv("XDG_DATA_HOME");
+    std::filesystem::remove_all(dataHome);
+}
+
 TEST(Resend, BeyondEitherLimitTheOldestSavedEventsGoCountedAndSaidOncePerBurst) {
     // The byte limit of the second row holds three bare events, but two of these, whose long
     // page names take heap blocks of their own.
@@ -180,6 +236,7 @@ TEST(Resend, BeyondEitherLimitTheOldestSavedEventsGoCountedAndSaidOncePerBurst) 
         Lines kept(sent.end() - static_cast<std::ptrdiff_t>(row.kept), sent.end());
         EXPECT_EQ(savedPages(), kept);
         EXPECT_EQ(NorvAnalytics::droppedEventCount() - droppedBefore, 10 - row.kept);
+        harness.waitForDiagnostics();
         EXPECT_EQ(warnings, 1U);
 
         // The oldest goes out; the next refusal is kept without a drop, which ends the burst,
@@ -187,12 +244,14 @@ TEST(Resend, BeyondEitherLimitTheOldestSavedEventsGoCountedAndSaidOncePerBurst) 
         harness.tick();
         kept.erase(kept.begin());
         refusedPages(harness, {row.padding + "q0"});
+        harness.waitForDiagnostics();
         EXPECT_EQ(warnings, 1U);
         refusedPages(harness, {row.padding + "q1"});
         kept.erase(kept.begin());
         kept.insert(kept.end(), {row.padding + "q0", row.padding + "q1"});
         EXPECT_EQ(savedPages(), kept);
         EXPECT_EQ(NorvAnalytics::droppedEventCount() - droppedBefore, 11 - row.kept);
+        harness.waitForDiagnostics();
         EXPECT_EQ(warnings, 2U);
 
         Platform::setDiagnosticsSink(nullptr);

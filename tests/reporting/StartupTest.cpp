@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "BuildConfig.h"
+#include "platform/Diagnostics.h"
 #include "support/FakeKeychainBackend.h"
 #include "support/RecordingHttpClient.h"
 #include "support/RecordingLogSink.h"
@@ -69,6 +70,8 @@ TEST(Startup, NothingHappensBeforeInitWithKeyAndInitResetsWhatItOwnsOnTheCollect
     for (const auto& [host, reason] : refused) {
         lines.clear();
         EXPECT_FALSE(NorvAnalytics::setCollectionServerHost(host));
+        Diagnostics::waitUntilDelivered(std::chrono::steady_clock::now() +
+                                        std::chrono::seconds(30));
         EXPECT_EQ(lines,
                   std::vector<std::string>{"2Collection server host \"" + host + "\" refused: it " +
                                            reason + ". It stays \"collector.example:8080\"."});

@@ -5,10 +5,11 @@
 #include <NorvAnalytic/MainQueue.h>
 #include <NorvAnalytic/Platform.h>
 
-#include "events/DeviceIdentity.h"
 #include "delivery/Outbox.h"
+#include "events/DeviceIdentity.h"
 #include "events/EventTable.h"
 #include "events/TextFormat.h"
+#include "platform/Diagnostics.h"
 
 namespace NorvAnalytic::Testing {
 
@@ -53,9 +54,23 @@ void ReportingHarness::restart() {
     NorvAnalytics::sharedController().setUrlString(std::string(kUrl));
 }
 
+void ReportingHarness::withoutNewTimer(const std::function<void()>& f) {
+    auto& controller = NorvAnalytics::sharedController();
+    const std::shared_ptr<Timer> kept = controller.timer();
+    f();
+    if (const auto added = controller.timer(); added && added != kept) {
+        added->invalidate();
+    }
+    controller.setTimer(kept);
+}
+
 void ReportingHarness::tick() {
     clock->advance(std::chrono::seconds(1));
     MainQueue::main().sync([] {});
+}
+
+void ReportingHarness::waitForDiagnostics() {
+    Diagnostics::waitUntilDelivered(std::chrono::steady_clock::now() + std::chrono::seconds(30));
 }
 
 std::string ReportingHarness::deviceUUID() const {

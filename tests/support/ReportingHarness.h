@@ -2,6 +2,7 @@
 
 #include <NorvAnalytic/NorvAnalytics.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -47,6 +48,9 @@ public:
 
     // initWithKey again, pointed at kUrl; the earlier timers keep running.
     void restart();
+    // Runs f, which calls initWithKey, and takes back the timer that added: a timer left behind
+    // ticks on after the test, against the next one's stand-ins.
+    static void withoutNewTimer(const std::function<void()>& f);
     // One second of the resend timer; returns once the main queue has run its ticks.
     void tick();
     std::string deviceUUID() const;
@@ -54,6 +58,8 @@ public:
     std::string body(const ExpectedEvent& sent, bool appOpen = false,
                      const Text& userId = std::nullopt) const;
     std::size_t savedCount() const;
+    // Returns once what was said on the diagnostics sink so far has reached it.
+    static void waitForDiagnostics();
 
     RecordingLogSink log;
     std::shared_ptr<RecordingHttpClient> http = std::make_shared<RecordingHttpClient>();
