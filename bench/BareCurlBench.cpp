@@ -6,15 +6,15 @@
 #include <string>
 #include <vector>
 
+#include "BurstSize.h"
 #include "ProcessCpu.h"
 
 // libcurl's multi interface alone, as a yardstick for the SDK's delivery: 64 easy handles
 // reused, HTTP/2 multiplexed on one connection where the server offers it (six HTTP/1.1
-// connections otherwise), the SDK's 240-byte body, 100,000 POSTs.
+// connections otherwise), the SDK's 240-byte body, 100,000 POSTs (NORV_THROUGHPUT_EVENTS).
 // usage: bare_curl_bench URL [CA file]
 namespace {
 
-constexpr int kRequests = 100'000;
 constexpr int kHandles = 64;
 
 using NorvAnalytic::Bench::cpuMicroseconds;
@@ -51,13 +51,14 @@ int main(int argc, char** argv) {
         }
         idle.push_back(easy);
     }
+    const int requests = NorvAnalytic::Bench::burstSize();
     const double cpuBefore = cpuMicroseconds();
     const auto start = std::chrono::steady_clock::now();
     int started = 0;
     int done = 0;
     int failed = 0;
-    while (done < kRequests) {
-        while (!idle.empty() && started < kRequests) {
+    while (done < requests) {
+        while (!idle.empty() && started < requests) {
             curl_multi_add_handle(multi, idle.back());
             idle.pop_back();
             ++started;
@@ -84,6 +85,6 @@ int main(int argc, char** argv) {
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     std::printf("bare libcurl: %.0f requests/s, %.1f us CPU/request, %d failed\n",
-                kRequests / seconds, (cpuMicroseconds() - cpuBefore) / kRequests, failed);
+                requests / seconds, (cpuMicroseconds() - cpuBefore) / requests, failed);
     return failed == 0 ? 0 : 1;
 }

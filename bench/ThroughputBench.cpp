@@ -20,8 +20,8 @@
 #include <utility>
 #include <vector>
 
+#include "BurstSize.h"
 #include "CompletionCounter.h"
-
 #include "ProcessCpu.h"
 #include "ResidentMemory.h"
 
@@ -33,7 +33,7 @@ namespace {
 
 using NorvAnalytic::NorvAnalytics;
 
-constexpr int kEvents = 100'000;
+const int kEvents = NorvAnalytic::Bench::burstSize();
 
 using NorvAnalytic::Bench::residentKilobytes;
 

@@ -69,6 +69,10 @@ void Journal::recover() {
 }
 
 void Journal::settle(JournalRow row, Settlement settlement, bool retried) {
+    // Most events have no row: the queue is off.
+    if (!row) {
+        return;
+    }
     bool wake = false;
     {
         std::lock_guard lock(stateMutex_);

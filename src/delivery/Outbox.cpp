@@ -140,6 +140,7 @@ Outbox::Turn Outbox::takeLocked(bool last) {
     // With the file, every waiting record is written at once, whatever room the window has.
     const bool persist = journal_.accepting() || (last && journal_.isOpen());
     const std::size_t limit = persist ? kPersistBatch : std::min(kBatch, room - turn.ready.size());
+    turn.records.reserve(std::min(limit, waiting_.size()));
     while (!waiting_.empty() && turn.records.size() < limit) {
         queuedBytes_ -= waiting_.front().bytes();
         turn.records.push_back(std::move(waiting_.front()));
@@ -232,6 +233,7 @@ std::size_t Outbox::run(Turn& turn) {
         fromMemory = std::move(built);
     }
     std::size_t next = 0;
+    now.reserve(std::min(turn.room, now.size() + fromMemory.size()));
     while (next < fromMemory.size() && now.size() < turn.room) {
         now.push_back(std::move(fromMemory[next++]));
     }
@@ -282,7 +284,7 @@ std::vector<Outgoing> Outbox::build(std::vector<EventRecord>& records) {
             facts = connections_.deviceFacts->withAppOpenFacts(*device);
         }
         std::string body = EventTable::body(record.texts, record.destination->key, *facts);
-        built.push_back({std::move(record), std::move(body), facts->deviceUUID});
+        built.push_back({std::move(record), std::move(body), std::move(facts)});
     }
     records.clear();
     return built;
@@ -335,8 +337,8 @@ void Outbox::handOver(Outgoing event) noexcept {
         return;
     }
     try {
-        const Outgoing& outgoing = sent->outgoing;
-        HttpRequest request{"POST", outgoing.record.destination->url, outgoing.body, {}};
+        Outgoing& outgoing = sent->outgoing;
+        HttpRequest request{"POST", outgoing.record.destination->url, outgoing.bodyForRequest(), {}};
         if (outgoing.record.eventId) {
             request.headers.emplace_back(EventIds::kHeader,
                                          EventIds::headerValue(*outgoing.record.eventId));

@@ -42,7 +42,7 @@ namespace NorvAnalytic {
 // state lock inside it, never the reverse.
 class Outbox {
 public:
-    // Sixty-four in curl, the rest ready in the client's own list for when those end.
+    // Up to sixty-four in curl, the rest ready in the client's own list for when those end.
     static constexpr std::size_t kWindow = 256;
     // Room for a long outage of a busy host at a few tens of megabytes.
     static constexpr std::size_t kDefaultMaxEvents = 100'000;

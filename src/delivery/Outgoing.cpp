@@ -1,6 +1,7 @@
 #include "delivery/Outgoing.h"
 
 #include <string_view>
+#include <utility>
 
 namespace NorvAnalytic {
 
@@ -25,8 +26,15 @@ Outgoing Outgoing::fromRow(QueueFile::Row& row, JournalRow reference, EventsInFl
                        std::make_shared<const Destination>(Destination{std::nullopt, row.url}),
                        std::move(ticket), row.isSavedEvent, epoch,
                        EventRecord::keyOf(std::move(row.eventId))};
-    std::string uuid = deviceUUIDIn(row.body);
-    return {std::move(record), std::move(row.body), std::move(uuid), reference, retried, std::move(hold)};
+    return {std::move(record), std::move(row.body), nullptr, reference, retried, std::move(hold)};
+}
+
+std::string Outgoing::bodyForRequest() { return facts ? std::exchange(body, {}) : body; }
+
+std::string Outgoing::deviceUUID() const { return facts ? facts->deviceUUID : deviceUUIDIn(body); }
+
+std::string Outgoing::takeSentBody() {
+    return facts ? EventTable::body(record.texts, record.destination->key, *facts) : std::move(body);
 }
 
 }  // namespace NorvAnalytic

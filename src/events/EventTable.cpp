@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 
 #include <pthread.h>
 
@@ -51,10 +52,12 @@ std::optional<std::string_view> host(const Field& field, const BodyInput& input,
 std::optional<std::string_view> described(const Field& field, const BodyInput& input,
                                           std::string& made) {
     const std::string* text = EventTable::find(input.texts, field.event);
-    made = TextFormat::prefixUtf16(
-        TextFormat::validUtf8(TextFormat::describe(text ? Text(*text) : std::nullopt)),
-        kDescriptionLimit);
-    return made;
+    std::string_view shown = text ? std::string_view(*text) : TextFormat::kNil;
+    if (!TextFormat::isValidUtf8(shown)) {
+        made = TextFormat::validUtf8(shown);
+        shown = made;
+    }
+    return TextFormat::prefixUtf16(shown, kDescriptionLimit);
 }
 
 std::optional<std::string_view> value(const Field& field, const BodyInput& input,
@@ -247,13 +250,39 @@ std::shared_ptr<Event> EventTable::savedEvent(const EventResponseContext& contex
 }
 
 std::string EventTable::body(const EventTexts& texts, const Text& key, const DeviceFacts& device) {
-    std::string body;
-    body.reserve(256);
-    std::string made;
+    // Every pair's value first, repaired where it is not valid UTF-8, then the body written in
+    // one piece of the exact size: most bodies are a few hundred bytes of ASCII.
+    std::array<std::optional<std::string_view>, kFields.size()> values;
+    std::array<std::string, kFields.size()> made;
     const BodyInput input{texts, key, device};
-    for (const Field& field : kFields) {
-        if (const std::optional<std::string_view> value = field.value(field, input, made)) {
-            append(body, field.key, *value);
+    std::size_t size = 0;
+    for (std::size_t index = 0; index < kFields.size(); ++index) {
+        std::optional<std::string_view>& value = values[index];
+        value = kFields[index].value(kFields[index], input, made[index]);
+        if (!value) {
+            continue;
+        }
+        if (!TextFormat::isValidUtf8(*value)) {
+            std::string repaired = TextFormat::validUtf8(*value);
+            made[index] = std::move(repaired);
+            value = made[index];
+        }
+        size += (size > 0 ? 1 : 0) + kFields[index].key.size() + 1 + value->size();
+    }
+    std::string body(size, '\0');
+    char* out = body.data();
+    const auto write = [&out](std::string_view text) {
+        std::memcpy(out, text.data(), text.size());
+        out += text.size();
+    };
+    for (std::size_t index = 0; index < kFields.size(); ++index) {
+        if (const std::optional<std::string_view>& value = values[index]) {
+            if (out != body.data()) {
+                *out++ = '&';
+            }
+            write(kFields[index].key);
+            *out++ = '=';
+            write(*value);
         }
     }
     return body;

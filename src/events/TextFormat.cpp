@@ -1,6 +1,8 @@
 #include "events/TextFormat.h"
 
 #include <charconv>
+#include <cstdint>
+#include <cstring>
 
 namespace NorvAnalytic {
 
@@ -44,7 +46,44 @@ std::size_t TextFormat::utf8SequenceLength(std::string_view text) {
     return 0;
 }
 
-std::string TextFormat::describe(const Text& text) { return text ? *text : "(null)"; }
+namespace {
+
+// Bytes before the first one that is not ASCII, read eight at a time: most texts on the wire
+// are ASCII throughout.
+std::size_t asciiLength(std::string_view text) {
+    constexpr std::uint64_t kHighBits = 0x8080808080808080U;
+    std::size_t offset = 0;
+    for (std::uint64_t word = 0; offset + sizeof word <= text.size(); offset += sizeof word) {
+        std::memcpy(&word, text.data() + offset, sizeof word);
+        if ((word & kHighBits) != 0) {
+            break;
+        }
+    }
+    while (offset < text.size() && static_cast<unsigned char>(text[offset]) < 0x80U) {
+        ++offset;
+    }
+    return offset;
+}
+
+// Bytes before the first invalid UTF-8 sequence.
+std::size_t validLength(std::string_view text) {
+    std::size_t offset = 0;
+    while (true) {
+        offset += asciiLength(text.substr(offset));
+        if (offset == text.size()) {
+            return offset;
+        }
+        const std::size_t length = TextFormat::utf8SequenceLength(text.substr(offset));
+        if (length == 0) {
+            return offset;
+        }
+        offset += length;
+    }
+}
+
+}  // namespace
+
+std::string TextFormat::describe(const Text& text) { return text ? *text : std::string(kNil); }
 
 std::string TextFormat::version(const std::shared_ptr<const Bundle>& bundle) {
     if (!bundle) {
@@ -68,30 +107,21 @@ std::string TextFormat::validUtf8(std::string_view text) {
     return valid;
 }
 
+bool TextFormat::isValidUtf8(std::string_view text) { return validLength(text) == text.size(); }
+
 void TextFormat::appendValidUtf8(std::string& out, std::string_view text) {
-    std::size_t offset = 0;
-    while (offset < text.size()) {
-        const std::size_t length = utf8SequenceLength(text.substr(offset));
-        if (length == 0) {
-            out += kReplacement;
-            ++offset;
-            continue;
+    while (true) {
+        const std::size_t valid = validLength(text);
+        out.append(text.substr(0, valid));
+        if (valid == text.size()) {
+            return;
         }
-        // Runs of valid text go over in one piece.
-        std::size_t end = offset + length;
-        while (end < text.size()) {
-            const std::size_t next = utf8SequenceLength(text.substr(end));
-            if (next == 0) {
-                break;
-            }
-            end += next;
-        }
-        out.append(text.substr(offset, end - offset));
-        offset = end;
+        out += kReplacement;
+        text.remove_prefix(valid + 1);
     }
 }
 
-std::string TextFormat::prefixUtf16(std::string_view text, std::size_t limit) {
+std::string_view TextFormat::prefixUtf16(std::string_view text, std::size_t limit) {
     std::size_t units = 0;
     std::size_t offset = 0;
     while (offset < text.size()) {
@@ -104,7 +134,7 @@ std::string TextFormat::prefixUtf16(std::string_view text, std::size_t limit) {
         units += width;
         offset += length;
     }
-    return std::string(text.substr(0, std::min(offset, text.size())));
+    return text.substr(0, std::min(offset, text.size()));
 }
 
 bool TextFormat::isBlank(char c) {

@@ -85,9 +85,10 @@ void EventDelivery::answered(std::shared_ptr<SentEvent> sent, std::optional<std:
         if (!PrivacyEpoch::isCurrent(outgoing.record.epoch)) {
             return;
         }
+        std::string deviceUUID = outgoing.deviceUUID();
         const std::shared_ptr<Event> kept =
-            handleAnswer(EventTable::context(outgoing.record.texts, outgoing.deviceUUID,
-                                             std::move(outgoing.body), outgoing.record.isSavedEvent),
+            handleAnswer(EventTable::context(outgoing.record.texts, std::move(deviceUUID),
+                                             outgoing.takeSentBody(), outgoing.record.isSavedEvent),
                          std::move(data), response, keeps);
         if (kept) {
             SavedEventTags::shared().tag(kept, {outgoing.row, std::string(outgoing.record.key()),

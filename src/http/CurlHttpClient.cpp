@@ -26,16 +26,17 @@ namespace NorvAnalytic {
 namespace {
 
 constexpr long kMaxConnectionsPerHost = 6;
-// Requests in curl at once. Over HTTP/2 they are streams on one connection; over HTTP/1.1 curl
-// runs six and queues the rest until a connection is free.
+// Requests in curl at once. Over HTTP/2 they are streams on one connection. Over HTTP/1.1 a
+// connection carries one at a time, and curl tries every transfer it holds beyond those again
+// and again as connections free up: one ready behind each connection keeps all six busy.
 constexpr std::size_t kMaxTransfers = 64;
+constexpr std::size_t kMaxTransfersOneAtATime = 2 * kMaxConnectionsPerHost;
 // With transfers running, libcurl's own timers wake the loop sooner when they must. With none,
 // it sleeps until a request or a stop wakes it.
 constexpr int kPollMilliseconds = 1000;
 constexpr int kIdlePollMilliseconds = std::numeric_limits<int>::max();
 
 using Completion = HttpClient::Completion;
-using Transfers = std::vector<std::unique_ptr<CurlTransfer>>;
 
 struct Settings {
     std::vector<std::string> connectTo;
@@ -48,8 +49,18 @@ struct Settings {
 struct Network {
     CURLM* multi = nullptr;
     CURLSH* share = nullptr;
-    Transfers idle;
+    // Every easy handle made, each kept for the next request; those without one are idle.
+    std::vector<std::unique_ptr<CurlTransfer>> transfers;
+    std::vector<CurlTransfer*> idle;
+    std::size_t running = 0;
+    // The last answer came over a connection that carries many requests at once (HTTP/2).
+    bool multiplexed = false;
     curl_slist* connectTo = nullptr;
+
+    std::size_t room() const {
+        const std::size_t limit = multiplexed ? kMaxTransfers : kMaxTransfersOneAtATime;
+        return running < limit ? limit - running : 0;
+    }
 };
 
 void completeUnsent(Completion& completion, HttpClientErrorCode code, const char* why) {
@@ -289,12 +300,13 @@ private:
 
     void run() {
         Network& network = *network_;
-        Transfers active;
-        active.reserve(kMaxTransfers);
+        network.transfers.reserve(kMaxTransfers);
+        network.idle.reserve(kMaxTransfers);
         std::unique_lock lock(mutex_);
         while (!stopRequested_) {
             std::vector<CurlRequest> taken;
-            while (!incoming_.empty() && active.size() + taken.size() < kMaxTransfers) {
+            taken.reserve(std::min(incoming_.size(), network.room()));
+            while (!incoming_.empty() && taken.size() < network.room()) {
                 taken.push_back(std::move(incoming_.front()));
                 incoming_.pop_front();
             }
@@ -308,32 +320,32 @@ private:
                 apply(network, *settings);
             }
             if (cancels != cancelsMadeHere_) {
-                cancelNotStarted(network, active);
+                cancelNotStarted(network);
                 cancelsMadeHere_ = cancels;
                 std::lock_guard made(mutex_);
                 cancelsMade_ = cancels;
                 cancelsDone_.notify_all();
             }
             for (CurlRequest& request : taken) {
-                begin(network, active, std::move(request));
+                begin(network, std::move(request));
             }
             int running = 0;
             curl_multi_perform(network.multi, &running);
             int left = 0;
             while (CURLMsg* message = curl_multi_info_read(network.multi, &left)) {
                 if (message->msg == CURLMSG_DONE) {
-                    finish(network, active, message->easy_handle, message->data.result);
+                    finish(network, message->easy_handle, message->data.result);
                 }
             }
             lock.lock();
-            if (stopRequested_ || (!incoming_.empty() && active.size() < kMaxTransfers)) {
+            if (stopRequested_ || (!incoming_.empty() && network.room() > 0)) {
                 continue;
             }
             // A new request wakes the thread only if curl has room for it; else an answer will.
-            sleepsWithRoom_ = active.size() < kMaxTransfers;
+            sleepsWithRoom_ = network.room() > 0;
             lock.unlock();
             curl_multi_poll(network.multi, nullptr, 0,
-                            active.empty() ? kIdlePollMilliseconds : kPollMilliseconds, nullptr);
+                            network.running == 0 ? kIdlePollMilliseconds : kPollMilliseconds, nullptr);
             lock.lock();
             sleepsWithRoom_ = false;
         }
@@ -344,15 +356,17 @@ private:
         state_ = State::Stopped;
         cancelsDone_.notify_all();
         lock.unlock();
-        for (auto& transfer : active) {
-            curl_multi_remove_handle(network.multi, transfer->easy());
-            transfer->takeBack().cancel(why.c_str());
+        for (auto& transfer : network.transfers) {
+            if (transfer->busy()) {
+                curl_multi_remove_handle(network.multi, transfer->easy());
+                transfer->takeBack().cancel(why.c_str());
+            }
         }
-        active.clear();
         for (CurlRequest& request : waiting) {
             request.cancel(why.c_str());
         }
         network.idle.clear();
+        network.transfers.clear();
         curl_multi_cleanup(network.multi);
         curl_share_cleanup(network.share);
         curl_slist_free_all(network.connectTo);
@@ -361,29 +375,24 @@ private:
         }
     }
 
-    void cancelNotStarted(Network& network, Transfers& active) {
+    void cancelNotStarted(Network& network) {
         const std::uint64_t before = cancelBefore_.load(std::memory_order_acquire);
-        for (auto transfer = active.begin(); transfer != active.end();) {
-            if ((*transfer)->started() || (*transfer)->request().sequence >= before) {
-                ++transfer;
+        for (auto& transfer : network.transfers) {
+            if (!transfer->busy() || transfer->started() || transfer->request().sequence >= before) {
                 continue;
             }
-            std::unique_ptr<CurlTransfer> taken = std::move(*transfer);
-            transfer = active.erase(transfer);
-            curl_multi_remove_handle(network.multi, taken->easy());
-            CurlRequest request = taken->takeBack();
-            recycle(network, std::move(taken));
+            curl_multi_remove_handle(network.multi, transfer->easy());
+            CurlRequest request = transfer->takeBack();
+            recycle(network, *transfer);
             request.cancel("The request was cancelled before it was sent");
         }
     }
 
-    // Keeps the easy handle and its connections for the next request.
-    static void recycle(Network& network, std::unique_ptr<CurlTransfer> transfer) noexcept {
-        try {
-            network.idle.push_back(std::move(transfer));
-        } catch (...) {
-            // Out of memory: this handle goes.
-        }
+    // Keeps the easy handle and its connections for the next request. The idle list has room
+    // for every handle made.
+    static void recycle(Network& network, CurlTransfer& transfer) noexcept {
+        --network.running;
+        network.idle.push_back(&transfer);
     }
 
     void apply(Network& network, const Settings& settings) {
@@ -396,33 +405,38 @@ private:
         appliedVersion_ = settings.version;
     }
 
-    void begin(Network& network, Transfers& active, CurlRequest request) noexcept {
-        std::unique_ptr<CurlTransfer> transfer;
+    void begin(Network& network, CurlRequest request) noexcept {
+        CurlTransfer* transfer = nullptr;
         try {
             if (network.idle.empty()) {
-                transfer = CurlTransfer::make(network.share, &cancelBefore_);
+                network.transfers.push_back(CurlTransfer::make(network.share, &cancelBefore_));
+                transfer = network.transfers.back().get();
             } else {
-                transfer = std::move(network.idle.back());
+                transfer = network.idle.back();
                 network.idle.pop_back();
             }
+            ++network.running;
             transfer->load(std::move(request), network.connectTo, caInfo_, appliedVersion_);
             curl_multi_add_handle(network.multi, transfer->easy());
-            active.push_back(std::move(transfer));
         } catch (...) {
-            (transfer ? transfer->takeBack() : std::move(request))
-                .complete(std::nullopt, std::nullopt,
-                          HttpClient::error(HttpClientErrorDropped, "The request was dropped: out of memory"));
+            CurlRequest dropped = transfer ? transfer->takeBack() : std::move(request);
+            if (transfer) {
+                recycle(network, *transfer);
+            }
+            dropped.complete(std::nullopt, std::nullopt,
+                             HttpClient::error(HttpClientErrorDropped, "The request was dropped: out of memory"));
         }
     }
 
-    void finish(Network& network, Transfers& active, CURL* easy, CURLcode result) noexcept {
-        const auto found = std::ranges::find_if(
-            active, [easy](const std::unique_ptr<CurlTransfer>& transfer) { return transfer->easy() == easy; });
-        std::unique_ptr<CurlTransfer> transfer = std::move(*found);
-        active.erase(found);
+    void finish(Network& network, CURL* easy, CURLcode result) noexcept {
+        CurlTransfer& transfer = CurlTransfer::of(easy);
+        long version = 0;
+        if (curl_easy_getinfo(easy, CURLINFO_HTTP_VERSION, &version) == CURLE_OK && version != 0) {
+            network.multiplexed = version >= CURL_HTTP_VERSION_2_0;
+        }
         curl_multi_remove_handle(network.multi, easy);
-        CurlTransfer::Outcome outcome = transfer->finish(result);
-        recycle(network, std::move(transfer));
+        CurlTransfer::Outcome outcome = transfer.finish(result);
+        recycle(network, transfer);
         outcome.request.complete(std::move(outcome.data), outcome.response, std::move(outcome.error));
     }
 

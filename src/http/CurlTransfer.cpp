@@ -54,6 +54,12 @@ std::unique_ptr<CurlTransfer> CurlTransfer::make(CURLSH* share,
     return transfer;
 }
 
+CurlTransfer& CurlTransfer::of(CURL* easy) {
+    char* transfer = nullptr;
+    curl_easy_getinfo(easy, CURLINFO_PRIVATE, &transfer);
+    return *reinterpret_cast<CurlTransfer*>(transfer);
+}
+
 CurlTransfer::~CurlTransfer() {
     curl_easy_cleanup(easy_);
     curl_slist_free_all(headers_);
@@ -93,27 +99,40 @@ void CurlTransfer::load(CurlRequest request, curl_slist* connectTo, const std::s
         settingsVersion_ = settingsVersion;
     }
     request_ = std::move(request);
+    busy_ = true;
     const HttpRequest& http = request_.request;
-    for (const auto& [name, value] : http.headers) {
-        const std::string field = name + ": " + value;
-        if (curl_slist* appended = curl_slist_append(headers_, field.c_str())) {
-            headers_ = appended;
+    // The handle keeps its options from one request to the next: most requests change only the
+    // body, so the rest is set when it changes.
+    if (!http.headers.empty()) {
+        for (const auto& [name, value] : http.headers) {
+            const std::string field = name + ": " + value;
+            if (curl_slist* appended = curl_slist_append(headers_, field.c_str())) {
+                headers_ = appended;
+            }
         }
+        curl_easy_setopt(easy_, CURLOPT_HTTPHEADER, headers_);
     }
-    curl_easy_setopt(easy_, CURLOPT_HTTPHEADER, headers_);
-    curl_easy_setopt(easy_, CURLOPT_URL, http.url.c_str());
-    // Over TLS, wait for the first connection's protocol: HTTP/2 carries every request on it.
-    // A plain one is HTTP/1.1, whose first answer may be long in coming.
-    curl_easy_setopt(easy_, CURLOPT_PIPEWAIT, http.url.starts_with("https:") ? 1L : 0L);
-    if (http.method == "GET") {
+    if (http.url != url_) {
+        url_ = http.url;
+        curl_easy_setopt(easy_, CURLOPT_URL, url_.c_str());
+        // Over TLS, wait for the first connection's protocol: HTTP/2 carries every request on
+        // it. A plain one is HTTP/1.1, whose first answer may be long in coming.
+        curl_easy_setopt(easy_, CURLOPT_PIPEWAIT, url_.starts_with("https:") ? 1L : 0L);
+    }
+    const bool methodChanged = http.method != method_;
+    if (methodChanged) {
+        method_ = http.method;
+    }
+    if (method_ == "GET") {
         curl_easy_setopt(easy_, CURLOPT_HTTPGET, 1L);
-        curl_easy_setopt(easy_, CURLOPT_CUSTOMREQUEST, nullptr);
     } else {
         // The body stays in the request until the transfer ends: curl reads it from there.
         curl_easy_setopt(easy_, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(http.body.size()));
         curl_easy_setopt(easy_, CURLOPT_POSTFIELDS, http.body.c_str());
+    }
+    if (methodChanged) {
         curl_easy_setopt(easy_, CURLOPT_CUSTOMREQUEST,
-                         http.method == "POST" ? nullptr : http.method.c_str());
+                         method_ == "GET" || method_ == "POST" ? nullptr : method_.c_str());
     }
     errorText_[0] = '\0';
 }
@@ -147,8 +166,12 @@ CurlRequest CurlTransfer::takeBack() {
 }
 
 void CurlTransfer::reset() {
-    curl_slist_free_all(headers_);
-    headers_ = nullptr;
+    if (headers_ != nullptr) {
+        curl_easy_setopt(easy_, CURLOPT_HTTPHEADER, nullptr);
+        curl_slist_free_all(headers_);
+        headers_ = nullptr;
+    }
+    busy_ = false;
     answer_ = std::string();
     tooLong_ = false;
     started_ = false;

@@ -40,6 +40,10 @@ public:
     CurlTransfer& operator=(const CurlTransfer&) = delete;
 
     CURL* easy() const { return easy_; }
+    // The transfer that libcurl reports on, from its handle.
+    static CurlTransfer& of(CURL* easy);
+    // A request is loaded: the handle is in the multi handle.
+    bool busy() const { return busy_; }
     bool started() const { return started_; }
     const CurlRequest& request() const { return request_; }
     // Sets the request's options; connectTo and caInfo only when their version changed.
@@ -67,6 +71,10 @@ private:
     curl_slist* headers_ = nullptr;
     std::string answer_;
     bool tooLong_ = false;
+    bool busy_ = false;
+    // What the handle was last set to.
+    std::string url_;
+    std::string method_;
     // Set by libcurl's last call before it writes the request: from then on it is on the wire.
     bool started_ = false;
     const std::atomic<std::uint64_t>* cancelBefore_ = nullptr;

@@ -50,6 +50,11 @@ TEST(EventTable, ParametersAndResponseAreCutToTwoHundredUtf16UnitsOfValidText) {
         // The emoji would take units 200 and 201: it is left out whole.
         {a199 + emoji + "zz", a199}, {a198 + emoji + "zz", a198 + emoji},
         {"ok\xC3(\xFF", "ok\xEF\xBF\xBD(\xEF\xBF\xBD"},
+        // Long runs of ASCII around valid and invalid sequences, at and off eight-byte steps;
+        // a surrogate's three bytes are each replaced.
+        {"abcdefgh\xC3\xA9" "1234567\xFF" "abcdefghijklmnop\xF0\x9F\x98\x80\xED\xA0\x80" "tail",
+         "abcdefgh\xC3\xA9" "1234567\xEF\xBF\xBD" "abcdefghijklmnop\xF0\x9F\x98\x80"
+         "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD" "tail"},
         {"a=1&b=2 c\nd", "a=1&b=2 c\nd"},  // nothing is escaped
     };
     for (const auto& [sent, kept] : rows) {
@@ -60,9 +65,10 @@ TEST(EventTable, ParametersAndResponseAreCutToTwoHundredUtf16UnitsOfValidText) {
     }
     // Other fields go out whole, repaired but never cut.
     const std::string huge(3 * 1024 * 1024, 'e');
-    EXPECT_NE(body({.endpoint = huge, .warehouse = "\xFF"})
+    EXPECT_NE(body({.endpoint = huge, .warehouse = "\xFF", .error = huge + "\xC3" + huge})
                   .find("&endpoint=" + huge + "&parameters=(null)&response=(null)&device_uuid=U&"
-                        "vbf_version=1.7.4&warehouse=\xEF\xBF\xBD&"),
+                        "vbf_version=1.7.4&warehouse=\xEF\xBF\xBD&error=" + huge +
+                        "\xEF\xBF\xBD" + huge + "&"),
               std::string::npos);
 }
 
