@@ -114,6 +114,7 @@ for round in 1 2 3; do
     "$bare" "$plain"
     NORV_THROUGHPUT_URL="$plain" "$bench" --benchmark_filter=-BM_DeliverEventsPersisted "$@"
     echo "== round $round: plain HTTP/1.1, nginx closing every 100 requests"
+    "$bare" "$short"
     NORV_THROUGHPUT_URL="$short" "$bench" --benchmark_filter=-BM_DeliverEventsPersisted "$@"
     queue_round "$round" "$@"
 done
