@@ -10,6 +10,8 @@
 
 namespace NorvAnalytic {
 
+class SecretServiceItems;
+
 // A keychain in the desktop's Secret Service (gnome-keyring, KWallet): each item is a secret
 // whose schema attributes are its account, service, access group and accessibility. It never
 // asks for an unlock prompt: a locked or missing collection answers errSecInteractionNotAllowed.
@@ -47,9 +49,8 @@ public:
     bool takeChanges() override;
 
 private:
-    // The schema and collection, kept out of this header so that no glib type shows here.
-    struct Session;
-    std::shared_ptr<const Session> session_;
+    // Declared only, so that no glib type shows here; shared with the calls on the link's thread.
+    std::shared_ptr<const SecretServiceItems> items_;
     std::filesystem::path lockPath_;
 };
 
