@@ -116,25 +116,14 @@ TEST(CollectorTokenTest, BeyondLoopbackOnlyATokenSteers) {
     }
 }
 
-// Whatever way a body comes (with a length, in chunks, until the client stops), no more than
-// the limit is read: the client reads 413, not a reset, and nothing is stored.
+// At the limit a body is taken; past it, by a byte or by its pairs, however it comes, the client
+// reads 413, not a reset, and nothing is stored. serve_test.py sends 4 MiB in every framing.
 TEST_F(CollectorTest, AnswersBodiesOverTheLimit413AndStoresNone) {
-    const std::string large = "x=" + std::string(4 * 1024 * 1024 - 2, 'x');
-    std::string chunked;
-    for (std::size_t offset = 0; offset < large.size(); offset += 60000) {
-        const std::string chunk = large.substr(offset, 60000);
-        char size[16];
-        std::snprintf(size, sizeof size, "%zx\r\n", chunk.size());
-        chunked += size + chunk + "\r\n";
-    }
-    chunked += "0\r\n\r\n";
     const std::string head = "POST /api/v3/saveEvent HTTP/1.1\r\nHost: 127.0.0.1\r\n";
     const std::string limit = "x=" + std::string(64 * 1024 - 2, 'x');
     const std::tuple<std::string, std::string, const char*> cases[] = {
-        {"with a length", head + "Content-Length: 4194304\r\n\r\n" + large, "413"},
-        {"in chunks", head + "Transfer-Encoding: chunked\r\n\r\n" + chunked, "413"},
-        {"until the client stops", head + "\r\n" + large, "413"},
         {"one byte over", head + "Content-Length: 65537\r\n\r\n" + limit + "x", "413"},
+        {"until the client stops", head + "\r\n" + limit + "x", "413"},
         {"257 pairs", head + "Content-Length: 258\r\n\r\n" + std::string(256, '&') + "x=", "413"},
         {"at the limit", head + "Content-Length: 65536\r\n\r\n" + limit, "200"},
     };
@@ -150,12 +139,12 @@ TEST_F(CollectorTest, AnswersBodiesOverTheLimit413AndStoresNone) {
     }
     ASSERT_EQ(store_.events().size(), 1U);
     EXPECT_EQ(store_.events().front().body, limit);
-    EXPECT_EQ(state().at("turned_away").at("too_large"), 4);
+    EXPECT_EQ(state().at("turned_away").at("too_large"), 2);
 }
 
 // Slow clients hold sockets, never the threads kept for the SDK: with 200 of them sending a
-// byte now and then, and the page's threads all taken, an event is answered at once, and the
-// collector stops at once.
+// byte now and then, and the page's threads all taken, an event is answered at once.
+// serve_test.py stops the collector among them.
 TEST_F(CollectorTest, AnswersTheSdkWithinASecondWhile200SlowClientsHoldConnections) {
     const std::string head = "POST /api/v3/saveEvent HTTP/1.1\r\nHost: 127.0.0.1\r\n";
     // What each kind of client sends at once, what it then sends a byte at a time, how many.
@@ -198,10 +187,6 @@ TEST_F(CollectorTest, AnswersTheSdkWithinASecondWhile200SlowClientsHoldConnectio
             return page && page->status == 503;
         },
         20s));
-
-    const auto stopping = std::chrono::steady_clock::now();
-    server_.stop();
-    EXPECT_LT(std::chrono::steady_clock::now() - stopping, 1s);
 }
 
 // Each read may be quick while the request never ends: the deadline bounds the whole request,

@@ -13,7 +13,6 @@
 #include <algorithm>
 #include <atomic>
 #include <fstream>
-#include <functional>
 #include <iterator>
 #include <stdexcept>
 #include <thread>
@@ -27,6 +26,7 @@
 #include "support/Eventually.h"
 #include "support/FakeKeychainBackend.h"
 #include "support/FilesHolding.h"
+#include "support/ScratchDirectory.h"
 #include "support/ThreadList.h"
 
 namespace NorvAnalytic {
@@ -52,23 +52,18 @@ KeychainQuery query(const std::string& key, std::optional<Data> bytes = std::nul
     return {key, "api", std::nullopt, std::nullopt, std::move(bytes)};
 }
 
-// A fresh temporary directory, removed with all it holds afterwards.
-struct ScratchDirectory {
-    std::string path = fs::temp_directory_path() / "norv-keychain-XXXXXX";
-    ScratchDirectory() { EXPECT_NE(::mkdtemp(path.data()), nullptr) << path; }
-    ~ScratchDirectory() {
-        std::error_code ignored;
-        fs::remove_all(path, ignored);
-    }
-    std::shared_ptr<KeychainBackend> keychain(const std::string& file = "keychain.sqlite") const {
-        auto backend = KeychainBackend::makeFileBackend(path + "/" + file);
-        Platform::setKeychainBackend(backend);
-        return backend;
-    }
-};
+using Testing::ScratchDirectory;
+
+// The file keychain at file in the scratch directory, installed as the store.
+std::shared_ptr<KeychainBackend> fileKeychain(const ScratchDirectory& scratch,
+                                              const std::string& file = "keychain.sqlite") {
+    auto backend = KeychainBackend::makeFileBackend(scratch.path() / file);
+    Platform::setKeychainBackend(backend);
+    return backend;
+}
 
 // Every line of the files in directory whose names start with prefix.
-std::vector<std::string> linesOf(const std::string& directory, const std::string& prefix) {
+std::vector<std::string> linesOf(const fs::path& directory, const std::string& prefix) {
     std::vector<std::string> lines;
     for (const auto& entry : fs::directory_iterator(directory)) {
         std::ifstream in(entry.path());
@@ -94,7 +89,7 @@ std::shared_ptr<KeychainBackend> secretService() {
 class KeychainContractTest : public ::testing::TestWithParam<std::string> {
 protected:
     void SetUp() override {
-        backend_ = GetParam() == "File" ? scratch_.keychain() : secretService();
+        backend_ = GetParam() == "File" ? fileKeychain(scratch_) : secretService();
         if (!backend_) {
             GTEST_SKIP() << "no Secret Service: run under dbus-run-session";
         }
@@ -254,8 +249,8 @@ TEST(KeychainTest, EmptyKeyOrServiceRaisesWithTheCheckingOperationsName) {
 
 TEST(KeychainTest, AStoreThatCannotBeOpenedFailsEveryCallAsLockedAndADamagedOneStartsAnew) {
     const ScratchDirectory scratch;
-    std::ofstream(scratch.path + "/plain-file") << "in the way";
-    const auto backend = scratch.keychain("plain-file/keychain.sqlite");
+    std::ofstream(scratch.path() / "plain-file") << "in the way";
+    const auto backend = fileKeychain(scratch, "plain-file/keychain.sqlite");
     std::optional<Error> read, save, remove;
     EXPECT_FALSE(Keychain::itemForKey("token", "api", &read).has_value());
     expectError(read, errSecInteractionNotAllowed, kNotAllowed);
@@ -269,12 +264,12 @@ TEST(KeychainTest, AStoreThatCannotBeOpenedFailsEveryCallAsLockedAndADamagedOneS
 
     std::vector<DiagnosticLevel> reports;
     Platform::setDiagnosticsSink([&](DiagnosticLevel level, auto&) { reports.push_back(level); });
-    std::ofstream(scratch.path + "/keychain.sqlite") << std::string(8192, 'z');
-    scratch.keychain();
+    std::ofstream(scratch.path() / "keychain.sqlite") << std::string(8192, 'z');
+    fileKeychain(scratch);
     EXPECT_TRUE(Keychain::saveItem("value", "token", "api", nullptr));
     Platform::setDiagnosticsSink(nullptr);
     EXPECT_EQ(reports, std::vector<DiagnosticLevel>{DiagnosticLevel::Error});
-    EXPECT_EQ(linesOf(scratch.path, "keychain.sqlite.corrupt-"),
+    EXPECT_EQ(linesOf(scratch.path(), "keychain.sqlite.corrupt-"),
               std::vector<std::string>{std::string(8192, 'z')});
 }
 
@@ -282,7 +277,7 @@ TEST(KeychainTest, AStoreThatCannotBeOpenedFailsEveryCallAsLockedAndADamagedOneS
 // keychain's directory, not even one an older writer replaced without overwriting it.
 TEST(FileKeychainBackendTest, DeletedItemsAndAnErasedIdentityLeaveNoByteInTheDirectory) {
     const ScratchDirectory scratch;
-    scratch.keychain();
+    fileKeychain(scratch);
     const std::string secret = "A-SECRET-THE-HOST-DELETED";
     const std::string oldUserId = "AN-OLD-USER-ID-SHORTER-THAN-ITS-SUCCESSOR";
     ASSERT_TRUE(Keychain::saveItem(oldUserId, "user_id", "NorvAnalyticDeviceUUID", nullptr));
@@ -290,7 +285,7 @@ TEST(FileKeychainBackendTest, DeletedItemsAndAnErasedIdentityLeaveNoByteInTheDir
     ASSERT_TRUE(Keychain::saveItem("kept", "keeper", "api", nullptr));
     ASSERT_TRUE(Keychain::saveItem(secret, "token", "api", nullptr));
     sqlite3* olderWriter = nullptr;
-    ASSERT_EQ(sqlite3_open((scratch.path + "/keychain.sqlite").c_str(), &olderWriter), SQLITE_OK);
+    ASSERT_EQ(sqlite3_open((scratch.path() / "keychain.sqlite").c_str(), &olderWriter), SQLITE_OK);
     const int replaced =
         sqlite3_exec(olderWriter,
                      "PRAGMA secure_delete = OFF;"
@@ -299,12 +294,12 @@ TEST(FileKeychainBackendTest, DeletedItemsAndAnErasedIdentityLeaveNoByteInTheDir
                      nullptr, nullptr, nullptr);
     sqlite3_close(olderWriter);
     ASSERT_EQ(replaced, SQLITE_OK);
-    ASSERT_FALSE(Testing::filesHolding(scratch.path, oldUserId).empty());
+    ASSERT_FALSE(Testing::filesHolding(scratch.path(), oldUserId).empty());
 
     ASSERT_TRUE(Keychain::deleteItemForKey("token", "api", nullptr));
-    EXPECT_EQ(Testing::filesHolding(scratch.path, secret), std::vector<fs::path>{});
+    EXPECT_EQ(Testing::filesHolding(scratch.path(), secret), std::vector<fs::path>{});
     eraseDeviceIdentity();
-    EXPECT_EQ(Testing::filesHolding(scratch.path, oldUserId), std::vector<fs::path>{});
+    EXPECT_EQ(Testing::filesHolding(scratch.path(), oldUserId), std::vector<fs::path>{});
     EXPECT_EQ(Keychain::rawDataForKey("user_id", "NorvAnalyticDeviceUUID", nullptr), std::nullopt);
 }
 
@@ -342,25 +337,25 @@ unsigned modeOf(const fs::path& path) {
 TEST(FileKeychainBackendTest, KeepsItsDirectoriesAndFilesToTheOwner) {
     const ScratchDirectory scratch;
     // A directory and a file that others may read are narrowed when the store opens them.
-    fs::create_directory(scratch.path + "/loose");
-    std::ofstream(scratch.path + "/loose/keychain.sqlite").close();
-    fs::permissions(scratch.path + "/loose", fs::perms(0755));
-    fs::permissions(scratch.path + "/loose/keychain.sqlite", fs::perms(0644));
+    fs::create_directory(scratch.path() / "loose");
+    std::ofstream(scratch.path() / "loose/keychain.sqlite").close();
+    fs::permissions(scratch.path() / "loose", fs::perms(0755));
+    fs::permissions(scratch.path() / "loose/keychain.sqlite", fs::perms(0644));
     for (const std::string directory : {"data/NorvAnalytic", "loose"}) {
-        ASSERT_EQ(scratch.keychain(directory + "/keychain.sqlite")->add(query("a")), errSecSuccess);
-        EXPECT_EQ(modeOf(scratch.path + "/" + directory), 0700U);
-        for (const auto& entry : fs::directory_iterator(scratch.path + "/" + directory)) {
+        ASSERT_EQ(fileKeychain(scratch, directory + "/keychain.sqlite")->add(query("a")), errSecSuccess);
+        EXPECT_EQ(modeOf(scratch.path() / directory), 0700U);
+        for (const auto& entry : fs::directory_iterator(scratch.path() / directory)) {
             EXPECT_EQ(modeOf(entry.path()), 0600U) << entry.path();
         }
     }
-    EXPECT_EQ(modeOf(scratch.path + "/data"), 0700U);
+    EXPECT_EQ(modeOf(scratch.path() / "data"), 0700U);
 }
 
 // A second process saves a large item, and saves and deletes a shared one, over and over, and
 // is killed in the middle of a save, again and again, while two threads here do the same.
 TEST(SystemFileKeychainTest, WritersInTwoProcessesLoseNoWriteAndAKilledOneTearsNoItem) {
     const ScratchDirectory scratch;
-    scratch.keychain();
+    fileKeychain(scratch);
     for (int saves = 1; saves <= 16; saves += 3) {
         std::atomic<bool> childRunning = true;
         std::vector<std::jthread> writers;
@@ -377,7 +372,7 @@ TEST(SystemFileKeychainTest, WritersInTwoProcessesLoseNoWriteAndAKilledOneTearsN
             });
         }
         const int status = Testing::runChildProcess({Testing::siblingExecutable("keychain_writer"),
-                                                     scratch.path, "churn", std::to_string(saves)},
+                                                     scratch.path().string(), "churn", std::to_string(saves)},
                                                     {});
         childRunning = false;
         writers.clear();
@@ -388,49 +383,69 @@ TEST(SystemFileKeychainTest, WritersInTwoProcessesLoseNoWriteAndAKilledOneTearsN
     }
 }
 
-// The identity's reader wakes only when the store may have changed.
-bool keychainThreadsSleepMeanwhile() {
-    // Our own last write is read back once more a moment after it.
-    std::this_thread::sleep_for(std::chrono::milliseconds(400));
-    return Testing::wakeUpsDuring(std::chrono::milliseconds(1500), [](const std::string& name) {
-               return name == "norv-keychain" || name == "norv-secret";
-           }) == 0;
-}
+// Another process on the same store: the keychain_writer, told the Secret Service's schema by
+// its environment, or else on the file in the scratch directory.
+class IdentityAcrossProcessesTest : public ::testing::TestWithParam<std::string> {
+protected:
+    void SetUp() override {
+        if (GetParam() == "SecretService" && !secretService()) {
+            GTEST_SKIP() << "no Secret Service";
+        }
+    }
+    void TearDown() override { Platform::setKeychainBackend(nullptr); }
 
-// What another process saves reaches this one's cached identity without a word to it, and
-// without a clock: until then, nothing of ours wakes.
-TEST(SystemFileKeychainTest, AnotherProcesssSaveReplacesTheCachedUserIdWithinASecond) {
-    const ScratchDirectory scratch;
-    scratch.keychain();
-    auto& cache = KeychainItemCache::shared();
-    NorvAnalytics::saveStoreUserID(std::string("gone"));
-    NorvAnalytics::saveStoreUserID(std::nullopt);
-    EXPECT_EQ(cache.item("user_id", "NorvAnalyticDeviceUUID").value, std::nullopt);
-    NorvAnalytics::saveStoreUserID(std::string("here"));
-    EXPECT_EQ(cache.item("user_id", "NorvAnalyticDeviceUUID").value, "here");
-    EXPECT_TRUE(keychainThreadsSleepMeanwhile());
-    ASSERT_EQ(
-        Testing::runChildProcess(
-            {Testing::siblingExecutable("keychain_writer"), scratch.path, "save", "there"}, {}),
-        0);
-    const auto saved = std::chrono::steady_clock::now();
-    Testing::eventually([&] { return cache.item("user_id", "NorvAnalyticDeviceUUID").value != "here"; });
-    EXPECT_LT(std::chrono::steady_clock::now() - saved, std::chrono::seconds(1));
-    EXPECT_EQ(cache.item("user_id", "NorvAnalyticDeviceUUID").value, "there");
-}
+    // Installs a fresh store of the parameter's kind.
+    void freshStore(const ScratchDirectory& scratch) {
+        static int run = 0;
+        schema_ = "com.norvanalytic.identity" + std::to_string(::getpid()) + "." +
+                  std::to_string(++run);
+        GetParam() == "File" ? static_cast<void>(fileKeychain(scratch))
+                             : Platform::setKeychainBackend(
+                                   std::make_shared<SecretServiceKeychainBackend>(schema_,
+                                                                                  "session"));
+    }
+    int writer(const ScratchDirectory& scratch, const std::vector<std::string>& arguments) {
+        std::vector<std::string> argv{Testing::siblingExecutable("keychain_writer"),
+                                      scratch.path().string()};
+        argv.insert(argv.end(), arguments.begin(), arguments.end());
+        return Testing::runChildProcess(argv, GetParam() == "File"
+                                                  ? std::vector<std::string>{}
+                                                  : std::vector{"KEYCHAIN_WRITER_SCHEMA=" + schema_});
+    }
+    // The device UUID items the store holds: the file's primary key allows no second.
+    int storedUUIDs() const {
+        if (GetParam() == "File") {
+            return 1;
+        }
+        SecretSchema* search = secret_schema_new(schema_.c_str(), SECRET_SCHEMA_NONE, "account",
+                                                 SECRET_SCHEMA_ATTRIBUTE_STRING, nullptr);
+        GList* items = secret_password_search_sync(search, SECRET_SEARCH_ALL, nullptr, nullptr,
+                                                   "account", "device_uuid", nullptr);
+        const int count = static_cast<int>(g_list_length(items));
+        g_list_free_full(items, g_object_unref);
+        secret_schema_unref(search);
+        return count;
+    }
+
+    std::string schema_;
+};
 
 // This process holds the device UUID in memory and another forgets the device: told by the
 // store, within a second, this one no longer uses the old UUID, and until then nothing of ours
-// wakes to look. The writer's extra arguments pick its store.
-void expectAnotherProcesssErasureSeenAtTheNextRefresh(const ScratchDirectory& scratch,
-                                                   const std::vector<std::string>& store) {
+// wakes to look.
+TEST_P(IdentityAcrossProcessesTest, AnotherProcesssErasureReachesTheCachedUUIDWithinASecond) {
+    const ScratchDirectory scratch;
+    freshStore(scratch);
     const std::string held = NorvAnalytics::getNorvAnalyticUUID();
     ASSERT_EQ(NorvAnalytics::getNorvAnalyticUUID(), held);
-    EXPECT_TRUE(keychainThreadsSleepMeanwhile());
-    std::vector<std::string> argv{Testing::siblingExecutable("keychain_writer"), scratch.path,
-                                  "forget"};
-    argv.insert(argv.end(), store.begin(), store.end());
-    ASSERT_EQ(Testing::runChildProcess(argv, {}), 0);
+    // Our own last write is read back once more a moment after it; then nothing wakes.
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    EXPECT_EQ(Testing::wakeUpsDuring(std::chrono::milliseconds(1500),
+                                     [](const std::string& name) {
+                                         return name == "norv-keychain" || name == "norv-secret";
+                                     }),
+              0U);
+    ASSERT_EQ(writer(scratch, {"forget"}), 0);
     // The store's refresh interval keeps it under a second; a loaded machine may take longer.
     const auto erased = std::chrono::steady_clock::now();
     Testing::eventually([&] { return NorvAnalytics::getNorvAnalyticUUID() != held; });
@@ -438,22 +453,44 @@ void expectAnotherProcesssErasureSeenAtTheNextRefresh(const ScratchDirectory& sc
     EXPECT_NE(NorvAnalytics::getNorvAnalyticUUID(), held);
 }
 
-TEST(SystemFileKeychainTest, AnotherProcesssErasureReachesTheCachedUUIDAtItsNextRefresh) {
-    const ScratchDirectory scratch;
-    scratch.keychain();
-    expectAnotherProcesssErasureSeenAtTheNextRefresh(scratch, {});
+// Two processes of four threads and four threads here ask a fresh store for the device UUID at
+// one instant, again and again: every process ends holding the one UUID the store holds. A
+// caller waits 100 ms at most for the first write, so under load an early answer may be a
+// candidate that lost; what each process holds once the write has landed is the stored one.
+TEST_P(IdentityAcrossProcessesTest, ConcurrentFirstStartsInThreadsAndProcessesEndWithTheStoredUUID) {
+    for (int trial = 0; trial < (GetParam() == "File" ? 50 : 20); ++trial) {
+        const ScratchDirectory scratch;
+        freshStore(scratch);
+        const auto start = std::chrono::steady_clock::now() + std::chrono::milliseconds(150);
+        const std::string startText =
+            std::to_string(std::chrono::nanoseconds(start.time_since_epoch()).count());
+        std::vector<std::string> answers(4);
+        {
+            std::vector<std::jthread> callers;
+            for (int child = 0; child < 2; ++child) {
+                callers.emplace_back([&] { EXPECT_EQ(writer(scratch, {"uuid", startText}), 0); });
+            }
+            for (auto& answer : answers) {
+                callers.emplace_back([&answer, start] {
+                    std::this_thread::sleep_until(start);
+                    answer = NorvAnalytics::getNorvAnalyticUUID();
+                });
+            }
+        }
+        std::vector<std::string> held = linesOf(scratch.path(), "held-");
+        std::ranges::copy(linesOf(scratch.path(), "uuids-"), std::back_inserter(answers));
+        const Text stored = Keychain::itemForKey("device_uuid", "NorvAnalyticDeviceUUID", nullptr);
+        ASSERT_TRUE(stored.has_value()) << "trial " << trial;
+        Testing::eventually([&] { return NorvAnalytics::getNorvAnalyticUUID() == *stored; });
+        held.push_back(NorvAnalytics::getNorvAnalyticUUID());
+        ASSERT_EQ(answers.size(), 12U) << "trial " << trial;
+        ASSERT_THAT(held, ::testing::ElementsAre(*stored, *stored, *stored)) << "trial " << trial;
+        ASSERT_EQ(storedUUIDs(), 1) << "trial " << trial;
+    }
 }
 
-TEST(SystemKeychainTest, AnotherProcesssErasureOnTheSecretServiceAtItsNextRefresh) {
-    if (!secretService()) {
-        GTEST_SKIP() << "no Secret Service";
-    }
-    const ScratchDirectory scratch;
-    const std::string schema = "com.norvanalytic.forget" + std::to_string(::getpid());
-    Platform::setKeychainBackend(std::make_shared<SecretServiceKeychainBackend>(schema, "session"));
-    expectAnotherProcesssErasureSeenAtTheNextRefresh(scratch, {schema});
-    Platform::setKeychainBackend(nullptr);
-}
+INSTANTIATE_TEST_SUITE_P(SystemFile, IdentityAcrossProcessesTest, ::testing::Values("File"));
+INSTANTIATE_TEST_SUITE_P(System, IdentityAcrossProcessesTest, ::testing::Values("SecretService"));
 
 // A valid database of someone else's at the keychain's path, with an items table of another
 // shape: moved aside like a damaged one and said on the sink, so that the next start keeps the
@@ -461,7 +498,7 @@ TEST(SystemKeychainTest, AnotherProcesssErasureOnTheSecretServiceAtItsNextRefres
 TEST(SystemFileKeychainTest, AForeignDatabaseAtThePathIsMovedAsideAndTwoStartsHoldOneUUID) {
     const ScratchDirectory scratch;
     sqlite3* foreign = nullptr;
-    ASSERT_EQ(sqlite3_open((scratch.path + "/keychain.sqlite").c_str(), &foreign), SQLITE_OK);
+    ASSERT_EQ(sqlite3_open((scratch.path() / "keychain.sqlite").c_str(), &foreign), SQLITE_OK);
     const int made = sqlite3_exec(foreign,
                                   "CREATE TABLE items (id INTEGER PRIMARY KEY, label TEXT);"
                                   "INSERT INTO items (label) VALUES ('theirs')",
@@ -471,135 +508,16 @@ TEST(SystemFileKeychainTest, AForeignDatabaseAtThePathIsMovedAsideAndTwoStartsHo
     std::vector<std::string> said;
     Platform::setDiagnosticsSink(
         [&](DiagnosticLevel, const std::string& line) { said.push_back(line); });
-    scratch.keychain();
+    fileKeychain(scratch);
     const std::string first = NorvAnalytics::getNorvAnalyticUUID();
+    // A second start opens the file the first one made, with an identity not yet read.
+    fileKeychain(scratch);
+    EXPECT_EQ(NorvAnalytics::getNorvAnalyticUUID(), first);
     Platform::setDiagnosticsSink(nullptr);
     ASSERT_EQ(said.size(), 1U);
     EXPECT_NE(said[0].find("moved aside"), std::string::npos) << said[0];
-    const auto now = std::chrono::steady_clock::now().time_since_epoch();
-    ASSERT_EQ(Testing::runChildProcess({Testing::siblingExecutable("keychain_writer"), scratch.path,
-                                        "uuid", std::to_string(now.count())},
-                                       {}),
-              0);
-    EXPECT_EQ(linesOf(scratch.path, "held-"), std::vector<std::string>{first});
     EXPECT_EQ(Keychain::itemForKey("device_uuid", "NorvAnalyticDeviceUUID", nullptr), first);
     Platform::setKeychainBackend(nullptr);
-}
-
-// Two processes of four threads and four threads here ask a fresh store for the device UUID at
-// one instant, trials times: every process ends holding the one UUID the store holds. A caller
-// waits 100 ms at most for the first write, so under load an early answer may be a candidate
-// that lost; what each process holds once the write has landed is the stored one.
-// freshStore installs the store and gives the writer's extra arguments; storedItems counts the
-// UUID items the store holds.
-void expectOneUUIDFromConcurrentFirstStarts(
-    int trials, const std::function<std::vector<std::string>(const ScratchDirectory&)>& freshStore,
-    const std::function<int()>& storedItems) {
-    for (int trial = 0; trial < trials; ++trial) {
-        const ScratchDirectory scratch;
-        const std::vector<std::string> writerArguments = freshStore(scratch);
-        const auto start = std::chrono::steady_clock::now() + std::chrono::milliseconds(150);
-        const std::string startText =
-            std::to_string(std::chrono::nanoseconds(start.time_since_epoch()).count());
-        std::vector<std::string> answers(4);
-        {
-            std::vector<std::jthread> callers;
-            for (int child = 0; child < 2; ++child) {
-                callers.emplace_back([&] {
-                    std::vector<std::string> argv{Testing::siblingExecutable("keychain_writer"),
-                                                  scratch.path, "uuid", startText};
-                    argv.insert(argv.end(), writerArguments.begin(), writerArguments.end());
-                    EXPECT_EQ(Testing::runChildProcess(argv, {}), 0);
-                });
-            }
-            for (auto& answer : answers) {
-                callers.emplace_back([&answer, start] {
-                    std::this_thread::sleep_until(start);
-                    answer = NorvAnalytics::getNorvAnalyticUUID();
-                });
-            }
-        }
-        std::vector<std::string> held = linesOf(scratch.path, "held-");
-        std::ranges::copy(linesOf(scratch.path, "uuids-"), std::back_inserter(answers));
-        const Text stored = Keychain::itemForKey("device_uuid", "NorvAnalyticDeviceUUID", nullptr);
-        ASSERT_TRUE(stored.has_value()) << "trial " << trial;
-        Testing::eventually([&] { return NorvAnalytics::getNorvAnalyticUUID() == *stored; });
-        held.push_back(NorvAnalytics::getNorvAnalyticUUID());
-        ASSERT_EQ(answers.size(), 12U) << "trial " << trial;
-        ASSERT_THAT(held, ::testing::ElementsAre(*stored, *stored, *stored)) << "trial " << trial;
-        ASSERT_EQ(storedItems(), 1) << "trial " << trial;
-    }
-}
-
-TEST(SystemFileKeychainTest, ConcurrentFirstStartsInThreadsAndProcessesEndWithTheStoredUUID) {
-    expectOneUUIDFromConcurrentFirstStarts(
-        50,
-        [](const ScratchDirectory& scratch) {
-            scratch.keychain();
-            return std::vector<std::string>{};
-        },
-        [] { return 1; });  // the file's primary key allows no second
-}
-
-TEST(SystemKeychainTest, ConcurrentFirstStartsOnTheSecretServiceEndWithTheStoredUUID) {
-    if (!secretService()) {
-        GTEST_SKIP() << "no Secret Service";
-    }
-    static int run = 0;
-    std::string schema;
-    expectOneUUIDFromConcurrentFirstStarts(
-        20,
-        [&](const ScratchDirectory&) {
-            schema =
-                "com.norvanalytic.race" + std::to_string(::getpid()) + "." + std::to_string(++run);
-            Platform::setKeychainBackend(
-                std::make_shared<SecretServiceKeychainBackend>(schema, "session"));
-            return std::vector<std::string>{schema};
-        },
-        [&] {
-            SecretSchema* search = secret_schema_new(schema.c_str(), SECRET_SCHEMA_NONE, "account",
-                                                     SECRET_SCHEMA_ATTRIBUTE_STRING, nullptr);
-            GHashTable* attributes =
-                g_hash_table_new_full(g_str_hash, g_str_equal, nullptr, nullptr);
-            g_hash_table_insert(attributes, const_cast<char*>("account"),
-                                const_cast<char*>("device_uuid"));
-            SecretService* service = secret_service_get_sync(SECRET_SERVICE_NONE, nullptr, nullptr);
-            GList* items = secret_service_search_sync(service, search, attributes,
-                                                      SECRET_SEARCH_ALL, nullptr, nullptr);
-            const int count = static_cast<int>(g_list_length(items));
-            g_list_free_full(items, g_object_unref);
-            g_object_unref(service);
-            g_hash_table_unref(attributes);
-            secret_schema_unref(search);
-            return count;
-        });
-    Platform::setKeychainBackend(nullptr);
-}
-
-// Another process holds the store's write lock, its own UUID written but not committed:
-// initWithKey goes on within a moment with a UUID in memory, and once the lock is let go this
-// process holds the UUID that was stored first, as the store does.
-TEST(SystemFileKeychainTest, AHeldStoreDelaysNoCallAndTheUUIDStoredFirstIsAdopted) {
-    const ScratchDirectory scratch;
-    scratch.keychain();
-    const std::string theirs = "0E99A1B2-C3D4-4E5F-8A6B-7C8D9E0F1A2B";
-    std::jthread holder([&] {
-        EXPECT_EQ(Testing::runChildProcess({Testing::siblingExecutable("keychain_writer"),
-                                            scratch.path, "hold", "700", theirs},
-                                           {}),
-                  0);
-    });
-    ASSERT_TRUE(Testing::eventually([&] { return fs::exists(scratch.path + "/held"); }, std::chrono::seconds(30)));
-    const auto start = std::chrono::steady_clock::now();
-    NorvAnalytics::initWithKey(std::string("key"));
-    const std::string meanwhile = NorvAnalytics::getNorvAnalyticUUID();
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(400));
-    EXPECT_NE(meanwhile, theirs);
-    // The write goes on on a thread of ours, named, that takes none of the host's signals.
-    holder.join();
-    Testing::eventually([&] { return NorvAnalytics::getNorvAnalyticUUID() == theirs; });
-    EXPECT_EQ(NorvAnalytics::getNorvAnalyticUUID(), theirs);
-    EXPECT_EQ(Keychain::itemForKey("device_uuid", "NorvAnalyticDeviceUUID", nullptr), theirs);
 }
 
 // fork() while another thread writes: the child never touches the connection or locks it
@@ -612,19 +530,14 @@ TEST(SystemFileKeychainTest, AForkedChildWritesThroughItsOwnConnectionAndFollows
     GTEST_SKIP() << "a sanitizer's allocator cannot be used in a child of a threaded process";
 #endif
     const ScratchDirectory scratch;
-    scratch.keychain();
+    fileKeychain(scratch);
     const std::string uuid = NorvAnalytics::getNorvAnalyticUUID();
     NorvAnalytics::saveStoreUserID(std::string("parent"));
     const auto waitForChild = [](pid_t child) {
         int status = 0;
-        const auto start = std::chrono::steady_clock::now();
-        while (::waitpid(child, &status, WNOHANG) == 0) {
-            if (std::chrono::steady_clock::now() - start > std::chrono::seconds(5)) {
-                ::kill(child, SIGKILL);
-                ::waitpid(child, &status, 0);
-                return -1;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        if (!Testing::eventually([&] { return ::waitpid(child, &status, WNOHANG) == child; })) {
+            ::kill(child, SIGKILL);
+            ::waitpid(child, &status, 0);
         }
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     };

@@ -1,16 +1,12 @@
-// A second process on the keychain file in <directory>, for the file keychain's system tests:
+// A second process on the keychain file in <directory>, for the keychain's system tests; on the
+// Secret Service's session collection instead when KEYCHAIN_WRITER_SCHEMA names a schema.
 //   keychain_writer <directory> churn <saves>: saves a large item and saves and deletes a
 //     shared one over and over; killed in the middle of its save number <saves>.
-//   keychain_writer <directory> save <value>: saves <value> as the store user id.
-//   keychain_writer <directory> uuid <steady-clock nanoseconds> [schema]: four threads ask for
-//     the device UUID at that instant; writes their answers, a line each, to
-//     <directory>/uuids-<pid>, and the UUID the process holds once the store agrees (at most
-//     5 s later) to <directory>/held-<pid>. With a schema, on the Secret Service's session
-//     collection.
-//   keychain_writer <directory> hold <milliseconds> <uuid>: stores <uuid> as the device UUID in
-//     a write transaction that it holds open that long, after creating <directory>/held.
-//   keychain_writer <directory> forget [schema]: forgets the device. With a schema, on the
-//     Secret Service's session collection.
+//   keychain_writer <directory> uuid <steady-clock nanoseconds>: four threads ask for the device
+//     UUID at that instant; writes their answers, a line each, to <directory>/uuids-<pid>, and
+//     the UUID the process holds once the store agrees (at most 5 s later) to
+//     <directory>/held-<pid>.
+//   keychain_writer <directory> forget: forgets the device.
 #include <NorvAnalytic/Keychain.h>
 #include <NorvAnalytic/NorvAnalytics.h>
 #include <NorvAnalytic/Platform.h>
@@ -25,7 +21,6 @@
 #include <thread>
 #include <vector>
 
-#include "keychain/KeychainArchive.h"
 #include "keychain/SecretServiceKeychainBackend.h"
 
 using namespace NorvAnalytic;
@@ -44,12 +39,13 @@ std::string heldUUID() {
 int main(int, char** argv) {
     const std::string directory = argv[1];
     const std::string mode = argv[2];
-    Platform::setKeychainBackend(KeychainBackend::makeFileBackend(directory + "/keychain.sqlite"));
+    const char* schema = std::getenv("KEYCHAIN_WRITER_SCHEMA");
+    Platform::setKeychainBackend(
+        schema != nullptr
+            ? std::shared_ptr<KeychainBackend>(
+                  std::make_shared<SecretServiceKeychainBackend>(schema, "session"))
+            : KeychainBackend::makeFileBackend(directory + "/keychain.sqlite"));
     if (mode == "uuid") {
-        if (argv[4] != nullptr) {
-            Platform::setKeychainBackend(
-                std::make_shared<SecretServiceKeychainBackend>(argv[4], "session"));
-        }
         Platform::setDiagnosticsSink([](DiagnosticLevel, const std::string& message) {
             std::fprintf(stderr, "%s\n", message.c_str());
         });
@@ -72,30 +68,8 @@ int main(int, char** argv) {
         std::ofstream(directory + "/held-" + std::to_string(::getpid())) << heldUUID();
         return out ? 0 : 1;
     }
-    if (mode == "hold") {
-        const auto backend = Platform::keychainBackend();
-        KeychainQuery item = Keychain::_baseQueryDictionaryForKey(
-            std::string("device_uuid"), std::string("NorvAnalyticDeviceUUID"), std::nullopt);
-        item.valueData = KeychainArchive::archivedData(argv[4]);
-        return backend->writeTransaction([&] {
-            const OSStatus added = backend->add(item);
-            std::ofstream(directory + "/held") << "held";
-            std::this_thread::sleep_for(std::chrono::milliseconds(std::atoi(argv[3])));
-            return added;
-        }) == errSecSuccess
-                   ? 0
-                   : 1;
-    }
     if (mode == "forget") {
-        if (argv[3] != nullptr) {
-            Platform::setKeychainBackend(
-                std::make_shared<SecretServiceKeychainBackend>(argv[3], "session"));
-        }
         NorvAnalytics::forgetDevice();
-        return 0;
-    }
-    if (mode == "save") {
-        NorvAnalytics::saveStoreUserID(std::string(argv[3]));
         return 0;
     }
     const int saves = std::atoi(argv[3]);
