@@ -20,6 +20,7 @@
 
 #include "support/Eventually.h"
 #include "support/FakeKeychainBackend.h"
+#include "support/QueueOrderProbe.h"
 #include "support/RecordingHttpClient.h"
 #include "support/SlowDesktop.h"
 
@@ -165,6 +166,22 @@ TEST(GtkAdapter, TheGtkThreadNeverWaitsForTheDesktop) {
     EXPECT_TRUE(loopUntil([&] { return Platform::application()->canOpenURL(url); }));
     norv_gtk_uninstall();
     Platform::setApplication(nullptr);
+}
+
+// Tasks still waiting for the GTK loop when the adapter goes run before any newer task and
+// never beside one, while another thread keeps adding tasks.
+TEST(GtkAdapter, AtUninstallTheTasksLeftOnTheLoopRunFirstAndOneAtATime) {
+    gtk_init();
+    ASSERT_EQ(norv_gtk_install(), 1);
+    Testing::QueueOrderProbe probe;
+    probe.queue(20);  // handed to the GTK loop, which does not turn before the adapter goes
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    probe.startAdding();
+    norv_gtk_uninstall();
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    probe.stopAdding();
+    EXPECT_FALSE(probe.overlapped());
+    EXPECT_TRUE(probe.ranInOrder(20));
 }
 
 }  // namespace
