@@ -11,6 +11,8 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <functional>
+#include <map>
 #include <iostream>
 #include <string>
 #include <thread>
@@ -193,35 +195,12 @@ int main(int argc, char** argv) {
     NorvAnalytics::setPersistentQueue(mode.starts_with("persist") || mode == "forget");
     NorvAnalytics::setCollectionAllowed(mode != "no-consent");
     start(argv[2]);
-    if (mode == "persist-record") {
-        return persistAndDie();
-    }
-    if (mode == "persist-resume" || mode == "queue-off") {
-        return resume();
-    }
-    if (mode == "persist-pair") {
-        return persistPair(argc > 3 ? argv[3] : "pair-");
-    }
-    if (mode == "persist-keys") {
-        return persistKeys();
-    }
-    if (mode == "persist-full") {
-        return persistFull();
-    }
-    if (mode == "no-consent") {
-        return withoutConsent();
-    }
-    if (mode == "fork") {
-        return forkedChild();
-    }
-    if (mode == "exit-handlers") {
-        return exitHandlers();
-    }
-    if (mode == "forget") {
-        return forget();
-    }
-    if (mode == "idle") {
-        return idle();
-    }
-    return mode == "threads" ? threads() : 2;
+    const std::string prefix = argc > 3 ? argv[3] : "pair-";
+    const std::map<std::string, std::function<int()>> modes = {
+        {"persist-record", persistAndDie}, {"persist-resume", resume}, {"queue-off", resume},
+        {"persist-pair", [&] { return persistPair(prefix); }}, {"persist-keys", persistKeys},
+        {"persist-full", persistFull}, {"no-consent", withoutConsent}, {"fork", forkedChild},
+        {"exit-handlers", exitHandlers}, {"forget", forget}, {"idle", idle}, {"threads", threads}};
+    const auto found = modes.find(mode);
+    return found == modes.end() ? 2 : found->second();
 }
