@@ -88,37 +88,26 @@ int threads() {
     return failures == 0 ? 0 : 6;
 }
 
-// How often our threads woke in three seconds.
-unsigned long long wakeUpsOfOurs() {
-    return NorvAnalytic::Testing::wakeUpsDuring(
+// Whether our threads slept through three seconds (one wake-up allowed), after the event was
+// sent and flushed and the given time passed; says how often they woke when they did not.
+bool sleptAfter(const std::string& page, std::chrono::milliseconds wait) {
+    NorvAnalytics::sendEventWithPageName(page);
+    const bool flushed = NorvAnalytics::flush(kFlushLimit);
+    std::this_thread::sleep_for(wait);
+    const auto wakeUps = NorvAnalytic::Testing::wakeUpsDuring(
         std::chrono::seconds(3), [](const std::string& name) { return name.starts_with("norv-"); });
+    std::cerr << wakeUps << " wake-ups after " << page << "\n";
+    return flushed && wakeUps <= 1;
 }
 
-// Idle with nothing saved, our threads sleep; a refused event is resent on the next tick, and
-// then they sleep again.
+// Idle with nothing saved, our threads sleep; a refused event is resent on the next tick (the
+// one after finds nothing), and then they sleep again.
 int idle() {
     NorvAnalytics::sendAppOpenEvent();
-    sendPages("page-", 1);
-    if (!NorvAnalytics::flush(kFlushLimit)) {
-        return 5;
-    }
-    // The first tick finds nothing saved.
-    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
-    if (const auto wakeUps = wakeUpsOfOurs(); wakeUps > 1) {
-        std::cerr << wakeUps << " wake-ups with nothing saved\n";
-        return 10;
-    }
-    NorvAnalytics::sendEventWithPageName("refuse-me");
-    if (!NorvAnalytics::flush(kFlushLimit)) {
-        return 5;
-    }
-    // The next tick resends it, and the one after finds nothing.
-    std::this_thread::sleep_for(std::chrono::milliseconds(2500));
-    if (const auto wakeUps = wakeUpsOfOurs(); wakeUps > 1) {
-        std::cerr << wakeUps << " wake-ups after the resend\n";
-        return 11;
-    }
-    return 0;
+    return sleptAfter("page-0", std::chrono::milliseconds(1500)) &&
+                   sleptAfter("refuse-me", std::chrono::milliseconds(2500))
+               ? 0
+               : 10;
 }
 
 // With the queue on: 10,000 events, then a kill -9 once all of them are written down, while the
