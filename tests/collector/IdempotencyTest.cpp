@@ -109,9 +109,7 @@ TEST_F(CollectorTest, StoresAKeyOnceWhenItsRequestsArriveTogether) {
     for (int round = 0; round < kRounds; ++round) {
         const std::string body = "type=7&pageName=Round" + std::to_string(round);
         const std::string request =
-            "POST /api/v3/saveEvent HTTP/1.1\r\nHost: 127.0.0.1\r\n"
-            "Idempotency-Key: \"same-" +
-            std::to_string(round) +
+            kEventHead + "Idempotency-Key: \"same-" + std::to_string(round) +
             "\"\r\nConnection: close\r\nContent-Length: " + std::to_string(body.size()) +
             "\r\n\r\n" + body;
         std::vector<std::unique_ptr<RawConnection>> clients;
