@@ -37,6 +37,7 @@ TEST_F(CollectorTest, AnswersControlRequestsOutOfRangeWith400AndTheReason) {
         {"/control/steer", R"({"analytics": false})", "unknown key \"analytics\""},
         {"/control/steer", R"({"analytics_enabled": "no"})", "analytics_enabled is true or false"},
         {"/control/steer", "[1]", "not a JSON object"},
+        {"/control/steer", R"({"analytics_enabled":)", "the body is not JSON"},
     };
     for (const auto& [path, body, reason] : cases) {
         const auto answer = client_.Post(path, body, "application/json");
