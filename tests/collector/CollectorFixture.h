@@ -45,6 +45,9 @@ protected:
         return cli(arguments).first == 0;
     }
     std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
+    // An event's request line and head, for tests that write the rest byte by byte.
+    inline static const std::string kEventHead =
+        "POST /api/v3/saveEvent HTTP/1.1\r\nHost: 127.0.0.1\r\n";
 
     const std::filesystem::path directory_ =
         std::filesystem::temp_directory_path() / ("norv-collector-" + std::to_string(getpid()));

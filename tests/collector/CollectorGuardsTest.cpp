@@ -10,8 +10,8 @@
 #include "BoundedServer.h"
 #include "CollectorFixture.h"
 #include "RawConnection.h"
-#include "support/ScratchDirectory.h"
 #include "support/Eventually.h"
+#include "support/ScratchDirectory.h"
 
 namespace NorvAnalytic::Collector {
 namespace {
@@ -37,6 +37,7 @@ TEST_F(CollectorTest, AnswersControlRequestsOutOfRangeWith400AndTheReason) {
         {"/control/steer", R"({"analytics": false})", "unknown key \"analytics\""},
         {"/control/steer", R"({"analytics_enabled": "no"})", "analytics_enabled is true or false"},
         {"/control/steer", "[1]", "not a JSON object"},
+        {"/control/steer", R"({"analytics_enabled":)", "the body is not JSON"},
     };
     for (const auto& [path, body, reason] : cases) {
         const auto answer = client_.Post(path, body, "application/json");
@@ -119,13 +120,13 @@ TEST(CollectorTokenTest, BeyondLoopbackOnlyATokenSteers) {
 // At the limit a body is taken; past it, by a byte or by its pairs, however it comes, the client
 // reads 413, not a reset, and nothing is stored. serve_test.py sends 4 MiB in every framing.
 TEST_F(CollectorTest, AnswersBodiesOverTheLimit413AndStoresNone) {
-    const std::string head = "POST /api/v3/saveEvent HTTP/1.1\r\nHost: 127.0.0.1\r\n";
     const std::string limit = "x=" + std::string(64 * 1024 - 2, 'x');
     const std::tuple<std::string, std::string, const char*> cases[] = {
-        {"one byte over", head + "Content-Length: 65537\r\n\r\n" + limit + "x", "413"},
-        {"until the client stops", head + "\r\n" + limit + "x", "413"},
-        {"257 pairs", head + "Content-Length: 258\r\n\r\n" + std::string(256, '&') + "x=", "413"},
-        {"at the limit", head + "Content-Length: 65536\r\n\r\n" + limit, "200"},
+        {"one byte over", kEventHead + "Content-Length: 65537\r\n\r\n" + limit + "x", "413"},
+        {"until the client stops", kEventHead + "\r\n" + limit + "x", "413"},
+        {"257 pairs",
+         kEventHead + "Content-Length: 258\r\n\r\n" + std::string(256, '&') + "x=", "413"},
+        {"at the limit", kEventHead + "Content-Length: 65536\r\n\r\n" + limit, "200"},
     };
     for (const auto& [framing, request, status] : cases) {
         RawConnection connection(port_);
@@ -146,12 +147,11 @@ TEST_F(CollectorTest, AnswersBodiesOverTheLimit413AndStoresNone) {
 // byte now and then, and the page's threads all taken, an event is answered at once.
 // serve_test.py stops the collector among them.
 TEST_F(CollectorTest, AnswersTheSdkWithinASecondWhile200SlowClientsHoldConnections) {
-    const std::string head = "POST /api/v3/saveEvent HTTP/1.1\r\nHost: 127.0.0.1\r\n";
     // What each kind of client sends at once, what it then sends a byte at a time, how many.
     const std::tuple<std::string, std::string, int> kinds[] = {
         {"POST /api/v3/saveEvent HTTP/1.1\r\nHo", "X-Slow: yes\r\n", 40},
-        {head + "Content-Length: 100\r\n\r\ntype=", "&", 10},
-        {head + "Transfer-Encoding: chunked\r\n\r\n", "1\r\n&\r\n", 150},
+        {kEventHead + "Content-Length: 100\r\n\r\ntype=", "&", 10},
+        {kEventHead + "Transfer-Encoding: chunked\r\n\r\n", "1\r\n&\r\n", 150},
     };
     std::vector<std::unique_ptr<RawConnection>> clients;
     std::vector<std::string> trickles;

@@ -80,8 +80,6 @@ TEST_F(CollectorTest, SteersAndRefusesAppOpenAnswersAndHoldsItsPort) {
         R"({"analytics_enabled":false,"force_version":null,"offer_version":{"download_url":"","no":"2.0"}})");
 
     EXPECT_FALSE(control({"steer", "--download-url", "d"}));
-    EXPECT_EQ(client_.Post("/control/steer", "{\"analytics_enabled\":", "application/json")->status,
-              400);
 
     // A refusal holds for exactly the next events it counts.
     ASSERT_TRUE(control({"refuse", "--status", "503", "--count", "2"}));
@@ -93,8 +91,7 @@ TEST_F(CollectorTest, SteersAndRefusesAppOpenAnswersAndHoldsItsPort) {
 
     // Without options, steer shows the refusals still pending and the answer they give.
     ASSERT_TRUE(control({"refuse", "--status", "503", "--count", "2"}));
-    const std::string state =
-        cli({"steer", "--url", "http://127.0.0.1:" + std::to_string(port_)}).second;
+    const std::string state = cli({"steer", "--url", url()}).second;
     EXPECT_NE(state.find("\"remaining\": 2"), std::string::npos) << state;
     EXPECT_NE(state.find("\"next_app_open\": {\n    \"status\": 503"), std::string::npos) << state;
 
@@ -256,58 +253,50 @@ TEST(EventSummaryTest, TellsEventsOfATypeApart) {
     }
 }
 
-// The command line and the page's download link write the same file.
-TEST_F(CollectorTest, ExportsWhatItsFiltersMatchAsJsonLinesAndCsv) {
-    post("type=7&pageName=Orders, \"new\"\r\nline&device_uuid=D1");
-    post("type=2&device_uuid=D2");
-    post("type=7&pageName=Stock&device_uuid=D3");
-    const auto [status, csv] = cli({"export", "--db", database_, "--format", "csv", "--type", "7"});
-    EXPECT_EQ(status, 0);
-    const std::string header =
-        "id,received_at,status,type,type_name,device,summary,body,answer,idempotency_key,"
-        "repeats\r\n";
-    ASSERT_TRUE(csv.starts_with(header)) << csv;
-    EXPECT_NE(csv.find(R"(,200,7,Page Open,D1,"Orders, ""new"")"
-                       "\r\nline\","),
-              std::string::npos)
-        << csv;
-    EXPECT_NE(csv.find("\r\n3,"), std::string::npos) << csv;
-    EXPECT_EQ(csv.find(",D2,"), std::string::npos) << csv;
-
-    const std::string jsonl =
-        cli({"export", "--db", database_, "--format", "jsonl", "--device", "D3"}).second;
-    EXPECT_EQ(std::count(jsonl.begin(), jsonl.end(), '\n'), 1) << jsonl;
-    const Json line = Json::parse(jsonl);
-    EXPECT_EQ(line.at("body"), "type=7&pageName=Stock&device_uuid=D3");
-    EXPECT_EQ(line.at("summary"), "Stock");
-
-    EXPECT_EQ(client_.Get("/api/export?format=csv&type=7")->body, csv);
-    EXPECT_EQ(client_.Get("/api/export?format=jsonl&device=D3")->body, jsonl);
-    EXPECT_EQ(client_.Get("/api/export?format=xml")->status, 400);
-    EXPECT_EQ(cli({"export", "--db", database_, "--format", "xml"}).first, 2);
-}
-
-// A page name is whatever a host sends; a spreadsheet that opens the CSV must show it as text
-// rather than run it. JSON Lines keeps it exact.
-TEST_F(CollectorTest, ExportsCsvCellsASpreadsheetWouldRunAsText) {
+// The command line and the page's download link write the same file. A page name is whatever a
+// host sends: a spreadsheet that opens the CSV must show it as text rather than run or split it.
+// JSON Lines keeps it exact.
+TEST_F(CollectorTest, ExportsWhatItsFiltersMatchAsJsonLinesAndCsvCellsAsText) {
     const std::pair<std::string, std::string> cases[] = {
-        {"=1+1", "'=1+1"}, {"+1+1", "'+1+1"},
-        {"-2", "'-2"},     {"@SUM(1+1)*cmd|' /C calc'!A0", "'@SUM(1+1)*cmd|' /C calc'!A0"},
-        {"\t=1", "'\t=1"}, {"\r=1", "\"'\r=1\""},
+        {"Orders, \"new\"\r\nline", "\"Orders, \"\"new\"\"\r\nline\""},
+        {"=1+1", "'=1+1"},
+        {"+1+1", "'+1+1"},
+        {"-2", "'-2"},
+        {"@SUM(1+1)*cmd|' /C calc'!A0", "'@SUM(1+1)*cmd|' /C calc'!A0"},
+        {"\t=1", "'\t=1"},
+        {"\r=1", "\"'\r=1\""},
         {"1=1", "1=1"},
     };
     for (const auto& [pageName, cell] : cases) {
         post("type=7&device_uuid=FORMULA&pageName=" + pageName);
     }
-    const std::string csv = cli({"export", "--db", database_, "--format", "csv"}).second;
-    const std::string jsonl = cli({"export", "--db", database_, "--format", "jsonl"}).second;
+    post("type=2&device_uuid=D2");
+    const auto [status, csv] = cli({"export", "--db", database_, "--format", "csv", "--type", "7"});
+    EXPECT_EQ(status, 0);
+    ASSERT_TRUE(
+        csv.starts_with("id,received_at,status,type,type_name,device,summary,body,answer,"
+                        "idempotency_key,repeats\r\n1,"))
+        << csv;
+    EXPECT_EQ(csv.find(",D2,"), std::string::npos) << csv;
+    const std::string jsonl =
+        cli({"export", "--db", database_, "--format", "jsonl", "--device", "FORMULA"}).second;
+    EXPECT_EQ(std::count(jsonl.begin(), jsonl.end(), '\n'), std::ssize(cases)) << jsonl;
     std::istringstream lines(jsonl);
     for (const auto& [pageName, cell] : cases) {
-        EXPECT_NE(csv.find(",FORMULA," + cell + ","), std::string::npos) << cell << "\n" << csv;
+        EXPECT_NE(csv.find(",200,7,Page Open,FORMULA," + cell + ","), std::string::npos)
+            << cell << "\n"
+            << csv;
         std::string line;
         std::getline(lines, line);
         EXPECT_EQ(Json::parse(line).at("summary"), pageName);
+        EXPECT_EQ(Json::parse(line).at("body"), "type=7&device_uuid=FORMULA&pageName=" + pageName);
     }
+    EXPECT_NE(csv.find("\r\n2,"), std::string::npos) << csv;
+
+    EXPECT_EQ(client_.Get("/api/export?format=csv&type=7")->body, csv);
+    EXPECT_EQ(client_.Get("/api/export?format=jsonl&device=FORMULA")->body, jsonl);
+    EXPECT_EQ(client_.Get("/api/export?format=xml")->status, 400);
+    EXPECT_EQ(cli({"export", "--db", database_, "--format", "xml"}).first, 2);
     EXPECT_NE(cli({"export", "--help"}).second.find("gets a leading '"), std::string::npos);
 }
 

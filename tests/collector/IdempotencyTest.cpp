@@ -51,11 +51,7 @@ TEST_F(CollectorTest, StoresAnEventOncePerKeyAndAnswersARepeatAsTheFirst) {
     for (const auto& [value, status] : misuses) {
         post("type=7&pageName=Misused", status, key(value));
     }
-    EXPECT_EQ(client_
-                  .Post("/api/v3/saveEvent", {{"Idempotency-Key", "a"}, {"Idempotency-Key", "b"}},
-                        "type=7", "text/plain")
-                  ->status,
-              400);
+    post("type=7", 400, {{"Idempotency-Key", "a"}, {"Idempotency-Key", "b"}});
 
     const std::vector<StoredEvent> events = store_.events();
     ASSERT_EQ(events.size(), 4U);
@@ -109,9 +105,7 @@ TEST_F(CollectorTest, StoresAKeyOnceWhenItsRequestsArriveTogether) {
     for (int round = 0; round < kRounds; ++round) {
         const std::string body = "type=7&pageName=Round" + std::to_string(round);
         const std::string request =
-            "POST /api/v3/saveEvent HTTP/1.1\r\nHost: 127.0.0.1\r\n"
-            "Idempotency-Key: \"same-" +
-            std::to_string(round) +
+            kEventHead + "Idempotency-Key: \"same-" + std::to_string(round) +
             "\"\r\nConnection: close\r\nContent-Length: " + std::to_string(body.size()) +
             "\r\n\r\n" + body;
         std::vector<std::unique_ptr<RawConnection>> clients;
