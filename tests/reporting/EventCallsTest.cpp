@@ -5,9 +5,6 @@
 
 #include <cmath>
 #include <functional>
-#include <algorithm>
-#include <iterator>
-#include <set>
 #include <thread>
 #include <utility>
 
@@ -127,13 +124,11 @@ TEST(EventCalls, RequestTimingSendsElapsedSecondsOncePerStart) {
     NorvAnalytics::sendRequestStartTime(t0 + ms(1000), "/b");
     NorvAnalytics::sendRequestEndTime(t0 + ms(1250), "/b", std::nullopt, std::nullopt);
     NorvAnalytics::sendRequestEndTime(t0 + ms(9000), "/b", std::nullopt, std::nullopt);
-    // Ignored starts, an end without a start, and a nil end time (value 0).
+    // Ignored starts, and an end without a start. A nil end time (value 0) is a row of the table.
     NorvAnalytics::sendRequestStartTime(std::nullopt, "/c");
     NorvAnalytics::sendRequestStartTime(t0, std::nullopt);
     NorvAnalytics::sendRequestEndTime(t0, "/c", std::nullopt, std::nullopt);
     NorvAnalytics::sendRequestEndTime(t0, std::nullopt, std::nullopt, std::nullopt);
-    NorvAnalytics::sendRequestStartTime(t0, "/d");
-    NorvAnalytics::sendRequestEndTime(std::nullopt, "/d", std::nullopt, std::nullopt);
     // An end before its start is negative.
     NorvAnalytics::sendRequestStartTime(t0, "/e");
     NorvAnalytics::sendRequestEndTime(t0 - ms(250), "/e", std::nullopt, std::nullopt);
@@ -141,7 +136,6 @@ TEST(EventCalls, RequestTimingSendsElapsedSecondsOncePerStart) {
     EXPECT_EQ(harness.http->bodies(),
               (std::vector<std::string>{harness.body({"1", 1.5F, "/a", "q=1", "ok"}),
                                         harness.body({"1", 0.25F, "/b"}),
-                                        harness.body({"1", 0.0F, "/d"}),
                                         harness.body({"1", -0.25F, "/e"})}));
 
     // Starts never ended are bounded: beyond 1,000 endpoints the oldest is forgotten. No start
@@ -166,30 +160,26 @@ TEST(EventCalls, RequestTimingSendsElapsedSecondsOncePerStart) {
     EXPECT_EQ(harness.http->bodies(), std::vector<std::string>{});
 }
 
+// Host threads time their requests at the same moment: no start is lost on the way to its end.
+// (That many threads lose no event on their way out is left to the Outbox tests.)
 TEST(EventCalls, ManyThreadsLoseNoEvent) {
     ReportingHarness harness;
     constexpr std::size_t kThreads = 8, kPerThread = 300;
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (std::size_t t = 0; t < kThreads; ++t) {
         threads.emplace_back([t] {
             const std::string endpoint = "/t" + std::to_string(t);
             for (std::size_t i = 0; i < kPerThread; ++i) {
-                NorvAnalytics::sendEventWithPageName(endpoint + "-" + std::to_string(i));
                 NorvAnalytics::sendRequestStartTime(std::chrono::system_clock::now(), endpoint);
                 NorvAnalytics::sendRequestEndTime(std::chrono::system_clock::now(), endpoint,
                                                   std::nullopt, std::nullopt);
             }
         });
     }
-    std::for_each(threads.begin(), threads.end(), [](std::thread& thread) { thread.join(); });
+    threads.clear();
     while (harness.http->answerAll(200, "") > 0) {
     }
-    const auto bodies = harness.http->bodies();
-    EXPECT_EQ(bodies.size(), kThreads * kPerThread * 2);
-    std::set<std::string> pages;
-    std::copy_if(bodies.begin(), bodies.end(), std::inserter(pages, pages.end()),
-                 [](const std::string& body) { return body.find("&type=7&") != std::string::npos; });
-    EXPECT_EQ(pages.size(), kThreads * kPerThread);
+    EXPECT_EQ(harness.http->bodies().size(), kThreads * kPerThread);
 }
 
 TEST(EventCalls, FlushWaitsForHeldAnswersButNeverWhereAnswersAreHandled) {
