@@ -1,19 +1,15 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
-#include <unistd.h>
-
-#include <filesystem>
 
 #include "support/ChildProcess.h"
 #include "support/LocalHttpServer.h"
+#include "support/ScratchDirectory.h"
 
 namespace NorvAnalytic {
 namespace {
 
 TEST(Exit, HostReturningFromMainWithRequestsInFlightExitsCleanly) {
-    const auto dataHome =
-        std::filesystem::temp_directory_path() / ("norv-exit-" + std::to_string(::getpid()));
-    std::filesystem::create_directories(dataHome);
+    const Testing::ScratchDirectory dataHome;
     const auto answeringAfter = [](std::chrono::milliseconds delay) {
         return [delay](const std::string&, const std::string&) {
             return Testing::LocalHttpServer::Answer{.delay = delay};
@@ -29,13 +25,12 @@ TEST(Exit, HostReturningFromMainWithRequestsInFlightExitsCleanly) {
         const auto started = std::chrono::steady_clock::now();
         const int status = Testing::runChildProcess(
             {Testing::siblingExecutable("reporting_quick_exit_host"), url},
-            {"XDG_DATA_HOME=" + dataHome.string()}, std::chrono::seconds(20));
+            {"XDG_DATA_HOME=" + dataHome.path().string()}, std::chrono::seconds(20));
         ASSERT_NE(status, -1) << url << ": the host hung";
         EXPECT_TRUE(WIFEXITED(status)) << url << ": ended by signal " << WTERMSIG(status);
         EXPECT_EQ(WEXITSTATUS(status), 0) << url;
         EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(10)) << url;
     }
-    std::filesystem::remove_all(dataHome);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <NorvAnalytic/MainQueue.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace NorvAnalytic::Testing {
 
@@ -17,13 +18,10 @@ void RecordingHttpClient::send(HttpRequest request, Completion completion) {
     completion(std::string(), HttpResponse{200}, std::nullopt);
 }
 
-std::size_t RecordingHttpClient::dropAll() {
-    // Declared first, so destroyed after the lock is released: a completion may send again.
-    std::vector<Completion> open;
+std::vector<HttpClient::Completion> RecordingHttpClient::takeOpen() {
     beforeReading();
     std::lock_guard lock(mutex_);
-    open.swap(open_);
-    return open.size();
+    return std::exchange(open_, {});
 }
 
 std::vector<HttpRequest> RecordingHttpClient::requests() const {
@@ -33,10 +31,9 @@ std::vector<HttpRequest> RecordingHttpClient::requests() const {
 }
 
 std::vector<std::string> RecordingHttpClient::bodies() const {
-    beforeReading();
-    std::lock_guard lock(mutex_);
-    std::vector<std::string> bodies(requests_.size());
-    std::ranges::transform(requests_, bodies.begin(), &HttpRequest::body);
+    const std::vector<HttpRequest> sent = requests();
+    std::vector<std::string> bodies(sent.size());
+    std::ranges::transform(sent, bodies.begin(), &HttpRequest::body);
     return bodies;
 }
 
@@ -48,12 +45,7 @@ void RecordingHttpClient::clear() {
 
 std::size_t RecordingHttpClient::completeAll(const std::optional<std::string>& data,
                                              const std::optional<HttpResponse>& response) {
-    std::vector<Completion> open;
-    beforeReading();
-    {
-        std::lock_guard lock(mutex_);
-        open.swap(open_);
-    }
+    std::vector<Completion> open = takeOpen();
     for (Completion& completion : open) {
         completion(data, response,
                    data ? std::nullopt

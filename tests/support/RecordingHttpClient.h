@@ -38,10 +38,13 @@ public:
     }
     // Fails every request still open without an answer, as a transport error does.
     std::size_t failAll() { return completeAll(std::nullopt, std::nullopt); }
-    // Destroys the completion of every request still open without calling it; how many.
-    std::size_t dropAll();
+    // Destroys the completion of every request still open without calling it; how many. The
+    // completions go once the lock is released: one may send again.
+    std::size_t dropAll() { return takeOpen().size(); }
 
 private:
+    // The completions of every request still open, which are no longer open.
+    std::vector<Completion> takeOpen();
     std::size_t completeAll(const std::optional<std::string>& data,
                             const std::optional<HttpResponse>& response);
 
