@@ -419,10 +419,15 @@ protected:
         }
         SecretSchema* search = secret_schema_new(schema_.c_str(), SECRET_SCHEMA_NONE, "account",
                                                  SECRET_SCHEMA_ATTRIBUTE_STRING, nullptr);
-        GList* items = secret_password_search_sync(search, SECRET_SEARCH_ALL, nullptr, nullptr,
-                                                   "account", "device_uuid", nullptr);
+        GHashTable* attributes = g_hash_table_new(g_str_hash, g_str_equal);
+        g_hash_table_insert(attributes, const_cast<char*>("account"), const_cast<char*>("device_uuid"));
+        SecretService* service = secret_service_get_sync(SECRET_SERVICE_NONE, nullptr, nullptr);
+        GList* items =
+            secret_service_search_sync(service, search, attributes, SECRET_SEARCH_ALL, nullptr, nullptr);
         const int count = static_cast<int>(g_list_length(items));
         g_list_free_full(items, g_object_unref);
+        g_object_unref(service);
+        g_hash_table_unref(attributes);
         secret_schema_unref(search);
         return count;
     }
