@@ -36,8 +36,8 @@ struct EventRecord {
         return bytes + (eventId ? sizeof(std::string) + eventId->capacity() + 1 : 0);
     }
     // The key as a record holds it: none for the empty text.
-    static std::unique_ptr<const std::string> keyOf(std::string key) {
-        return key.empty() ? nullptr : std::make_unique<const std::string>(std::move(key));
+    static std::unique_ptr<const std::string> keyOf(std::string_view key) {
+        return key.empty() ? nullptr : std::make_unique<const std::string>(key);
     }
 };
 

@@ -31,8 +31,11 @@ bool isAppOpen(const EventRecord& record) {
 // Made on the host's thread, before our thread can ask for it: made later it could be set up
 // while the process exits, and its exit hook must be registered before ours.
 void prepareClient() {
-    static std::once_flag clientMade;
-    std::call_once(clientMade, [] { static_cast<void>(Platform::httpClient()); });
+    static const bool made = [] {
+        static_cast<void>(Platform::httpClient());
+        return true;
+    }();
+    static_cast<void>(made);
 }
 
 }  // namespace
@@ -52,20 +55,25 @@ void Outbox::connect(Connections connections) { connections_ = std::move(connect
 
 void Outbox::submit(EventRecord record) {
     prepareClient();
-    Dropped dropped;
+    // Made only past a bound: the caller's usual path builds and tears down nothing for it.
+    std::optional<Dropped> dropped;
     bool wake = false;
     {
         std::lock_guard lock(mutex_);
         ensureThreadLocked();
         queuedBytes_ += record.bytes();
         waiting_.push_back(std::move(record));
-        dropped = trimLocked();
+        if (waiting_.size() + ready_.size() > maxEvents_ || queuedBytes_ > maxBytes_) {
+            dropped = trimLocked();
+        }
         wake = (journal_.isOpen() || inWindow_ < kWindow) && wakeLocked();
     }
     if (wake) {
         wake_.notify_one();
     }
-    dropped.account();
+    if (dropped) {
+        dropped->account();
+    }
 }
 
 void Outbox::ensureThreadLocked() {

@@ -25,7 +25,7 @@ Outgoing Outgoing::fromRow(QueueFile::Row& row, JournalRow reference, EventsInFl
     EventRecord record{EventTable::decode(row.texts).value_or(EventTexts{}),
                        std::make_shared<const Destination>(Destination{std::nullopt, row.url}),
                        std::move(ticket), row.isSavedEvent, epoch,
-                       EventRecord::keyOf(std::move(row.eventId))};
+                       EventRecord::keyOf(row.eventId)};
     return {std::move(record), std::move(row.body), nullptr, reference, retried, std::move(hold)};
 }
 

@@ -1,6 +1,8 @@
 #include "events/TextFormat.h"
 
+#include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <cstdint>
 #include <cstring>
 
@@ -95,6 +97,14 @@ std::string TextFormat::version(const std::shared_ptr<const Bundle>& bundle) {
 
 std::string TextFormat::decimal(double value) {
     // A decimal point whatever locale the host has set: the server parses these numbers.
+    // Whole numbers, most events' values, skip the general conversion (a sixth of its cost on
+    // the caller's thread) for the same text; -0 keeps its sign through the general one.
+    if (value == std::trunc(value) && std::fabs(value) < 1e15 &&
+        !(value == 0 && std::signbit(value))) {
+        char whole[32];
+        char* end = std::to_chars(whole, whole + 24, static_cast<std::int64_t>(value)).ptr;
+        return std::string(whole, std::copy_n(".000000", 7, end));
+    }
     char buffer[512];
     const auto result = std::to_chars(buffer, buffer + sizeof buffer, value,
                                       std::chars_format::fixed, 6);

@@ -29,12 +29,13 @@ Text typeIdOf(const EventRecord& record) {
 }  // namespace
 
 Outbox& EventDelivery::outbox() {
-    static std::once_flag connected;
-    std::call_once(connected, [] {
+    // A function-local static: after the first call, one load on the caller's path.
+    static Outbox& connected = [] () -> Outbox& {
         Outbox::shared().connect({&DeviceFactsReader::shared(), &EventDelivery::answered,
                                   &EventDelivery::countDiscarded});
-    });
-    return Outbox::shared();
+        return Outbox::shared();
+    }();
+    return connected;
 }
 
 std::uint64_t EventDelivery::discardedByForget() { return forgotten.load(std::memory_order_relaxed); }

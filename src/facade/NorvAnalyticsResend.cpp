@@ -42,7 +42,7 @@ void NorvAnalytics::checkEvents() {
     Event resent = *head;
     resent.value = TextFormat::decimal(TextFormat::leadingFloat(head->value));
     // The same key as its first send: a server that saw that one knows this one.
-    submitEvent(resent, true, tag ? tag->eventId : std::string());
+    submitEvent(resent, true, tag ? std::string_view(tag->eventId) : std::string_view());
     // Sent once, whatever the answer: a resend that fails again is not kept.
     std::erase_if(events, [&](const std::shared_ptr<Event>& event) { return event == head; });
     if (tag && tag->row) {

@@ -23,7 +23,7 @@ void NorvAnalytics::setWaitingEventLimits(std::size_t maxEvents, std::size_t max
     EventDelivery::outbox().setLimits(maxEvents, maxBytes);
 }
 
-void submitEvent(const Event& event, bool isSavedEvent, std::string eventId) noexcept {
+void submitEvent(const Event& event, bool isSavedEvent, std::string_view eventId) noexcept {
     // Read before consent: a withdrawal between the two finds this event with the older
     // generation and discards it wherever it is.
     const std::uint64_t epoch = PrivacyEpoch::current();
@@ -45,12 +45,11 @@ void submitEvent(const Event& event, bool isSavedEvent, std::string eventId) noe
             }
             return;
         }
-        if (eventId.empty()) {
-            eventId = EventIds::next();
-        }
-        EventDelivery::outbox().submit({EventTable::texts(event), std::move(destination),
-                                        EventsInFlight::begin(), isSavedEvent, epoch,
-                                        EventRecord::keyOf(std::move(eventId))});
+        EventDelivery::outbox().submit(
+            {EventTable::texts(event), std::move(destination), EventsInFlight::begin(),
+             isSavedEvent, epoch,
+             eventId.empty() && EventIds::enabled() ? EventRecord::keyOf(EventIds::next())
+                                                    : EventRecord::keyOf(eventId)});
     } catch (...) {
         // Out of memory: this one event is dropped, and the host's call returns as usual.
     }

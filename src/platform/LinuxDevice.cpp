@@ -39,6 +39,9 @@ std::string osReleaseVersion(const std::string& path) {
 
 // The first reading is waited for this long; a battery slower than that reads as unknown once.
 constexpr std::chrono::milliseconds kFirstReadingWait{50};
+// A reading this young is given as it is: a level moves by the minute, and a burst of app-open
+// events would otherwise start a thread for each.
+constexpr std::chrono::seconds kFreshReading{1};
 
 // The devices alive, so that their threads are ended at exit.
 struct LiveDevices {
@@ -123,6 +126,9 @@ float LinuxDevice::batteryLevel() {
         return -1.0F;
     }
     std::unique_lock lock(batteryMutex_);
+    if (batteryRead_ && std::chrono::steady_clock::now() - batteryReadAt_ < kFreshReading) {
+        return batteryLevel_;
+    }
     batteryWanted_ = true;
     if (!batteryThreadRunning_ && !stopping_) {
         if (batteryThread_.joinable()) {
@@ -151,6 +157,7 @@ void LinuxDevice::refreshBatteryLevel() {
         lock.lock();
         batteryLevel_ = level;
         batteryRead_ = true;
+        batteryReadAt_ = std::chrono::steady_clock::now();
         batteryChanged_.notify_all();
     }
     batteryThreadRunning_ = false;

@@ -3,6 +3,7 @@
 #include <NorvAnalytic/Device.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <filesystem>
 #include <mutex>
@@ -26,8 +27,8 @@ public:
     std::string systemVersion() override;
     void setBatteryMonitoringEnabled(bool enabled) override;
     // The level our thread (norv-battery) read last: a battery's file may take an embedded
-    // controller's round trip to answer, which no caller's thread waits for. Each call asks
-    // for a fresh reading; only the first waits for one, and briefly.
+    // controller's round trip to answer, which no caller's thread waits for. A call asks for
+    // a fresh reading unless the last is under a second old; only the first waits, briefly.
     float batteryLevel() override;
     std::string machineIdentifier() override;
 
@@ -52,6 +53,7 @@ private:
     std::thread batteryThread_;
     float batteryLevel_ = -1.0F;
     bool batteryRead_ = false;
+    std::chrono::steady_clock::time_point batteryReadAt_;
     bool batteryWanted_ = false;
     bool batteryThreadRunning_ = false;
     bool stopping_ = false;

@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
 #include "events/EventTable.h"
+#include "events/TextFormat.h"
+
+#include <limits>
 
 namespace NorvAnalytic {
 namespace {
@@ -40,6 +43,17 @@ TEST(EventTable, EveryPairInItsPlaceAndAbsentOnesLeftOut) {
     EXPECT_EQ(body({.value = "-1.500000"}),
               "key=k&value=-1.500000&parameters=(null)&response=(null)&device_uuid=U&"
               "vbf_version=1.7.4&device_model=iPhone 7&system_version=17.1&" + kTail);
+}
+
+TEST(EventTable, ValuesAreFixedWithSixPlacesWholeOrNot) {
+    const std::pair<double, std::string> cases[] = {
+        {1.0, "1.000000"},        {-3.0, "-3.000000"},       {0.0, "0.000000"},
+        {-0.0, "-0.000000"},      {0.25, "0.250000"},        {16777216.0, "16777216.000000"},
+        {-1e15, "-1000000000000000.000000"}, {1e20, "100000000000000000000.000000"},
+        {1e-7, "0.000000"},       {std::numeric_limits<double>::infinity(), "inf"}};
+    for (const auto& [value, text] : cases) {
+        EXPECT_EQ(TextFormat::decimal(value), text) << value;
+    }
 }
 
 TEST(EventTable, ParametersAndResponseAreCutToTwoHundredUtf16UnitsOfValidText) {
