@@ -31,11 +31,7 @@ bool isAppOpen(const EventRecord& record) {
 // Made on the host's thread, before our thread can ask for it: made later it could be set up
 // while the process exits, and its exit hook must be registered before ours.
 void prepareClient() {
-    static const bool made = [] {
-        static_cast<void>(Platform::httpClient());
-        return true;
-    }();
-    static_cast<void>(made);
+    [[maybe_unused]] static const bool made = (static_cast<void>(Platform::httpClient()), true);
 }
 
 }  // namespace
@@ -260,13 +256,7 @@ std::size_t Outbox::run(Turn& turn) {
     }
     journal_.commit(turn.last);
     if (const std::size_t lost = journal_.takeLost(); lost > 0) {
-        std::string warning;
-        {
-            std::lock_guard lock(mutex_);
-            warning = countDroppedLocked(lost);
-        }
-        EventsInFlight::noteLost(lost);
-        report(warning);
+        countLost(lost);
     }
     return handOver(now);
 }
@@ -328,14 +318,16 @@ std::size_t Outbox::handOver(std::vector<Outgoing>& events) {
     // Marked before the epoch is looked at: a fence either shows here, or waits for the sends.
     setTouching(true);
     dropFenced(events);
+    // Looked up once a turn: the client a host set mid-turn takes the next turn's events.
+    const std::shared_ptr<HttpClient> client = Platform::httpClient();
     for (Outgoing& event : events) {
-        handOver(std::move(event));
+        handOver(std::move(event), *client);
     }
     setTouching(false);
     return events.size();
 }
 
-void Outbox::handOver(Outgoing event) noexcept {
+void Outbox::handOver(Outgoing event, HttpClient& client) noexcept {
     std::shared_ptr<SentEvent> sent;
     try {
         sent = std::make_shared<SentEvent>(std::move(event), generation_);
@@ -351,7 +343,7 @@ void Outbox::handOver(Outgoing event) noexcept {
             request.headers.emplace_back(EventIds::kHeader,
                                          EventIds::headerValue(*outgoing.record.eventId));
         }
-        Platform::httpClient()->send(
+        client.send(
             std::move(request),
             [sent](std::optional<std::string> data, std::optional<HttpResponse> response,
                    std::optional<Error> error) mutable noexcept {
@@ -388,13 +380,7 @@ void Outbox::answered(std::shared_ptr<SentEvent>& sent, std::optional<std::strin
         return;
     }
     if (dropped) {
-        std::string warning;
-        {
-            std::lock_guard lock(mutex_);
-            warning = countDroppedLocked(1);
-        }
-        EventsInFlight::noteLost(1);
-        report(warning);
+        countLost(1);
         return;
     }
     if (connections_.answered) {
@@ -458,6 +444,16 @@ void Outbox::Dropped::account() {
     }
     records.clear();
     ready.clear();
+    report(warning);
+}
+
+void Outbox::countLost(std::size_t count) {
+    std::string warning;
+    {
+        std::lock_guard lock(mutex_);
+        warning = countDroppedLocked(count);
+    }
+    EventsInFlight::noteLost(count);
     report(warning);
 }
 

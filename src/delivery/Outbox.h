@@ -109,7 +109,7 @@ private:
     // Keeps the events of the current privacy generation; counts the others as discarded.
     void dropFenced(std::vector<Outgoing>& events);
     std::size_t handOver(std::vector<Outgoing>& events);
-    void handOver(Outgoing event) noexcept;
+    void handOver(Outgoing event, HttpClient& client) noexcept;
     void answered(std::shared_ptr<SentEvent>& sent, std::optional<std::string> data,
                   std::optional<HttpResponse> response, std::optional<Error> error);
     void released(std::uint64_t generation);
@@ -127,6 +127,8 @@ private:
     // Drops the oldest beyond the bounds.
     Dropped trimLocked();
     std::string countDroppedLocked(std::size_t count);
+    // Events dropped after they left the waiting list: counted, and a flush reports them.
+    void countLost(std::size_t count);
     static void report(const std::string& warning);
 
     static void beforeFork();
