@@ -59,7 +59,7 @@ void Outbox::submit(EventRecord record) {
         ensureThreadLocked();
         queuedBytes_ += record.bytes();
         waiting_.push_back(std::move(record));
-        if (waiting_.size() + ready_.size() > maxEvents_ || queuedBytes_ > maxBytes_) {
+        if (overBoundsLocked()) {
             dropped = trimLocked();
         }
         wake = (journal_.isOpen() || inWindow_ < kWindow) && wakeLocked();
@@ -420,8 +420,7 @@ Outbox::Dropped Outbox::addReadyLocked(std::vector<Outgoing>& events, bool inFro
 
 Outbox::Dropped Outbox::trimLocked() {
     Dropped dropped;
-    while ((waiting_.size() + ready_.size() > maxEvents_ || queuedBytes_ > maxBytes_) &&
-           !(waiting_.empty() && ready_.empty())) {
+    while (overBoundsLocked() && !(waiting_.empty() && ready_.empty())) {
         // The oldest first: what a file held or could not take came before the waiting records.
         if (!ready_.empty()) {
             queuedBytes_ -= ready_.front().bytes();

@@ -124,6 +124,9 @@ private:
     };
     // Adds built events to those waiting for room (in front: they came before all that waits).
     Dropped addReadyLocked(std::vector<Outgoing>& events, bool inFront);
+    bool overBoundsLocked() const {
+        return waiting_.size() + ready_.size() > maxEvents_ || queuedBytes_ > maxBytes_;
+    }
     // Drops the oldest beyond the bounds.
     Dropped trimLocked();
     std::string countDroppedLocked(std::size_t count);
