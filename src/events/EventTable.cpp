@@ -33,10 +33,13 @@ using BodyValue = std::optional<std::string_view> (*)(const Field&, const BodyIn
 // One pair of the form body, in the server's order. A pair that carries the host's text names
 // the Event member it comes from and the answer context's slot for it.
 struct Field {
-    std::string_view key;
+    // "&key=": what goes before the value, the first pair's without its "&".
+    std::string_view separated;
     BodyValue value;
     Text Event::*event = nullptr;
     Text EventResponseContext::*context = nullptr;
+
+    constexpr std::string_view key() const { return separated.substr(1, separated.size() - 2); }
 };
 
 std::optional<std::string_view> present(const Text& text) {
@@ -52,7 +55,10 @@ std::optional<std::string_view> host(const Field& field, const BodyInput& input,
 std::optional<std::string_view> described(const Field& field, const BodyInput& input,
                                           std::string& made) {
     const std::string* text = EventTable::find(input.texts, field.event);
-    std::string_view shown = text ? std::string_view(*text) : TextFormat::kNil;
+    if (text == nullptr) {
+        return TextFormat::kNil;
+    }
+    std::string_view shown = *text;
     if (!TextFormat::isValidUtf8(shown)) {
         made = TextFormat::validUtf8(shown);
         shown = made;
@@ -108,29 +114,40 @@ using Context = EventResponseContext;
 
 // The value is a text in an Event and a number in the answer context: it has no context slot.
 constexpr std::array<Field, 22> kFields = {{
-    {"key", &key},
-    {"value", &value, &Event::value},
-    {"type", &host, &Event::eventTypeId, &Context::typeId},
-    {"endpoint", &host, &Event::endpoint, &Context::endpoint},
-    {"parameters", &described, &Event::parameters, &Context::parameters},
-    {"response", &described, &Event::response, &Context::response},
-    {"device_uuid", &device<&DeviceFacts::deviceUUID>},
-    {"pageName", &host, &Event::pageName, &Context::pageName},
-    {"player_id", &host, &Event::player_id, &Context::playerId},
-    {"vbf_version", &device<&DeviceFacts::sdkVersion>},
-    {"username", &host, &Event::username, &Context::username},
-    {"warehouse", &host, &Event::warehouse, &Context::warehouse},
-    {"error", &host, &Event::error, &Context::error},
-    {"deviceCustomName", &host, &Event::deviceCustomName, &Context::deviceCustomName},
-    {"device_name", &host, &Event::deviceName, &Context::deviceName},
-    {"device_model", &deviceText<&DeviceFacts::deviceModel>},
-    {"system_version", &device<&DeviceFacts::systemVersion>},
-    {"batteryLevel", &battery},
-    {"user_id", &userId},
-    {"is_test_device", &constant<kTestDevice>},
-    {"version", &constant<kProtocolVersion>},
-    {"is_simulator", &constant<kSimulator>},
+    {"&key=", &key},
+    {"&value=", &value, &Event::value},
+    {"&type=", &host, &Event::eventTypeId, &Context::typeId},
+    {"&endpoint=", &host, &Event::endpoint, &Context::endpoint},
+    {"&parameters=", &described, &Event::parameters, &Context::parameters},
+    {"&response=", &described, &Event::response, &Context::response},
+    {"&device_uuid=", &device<&DeviceFacts::deviceUUID>},
+    {"&pageName=", &host, &Event::pageName, &Context::pageName},
+    {"&player_id=", &host, &Event::player_id, &Context::playerId},
+    {"&vbf_version=", &device<&DeviceFacts::sdkVersion>},
+    {"&username=", &host, &Event::username, &Context::username},
+    {"&warehouse=", &host, &Event::warehouse, &Context::warehouse},
+    {"&error=", &host, &Event::error, &Context::error},
+    {"&deviceCustomName=", &host, &Event::deviceCustomName, &Context::deviceCustomName},
+    {"&device_name=", &host, &Event::deviceName, &Context::deviceName},
+    {"&device_model=", &deviceText<&DeviceFacts::deviceModel>},
+    {"&system_version=", &device<&DeviceFacts::systemVersion>},
+    {"&batteryLevel=", &battery},
+    {"&user_id=", &userId},
+    {"&is_test_device=", &constant<kTestDevice>},
+    {"&version=", &constant<kProtocolVersion>},
+    {"&is_simulator=", &constant<kSimulator>},
 }};
+
+// A body's size beyond its texts, for its one allocation: every pair's "&key=", and room for
+// the values made here (a value of 0, the battery, "(null)" twice).
+constexpr std::size_t kKeysSize = [] {
+    std::size_t size = 0;
+    for (const Field& field : kFields) {
+        size += field.separated.size();
+    }
+    return size;
+}();
+constexpr std::size_t kMadeSize = 64;
 
 // What an Event declares but the body never takes from it: the SDK adds the key, the device
 // UUID and the version afresh to every send.
@@ -185,7 +202,7 @@ const std::string* EventTable::find(const EventTexts& texts, Text Event::*member
 std::string EventTable::encode(const EventTexts& texts) {
     std::string bytes;
     for (const auto& [member, text] : texts) {
-        const std::string_view key = std::ranges::find(kFields, member, &Field::event)->key;
+        const std::string_view key = std::ranges::find(kFields, member, &Field::event)->key();
         bytes += static_cast<char>(key.size());
         bytes += key;
         for (int shift = 0; shift < 32; shift += 8) {
@@ -250,39 +267,31 @@ std::shared_ptr<Event> EventTable::savedEvent(const EventResponseContext& contex
 }
 
 std::string EventTable::body(const EventTexts& texts, const Text& key, const DeviceFacts& device) {
-    // Every pair's value first, repaired where it is not valid UTF-8, then the body written in
-    // one piece of the exact size: most bodies are a few hundred bytes of ASCII.
-    std::array<std::optional<std::string_view>, kFields.size()> values;
-    std::array<std::string, kFields.size()> made;
+    // One pass, the values as they are, checked once whole: most bodies are a few hundred bytes
+    // of valid UTF-8. The pairs' separators are ASCII, so the body is valid exactly when every
+    // value is; only a body that is not is written again, each value repaired.
     const BodyInput input{texts, key, device};
-    std::size_t size = 0;
-    for (std::size_t index = 0; index < kFields.size(); ++index) {
-        std::optional<std::string_view>& value = values[index];
-        value = kFields[index].value(kFields[index], input, made[index]);
-        if (!value) {
-            continue;
-        }
-        if (!TextFormat::isValidUtf8(*value)) {
-            std::string repaired = TextFormat::validUtf8(*value);
-            made[index] = std::move(repaired);
-            value = made[index];
-        }
-        size += (size > 0 ? 1 : 0) + kFields[index].key.size() + 1 + value->size();
+    std::size_t hint = kKeysSize + kMadeSize + device.deviceUUID.size() + device.sdkVersion.size() +
+                       device.systemVersion.size() + (device.deviceModel ? device.deviceModel->size() : 0) +
+                       (device.userId ? device.userId->size() : 0) + (key ? key->size() : 0);
+    for (const auto& text : texts) {
+        hint += text.second.size();
     }
-    std::string body(size, '\0');
-    char* out = body.data();
-    const auto write = [&out](std::string_view text) {
-        std::memcpy(out, text.data(), text.size());
-        out += text.size();
-    };
-    for (std::size_t index = 0; index < kFields.size(); ++index) {
-        if (const std::optional<std::string_view>& value = values[index]) {
-            if (out != body.data()) {
-                *out++ = '&';
-            }
-            write(kFields[index].key);
-            *out++ = '=';
-            write(*value);
+    std::string body;
+    body.reserve(hint);
+    std::string made;
+    for (const Field& field : kFields) {
+        if (const std::optional<std::string_view> value = field.value(field, input, made)) {
+            body.append(field.separated.substr(body.empty() ? 1 : 0)).append(*value);
+        }
+    }
+    if (TextFormat::isValidUtf8(body)) {
+        return body;
+    }
+    body.clear();
+    for (const Field& field : kFields) {
+        if (const std::optional<std::string_view> value = field.value(field, input, made)) {
+            append(body, field.key(), *value);
         }
     }
     return body;

@@ -56,6 +56,17 @@ TEST(EventTable, ValuesAreFixedWithSixPlacesWholeOrNot) {
     }
 }
 
+// ASCII is skipped a block of words at a time: a bad byte in any word of any block is found.
+TEST(EventTable, ABadByteIsRepairedWhereverItFallsInALongAsciiRun) {
+    for (std::size_t at = 0; at < 80; ++at) {
+        std::string text(80, 'a');
+        text[at] = '\xFF';
+        EXPECT_FALSE(TextFormat::isValidUtf8(text)) << at;
+        EXPECT_EQ(TextFormat::validUtf8(text), text.substr(0, at) + "\xEF\xBF\xBD" + text.substr(at + 1))
+            << at;
+    }
+}
+
 TEST(EventTable, ParametersAndResponseAreCutToTwoHundredUtf16UnitsOfValidText) {
     const std::string p200(200, 'p'), a199(199, 'a'), a198(198, 'a');
     const std::string emoji = "\xF0\x9F\x98\x80";  // two UTF-16 units
