@@ -52,6 +52,8 @@ struct Network {
     // Every easy handle made, each kept for the next request; those without one are idle.
     std::vector<std::unique_ptr<CurlTransfer>> transfers;
     std::vector<CurlTransfer*> idle;
+    // The requests one turn of the loop moves out of the shared list, kept for the next turn.
+    std::vector<CurlRequest> taken;
     std::size_t running = 0;
     // The last answer came over a connection that carries many requests at once (HTTP/2).
     bool multiplexed = false;
@@ -302,10 +304,10 @@ private:
         Network& network = *network_;
         network.transfers.reserve(kMaxTransfers);
         network.idle.reserve(kMaxTransfers);
+        network.taken.reserve(kMaxTransfers);
+        std::vector<CurlRequest>& taken = network.taken;
         std::unique_lock lock(mutex_);
         while (!stopRequested_) {
-            std::vector<CurlRequest> taken;
-            taken.reserve(std::min(incoming_.size(), network.room()));
             while (!incoming_.empty() && taken.size() < network.room()) {
                 taken.push_back(std::move(incoming_.front()));
                 incoming_.pop_front();
@@ -329,6 +331,7 @@ private:
             for (CurlRequest& request : taken) {
                 begin(network, std::move(request));
             }
+            taken.clear();
             int running = 0;
             curl_multi_perform(network.multi, &running);
             int left = 0;
