@@ -12,7 +12,8 @@ namespace NorvAnalytic {
 // The default HTTP client: libcurl's multi interface on one network thread, "norv-http".
 // HTTP/2 where the server offers it over TLS, many requests multiplexed on one connection;
 // otherwise up to six kept HTTP/1.1 connections per host. TLS verified, redirects followed,
-// proxies taken from http_proxy, https_proxy and no_proxy as curl reads them, 60 s without
+// proxies taken from http_proxy, https_proxy, all_proxy and no_proxy as curl reads them (when
+// the client sends its first request: one named later is not used), 60 s without
 // progress fails a request. Answers are read up to 1 MiB; a longer one arrives as empty data
 // with its status. At most kMaxWaitingRequests wait for a transfer; beyond that a request's
 // completion is told HttpClientErrorDropped at once.

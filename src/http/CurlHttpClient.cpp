@@ -57,6 +57,8 @@ struct Network {
     std::size_t running = 0;
     // The last answer came over a connection that carries many requests at once (HTTP/2).
     bool multiplexed = false;
+    // Read when the thread starts: a proxy named in the environment later is not used.
+    bool proxyFromEnvironment = false;
     curl_slist* connectTo = nullptr;
 
     std::size_t room() const {
@@ -232,6 +234,7 @@ private:
     // Under mutex_. The network handle is made here so that senders can wake the thread.
     bool start() {
         auto network = std::make_unique<Network>();
+        network->proxyFromEnvironment = CurlTransfer::environmentNamesProxy();
         network->multi = curl_multi_init();
         network->share = curl_share_init();
         curl_multi_setopt(network->multi, CURLMOPT_PIPELINING, CURLPIPE_MULTIPLEX);
@@ -412,7 +415,7 @@ private:
         CurlTransfer* transfer = nullptr;
         try {
             if (network.idle.empty()) {
-                network.transfers.push_back(CurlTransfer::make(network.share, &cancelBefore_));
+                network.transfers.push_back(CurlTransfer::make(network.share, &cancelBefore_, network.proxyFromEnvironment));
                 transfer = network.transfers.back().get();
             } else {
                 transfer = network.idle.back();

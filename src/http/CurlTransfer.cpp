@@ -1,5 +1,6 @@
 #include "http/CurlTransfer.h"
 
+#include <cstdlib>
 #include <new>
 
 namespace NorvAnalytic {
@@ -25,8 +26,20 @@ void CurlRequest::cancel(const char* why) noexcept {
     complete(std::nullopt, std::nullopt, HttpClient::error(HttpClientErrorCancelled, why));
 }
 
+bool CurlTransfer::environmentNamesProxy() {
+    // The names libcurl reads for http and https; an empty value names no proxy.
+    for (const char* name : {"http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) {
+        const char* value = std::getenv(name);
+        if (value != nullptr && *value != '\0') {
+            return true;
+        }
+    }
+    return false;
+}
+
 std::unique_ptr<CurlTransfer> CurlTransfer::make(CURLSH* share,
-                                                 const std::atomic<std::uint64_t>* cancelBefore) {
+                                                 const std::atomic<std::uint64_t>* cancelBefore,
+                                                 bool proxyFromEnvironment) {
     std::unique_ptr<CurlTransfer> transfer(new CurlTransfer);
     CURL* easy = transfer->easy_ = curl_easy_init();
     if (easy == nullptr) {
@@ -51,6 +64,12 @@ std::unique_ptr<CurlTransfer> CurlTransfer::make(CURLSH* share,
     curl_easy_setopt(easy, CURLOPT_SHARE, share);
     curl_easy_setopt(easy, CURLOPT_PREREQFUNCTION, &beforeRequest);
     curl_easy_setopt(easy, CURLOPT_PREREQDATA, transfer.get());
+    if (!proxyFromEnvironment) {
+        // Told there is none, libcurl reads no proxy variable for each request, on this thread,
+        // where a host's setenv would race with it.
+        curl_easy_setopt(easy, CURLOPT_PROXY, "");
+        curl_easy_setopt(easy, CURLOPT_NOPROXY, "");
+    }
     return transfer;
 }
 

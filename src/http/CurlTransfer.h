@@ -32,9 +32,13 @@ public:
     static constexpr curl_off_t kMaxAnswerBytes = 1 << 20;
 
     // A new easy handle for share's connections and TLS sessions; requests sent before
-    // *cancelBefore are stopped before libcurl writes them. Throws std::bad_alloc.
+    // *cancelBefore are stopped before libcurl writes them. Without proxyFromEnvironment it
+    // goes direct. Throws std::bad_alloc.
     static std::unique_ptr<CurlTransfer> make(CURLSH* share,
-                                              const std::atomic<std::uint64_t>* cancelBefore);
+                                              const std::atomic<std::uint64_t>* cancelBefore,
+                                              bool proxyFromEnvironment);
+    // Whether the environment names a proxy libcurl would use for http or https.
+    static bool environmentNamesProxy();
     ~CurlTransfer();
     CurlTransfer(const CurlTransfer&) = delete;
     CurlTransfer& operator=(const CurlTransfer&) = delete;

@@ -90,6 +90,37 @@ TEST(CurlHttpClientTest, OverTlsVerifiesThePeerFollowsRedirectsAndConnectsWhereT
     server.stop();
 }
 
+TEST(CurlHttpClientTest, GoesThroughTheEnvironmentsProxyUnlessTheHostIsExempt) {
+    // Both answer with who answered and the request's target.
+    const auto answerAs = [](const std::string& who) {
+        return [who](const httplib::Request& request, httplib::Response& answer) {
+            answer.set_content(who + " " + request.target, "text/plain");
+        };
+    };
+    httplib::Server proxy, server;
+    proxy.Post(".*", answerAs("proxy"));
+    server.Post(".*", answerAs("server"));
+    const std::string proxyPort = std::to_string(proxy.bind_to_any_port("127.0.0.1"));
+    const std::string url = "http://127.0.0.1:" + std::to_string(server.bind_to_any_port("127.0.0.1")) + "/e";
+    const std::jthread proxying([&] { proxy.listen_after_bind(); });
+    const std::jthread serving([&] { server.listen_after_bind(); });
+    const std::vector<std::pair<const char*, std::string>> rows = {
+        {"", "200 [proxy " + url + "]"},
+        {"127.0.0.1", "200 [server /e]"},
+    };
+    for (const auto& [exempt, expected] : rows) {
+        setenv("http_proxy", ("http://127.0.0.1:" + proxyPort).c_str(), 1);
+        setenv("no_proxy", exempt, 1);
+        // The environment is read when a client's thread starts: a client for each row.
+        CurlHttpClient client;
+        EXPECT_EQ(post(client, url, "v").get(), expected) << exempt;
+    }
+    unsetenv("http_proxy");
+    unsetenv("no_proxy");
+    proxy.stop();
+    server.stop();
+}
+
 TEST(CurlHttpClientTest, SendsFromManyThreadsWithoutWaitingAndADestroyedClientCancelsAll) {
     LocalHttpServer server;
     // Answers wait for the client's end; a send that waited for its answer would get one.
