@@ -6,7 +6,8 @@
 # throughput_bench), the SDK (throughput_bench), and h2load where it is installed. Then the SDK
 # with its persistent queue on, over plain HTTP/1.1, in a process of its own (so its peak memory
 # is its own), with the queue file in a directory beside the benchmark: it must be on a disk,
-# since tmpfs counts no writes and the run reports the bytes written per event.
+# since tmpfs counts no writes and the run reports the bytes written per event. Three rounds,
+# then the medians over them and the SDK's figures as a share of libcurl's.
 # usage: bench/run-throughput.sh [path/to/throughput_bench] [benchmark options...]
 #   NORV_THROUGHPUT_QUEUE_ONLY=1 runs only the persistent-queue rounds.
 set -euo pipefail
@@ -97,24 +98,29 @@ queue_round() {
     NORV_THROUGHPUT_URL="$plain" TMPDIR="$queue_dir" "$bench" \
         --benchmark_filter=BM_DeliverEventsPersisted "${@:2}"
 }
-for round in 1 2 3; do
-    if [ "${NORV_THROUGHPUT_QUEUE_ONLY:-0}" = 1 ]; then
+rounds() {
+    for round in 1 2 3; do
+        if [ "${NORV_THROUGHPUT_QUEUE_ONLY:-0}" = 1 ]; then
+            queue_round "$round" "$@"
+            continue
+        fi
+        echo "== round $round: HTTP/2 over TLS"
+        "$bare" "$tls" "$work/cert.pem"
+        NORV_THROUGHPUT_URL="$tls" NORV_THROUGHPUT_CA="$work/cert.pem" "$bench" \
+            --benchmark_filter=-BM_DeliverEventsPersisted "$@"
+        if command -v h2load >/dev/null; then
+            printf '%240s' | tr ' ' x >"$work/h2load-body"
+            h2load -n 100000 -c 1 -m 64 -d "$work/h2load-body" "$tls" | grep -E 'finished in|requests:'
+        fi
+        echo "== round $round: plain HTTP/1.1"
+        "$bare" "$plain"
+        NORV_THROUGHPUT_URL="$plain" "$bench" --benchmark_filter=-BM_DeliverEventsPersisted "$@"
+        echo "== round $round: plain HTTP/1.1, nginx closing every 100 requests"
+        "$bare" "$short"
+        NORV_THROUGHPUT_URL="$short" "$bench" --benchmark_filter=-BM_DeliverEventsPersisted "$@"
         queue_round "$round" "$@"
-        continue
-    fi
-    echo "== round $round: HTTP/2 over TLS"
-    "$bare" "$tls" "$work/cert.pem"
-    NORV_THROUGHPUT_URL="$tls" NORV_THROUGHPUT_CA="$work/cert.pem" "$bench" \
-        --benchmark_filter=-BM_DeliverEventsPersisted "$@"
-    if command -v h2load >/dev/null; then
-        printf '%240s' | tr ' ' x >"$work/h2load-body"
-        h2load -n 100000 -c 1 -m 64 -d "$work/h2load-body" "$tls" | grep -E 'finished in|requests:'
-    fi
-    echo "== round $round: plain HTTP/1.1"
-    "$bare" "$plain"
-    NORV_THROUGHPUT_URL="$plain" "$bench" --benchmark_filter=-BM_DeliverEventsPersisted "$@"
-    echo "== round $round: plain HTTP/1.1, nginx closing every 100 requests"
-    "$bare" "$short"
-    NORV_THROUGHPUT_URL="$short" "$bench" --benchmark_filter=-BM_DeliverEventsPersisted "$@"
-    queue_round "$round" "$@"
-done
+    done
+}
+# Every line as it comes, then the medians over the rounds: one run on a shared machine is noise.
+rounds "$@" | tee "$work/rounds.log"
+python3 "$here/throughput-summary.py" <"$work/rounds.log"
