@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 
 #include <pthread.h>
 
@@ -272,7 +271,8 @@ std::string EventTable::body(const EventTexts& texts, const Text& key, const Dev
     // value is; only a body that is not is written again, each value repaired.
     const BodyInput input{texts, key, device};
     std::size_t hint = kKeysSize + kMadeSize + device.deviceUUID.size() + device.sdkVersion.size() +
-                       device.systemVersion.size() + (device.deviceModel ? device.deviceModel->size() : 0) +
+                       device.systemVersion.size() +
+                       (device.deviceModel ? device.deviceModel->size() : 0) +
                        (device.userId ? device.userId->size() : 0) + (key ? key->size() : 0);
     for (const auto& text : texts) {
         hint += text.second.size();

@@ -415,7 +415,8 @@ private:
         CurlTransfer* transfer = nullptr;
         try {
             if (network.idle.empty()) {
-                network.transfers.push_back(CurlTransfer::make(network.share, &cancelBefore_, network.proxyFromEnvironment));
+                network.transfers.push_back(CurlTransfer::make(network.share, &cancelBefore_,
+                                                               network.proxyFromEnvironment));
                 transfer = network.transfers.back().get();
             } else {
                 transfer = network.idle.back();

@@ -28,7 +28,8 @@ void CurlRequest::cancel(const char* why) noexcept {
 
 bool CurlTransfer::environmentNamesProxy() {
     // The names libcurl reads for http and https; an empty value names no proxy.
-    for (const char* name : {"http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) {
+    for (const char* name :
+         {"http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) {
         const char* value = std::getenv(name);
         if (value != nullptr && *value != '\0') {
             return true;

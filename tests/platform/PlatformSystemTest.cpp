@@ -101,7 +101,8 @@ TEST(CurlHttpClientTest, GoesThroughTheEnvironmentsProxyUnlessTheHostIsExempt) {
     proxy.Post(".*", answerAs("proxy"));
     server.Post(".*", answerAs("server"));
     const std::string proxyPort = std::to_string(proxy.bind_to_any_port("127.0.0.1"));
-    const std::string url = "http://127.0.0.1:" + std::to_string(server.bind_to_any_port("127.0.0.1")) + "/e";
+    const std::string url =
+        "http://127.0.0.1:" + std::to_string(server.bind_to_any_port("127.0.0.1")) + "/e";
     const std::jthread proxying([&] { proxy.listen_after_bind(); });
     const std::jthread serving([&] { server.listen_after_bind(); });
     const std::vector<std::pair<const char*, std::string>> rows = {

@@ -62,7 +62,8 @@ TEST(EventTable, ABadByteIsRepairedWhereverItFallsInALongAsciiRun) {
         std::string text(80, 'a');
         text[at] = '\xFF';
         EXPECT_FALSE(TextFormat::isValidUtf8(text)) << at;
-        EXPECT_EQ(TextFormat::validUtf8(text), text.substr(0, at) + "\xEF\xBF\xBD" + text.substr(at + 1))
+        EXPECT_EQ(TextFormat::validUtf8(text),
+                  text.substr(0, at) + "\xEF\xBF\xBD" + text.substr(at + 1))
             << at;
     }
 }
