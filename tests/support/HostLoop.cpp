@@ -32,10 +32,10 @@ HostLoop::~HostLoop() {
 }
 
 void HostLoop::post(MainQueue::Task job) {
-    {
-        const std::lock_guard lock(mutex_);
-        jobs_.push_back(std::move(job));
-    }
+    // Notified under the lock: a test may destroy the loop as soon as this job has run, and a
+    // notify after the unlock could touch a condition variable that is gone.
+    const std::lock_guard lock(mutex_);
+    jobs_.push_back(std::move(job));
     ready_.notify_one();
 }
 
