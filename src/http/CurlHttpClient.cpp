@@ -52,8 +52,6 @@ struct Network {
     // Every easy handle made, each kept for the next request; those without one are idle.
     std::vector<std::unique_ptr<CurlTransfer>> transfers;
     std::vector<CurlTransfer*> idle;
-    // The requests one turn of the loop moves out of the shared list, kept for the next turn.
-    std::vector<CurlRequest> taken;
     std::size_t running = 0;
     // The last answer came over a connection that carries many requests at once (HTTP/2).
     bool multiplexed = false;
@@ -307,8 +305,9 @@ private:
         Network& network = *network_;
         network.transfers.reserve(kMaxTransfers);
         network.idle.reserve(kMaxTransfers);
-        network.taken.reserve(kMaxTransfers);
-        std::vector<CurlRequest>& taken = network.taken;
+        // The requests a turn moves out of the shared list: one vector for every turn.
+        std::vector<CurlRequest> taken;
+        taken.reserve(kMaxTransfers);
         std::unique_lock lock(mutex_);
         while (!stopRequested_) {
             while (!incoming_.empty() && taken.size() < network.room()) {
