@@ -7,11 +7,12 @@
 #include <vector>
 
 #include "BurstSize.h"
+#include "FormBody.h"
 #include "ProcessCpu.h"
 
 // libcurl's multi interface alone, as a yardstick for the SDK's delivery: 64 easy handles
 // reused, HTTP/2 multiplexed on one connection where the server offers it (six HTTP/1.1
-// connections otherwise), the SDK's 240-byte body, 100,000 POSTs (NORV_THROUGHPUT_EVENTS).
+// connections otherwise), a body of the SDK's size, 100,000 POSTs (NORV_THROUGHPUT_EVENTS).
 // usage: bare_curl_bench URL [CA file]
 namespace {
 
@@ -28,10 +29,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "usage: bare_curl_bench URL [CA file]\n");
         return 2;
     }
-    const std::string body =
-        "key=bench-key&value=0.000000&type=7&parameters=(null)&response=(null)&device_uuid="
-        "0E9912D5-5B8A-4C3E-9D1F-2A6B7C8D9E0F&pageName=Orders&vbf_version=1.7.4&"
-        "system_version=12&is_test_device=1&version=1.7.4&is_simulator=0&device_model=x";
+    const std::string body(NorvAnalytic::Bench::kFormBody);
     curl_global_init(CURL_GLOBAL_DEFAULT);
     CURLM* multi = curl_multi_init();
     curl_multi_setopt(multi, CURLMOPT_PIPELINING, CURLPIPE_MULTIPLEX);

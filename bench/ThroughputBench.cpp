@@ -9,7 +9,9 @@
 #include <sys/vfs.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -22,6 +24,7 @@
 
 #include "BurstSize.h"
 #include "CompletionCounter.h"
+#include "FormBody.h"
 #include "ProcessCpu.h"
 #include "ResidentMemory.h"
 
@@ -180,6 +183,57 @@ BENCHMARK(BM_DeliverEvents)
     ->ArgName("direct")
     ->Arg(0)
     ->Arg(1)
+    ->Iterations(1)
+    ->Repetitions(3)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+
+// The SDK's HTTP client alone, with no event behind a request: the burst's POSTs, each with its
+// own copy of one body, from one host thread, with at most the SDK's window (256) unanswered and
+// the thread woken when half of it is free, as the SDK's is. Beside libcurl alone it is the cost
+// of the transport (its thread, options, hand-over and completions); beside the events, the cost
+// of everything else.
+void BM_ClientAlone(benchmark::State& state) {
+    constexpr int kWindow = 256;
+    const NorvAnalytic::HttpRequest request{"POST", std::getenv("NORV_THROUGHPUT_URL"),
+                                            std::string(NorvAnalytic::Bench::kFormBody)};
+    std::mutex mutex;
+    std::condition_variable roomMade;
+    int unanswered = 0;
+    std::atomic<int> notDelivered = 0;
+    const auto answered = [&](std::optional<std::string>,
+                              std::optional<NorvAnalytic::HttpResponse> response,
+                              std::optional<NorvAnalytic::Error>) {
+        if (!response || response->statusCode != 200) {
+            notDelivered.fetch_add(1, std::memory_order_relaxed);
+        }
+        std::lock_guard lock(mutex);
+        --unanswered;
+        if (unanswered == kWindow / 2 || unanswered == 0) {
+            roomMade.notify_one();
+        }
+    };
+    const double cpuBefore = cpuMicroseconds();
+    const auto start = std::chrono::steady_clock::now();
+    for (auto _ : state) {
+        for (int event = 0; event < kEvents; ++event) {
+            {
+                std::unique_lock lock(mutex);
+                roomMade.wait(lock, [&] { return unanswered < kWindow; });
+                ++unanswered;
+            }
+            curlClient()->send(request, answered);
+        }
+        std::unique_lock lock(mutex);
+        roomMade.wait(lock, [&] { return unanswered == 0; });
+    }
+    const double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    state.counters["events_per_s"] = kEvents / seconds;
+    state.counters["cpu_us_per_event"] = (cpuMicroseconds() - cpuBefore) / kEvents;
+    state.counters["answers_not_200"] = notDelivered.load();
+}
+BENCHMARK(BM_ClientAlone)
     ->Iterations(1)
     ->Repetitions(3)
     ->UseRealTime()

@@ -3,11 +3,12 @@
 # Debian's nginx on free loopback ports, plain HTTP/1.1 (also one that closes a connection every
 # 100 requests) and HTTP/2 over TLS (with a certificate made here), with a fixed collection
 # answer, and runs side by side against each: libcurl alone (bare_curl_bench, beside
-# throughput_bench), the SDK (throughput_bench), and h2load where it is installed. Then the SDK
-# with its persistent queue on, over plain HTTP/1.1, in a process of its own (so its peak memory
-# is its own), with the queue file in a directory beside the benchmark: it must be on a disk,
-# since tmpfs counts no writes and the run reports the bytes written per event. Three rounds,
-# then the medians over them and the SDK's figures as a share of libcurl's.
+# throughput_bench), the SDK's HTTP client alone and the SDK (throughput_bench), and h2load where
+# it is installed. Then the SDK with its persistent queue on, over plain HTTP/1.1, in a process of
+# its own (so its peak memory is its own), with the queue file in a directory beside the
+# benchmark: it must be on a disk, since tmpfs counts no writes and the run reports the bytes
+# written per event. Three rounds, then the medians over them and the SDK's figures as a share of
+# libcurl's.
 # usage: bench/run-throughput.sh [path/to/throughput_bench] [benchmark options...]
 #   NORV_THROUGHPUT_QUEUE_ONLY=1 runs only the persistent-queue rounds.
 set -euo pipefail

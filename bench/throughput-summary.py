@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Reads run-throughput.sh's output on stdin and prints, for each server, the medians over its
-rounds: libcurl alone, and the SDK's bursts through a host's client and straight to
-CurlHttpClient, with the SDK's events/s and CPU per event as a share of libcurl's. One run on a
+rounds: libcurl alone, the SDK's HTTP client alone (no events), and the SDK's bursts through a
+host's client and straight to CurlHttpClient, each as a share of libcurl alone, and the events'
+share of the client alone: what the transport costs, and what the rest of the SDK adds to it. One run on a
 shared machine varies by tens of percent; the medians of one side-by-side run are the figure."""
 import re
 import statistics
@@ -29,6 +30,12 @@ def main():
         if bare and server:
             runs[server]["libcurl alone"].append((float(bare.group(1)), float(bare.group(2))))
             continue
+        alone = re.match(r"BM_ClientAlone/\S*/real_time\s", line)
+        if alone and server:
+            counters = dict(re.findall(r"(\w+)=([0-9.]+[kM]?)", line))
+            runs[server]["SDK's client alone"].append((number(counters["events_per_s"]),
+                                                       number(counters["cpu_us_per_event"])))
+            continue
         burst = re.match(r"BM_DeliverEvents/direct:(\d)/\S*/real_time\s", line)
         if burst and server:
             counters = dict(re.findall(r"(\w+)=([0-9.]+[kM]?)", line))
@@ -39,16 +46,22 @@ def main():
     if compared:
         print("== medians: events/s, CPU us per event (SDK / libcurl alone)")
     for name, sides in compared.items():
-        rate = statistics.median(r for r, _ in sides["libcurl alone"])
-        cpu = statistics.median(c for _, c in sides["libcurl alone"])
+        medians = {side: (statistics.median(r for r, _ in figures),
+                          statistics.median(c for _, c in figures))
+                   for side, figures in sides.items()}
+        rate, cpu = medians["libcurl alone"]
         print(f"{name}")
-        print(f"  {'libcurl alone':20} {rate:9.0f}/s {cpu:6.1f} us  ({len(sides['libcurl alone'])} runs)")
-        for side in ("SDK, host's client", "SDK, straight"):
-            if side in sides:
-                sdkRate = statistics.median(r for r, _ in sides[side])
-                sdkCpu = statistics.median(c for _, c in sides[side])
-                print(f"  {side:20} {sdkRate:9.0f}/s {sdkCpu:6.1f} us  ({len(sides[side])} bursts)"
-                      f"  {sdkRate / rate:.2f}x events/s, {sdkCpu / cpu:.2f}x CPU")
+        for side in ("libcurl alone", "SDK's client alone", "SDK, host's client", "SDK, straight"):
+            if side not in sides:
+                continue
+            sideRate, sideCpu = medians[side]
+            line = f"  {side:20} {sideRate:9.0f}/s {sideCpu:6.1f} us  ({len(sides[side]):2} runs)"
+            if side != "libcurl alone":
+                line += f"  {sideRate / rate:.2f}x events/s, {sideCpu / cpu:.2f}x CPU"
+            if side.startswith("SDK,") and "SDK's client alone" in medians:
+                aloneRate, aloneCpu = medians["SDK's client alone"]
+                line += f"  (of the client alone: {sideRate / aloneRate:.2f}x, {sideCpu / aloneCpu:.2f}x)"
+            print(line)
 
 
 if __name__ == "__main__":
