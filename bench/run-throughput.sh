@@ -11,6 +11,7 @@
 # libcurl's.
 # usage: bench/run-throughput.sh [path/to/throughput_bench] [benchmark options...]
 #   NORV_THROUGHPUT_QUEUE_ONLY=1 runs only the persistent-queue rounds.
+#   NORV_THROUGHPUT_INSTRUCTIONS=1 counts instructions per event over HTTP/2 under valgrind instead.
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
@@ -122,6 +123,34 @@ rounds() {
         queue_round "$round" "$@"
     done
 }
+# Instructions per event under callgrind, which the machine's noise does not move: bursts of 500
+# and of 2,500 events, and the difference over the 2,000 events between them, which leaves
+# start-up and set-up out. throughput_bench sends each burst three times.
+instructions() {
+    local bursts=$1
+    shift
+    local counts=()
+    for events in 500 2500; do
+        NORV_THROUGHPUT_EVENTS=$events valgrind --tool=callgrind \
+            --callgrind-out-file="$work/callgrind.out" "$@" >/dev/null 2>&1
+        counts+=("$(callgrind_annotate "$work/callgrind.out" |
+            awk '/PROGRAM TOTALS/ { gsub(",", "", $1); print $1 }')")
+    done
+    echo $(((counts[1] - counts[0]) / (2000 * bursts)))
+}
+if [ "${NORV_THROUGHPUT_INSTRUCTIONS:-0}" = 1 ]; then
+    command -v valgrind >/dev/null || { echo "run-throughput.sh: valgrind is not installed" >&2; exit 2; }
+    export NORV_THROUGHPUT_URL="$tls" NORV_THROUGHPUT_CA="$work/cert.pem"
+    echo "== instructions per event, HTTP/2 over TLS (share of libcurl alone)"
+    alone=$(instructions 1 "$bare" "$tls" "$work/cert.pem")
+    printf '  %-20s %7d\n' "libcurl alone" "$alone"
+    for side in "SDK's client alone:BM_ClientAlone" "SDK, straight:BM_DeliverEvents/direct:1"; do
+        count=$(instructions 3 "$bench" --benchmark_filter="${side#*:}")
+        printf '  %-20s %7d  %sx\n' "${side%%:*}" "$count" \
+            "$(awk -v a="$count" -v b="$alone" 'BEGIN { printf "%.3f", a / b }')"
+    done
+    exit 0
+fi
 # Every line as it comes, then the medians over the rounds: one run on a shared machine is noise.
 rounds "$@" | tee "$work/rounds.log"
 python3 "$here/throughput-summary.py" <"$work/rounds.log"
