@@ -1,9 +1,10 @@
 #!/usr/bin/env python3
 """Reads run-throughput.sh's output on stdin and prints, for each server, the medians over its
 rounds: libcurl alone, the SDK's HTTP client alone (no events), and the SDK's bursts through a
-host's client and straight to CurlHttpClient, each as a share of libcurl alone, and the events'
-share of the client alone: what the transport costs, and what the rest of the SDK adds to it. One run on a
-shared machine varies by tens of percent; the medians of one side-by-side run are the figure."""
+host's client and straight to CurlHttpClient, each as a share of libcurl alone, and the bursts
+as a share of the client alone: what the transport costs, and what the rest of the SDK adds. One
+run on a shared machine varies by tens of percent; the medians of one side-by-side run are the
+figure."""
 import re
 import statistics
 import sys
