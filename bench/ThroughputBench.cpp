@@ -142,22 +142,30 @@ void BM_WaitingEvents(benchmark::State& state) {
 }
 BENCHMARK(BM_WaitingEvents)->Iterations(1)->Unit(benchmark::kMillisecond);
 
-// The burst both deliveries time: kEvents calls, then a flush; its rate and CPU per event.
-void sendBurst(benchmark::State& state) {
+// Times `burst` once per iteration, kEvents requests each: their rate and CPU per event.
+template <typename Burst>
+void timeBursts(benchmark::State& state, Burst burst) {
     const double cpuBefore = cpuMicroseconds();
     const auto start = std::chrono::steady_clock::now();
     for (auto _ : state) {
+        burst();
+    }
+    const double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    state.counters["events_per_s"] = kEvents / seconds;
+    state.counters["cpu_us_per_event"] = (cpuMicroseconds() - cpuBefore) / kEvents;
+}
+
+// The burst both deliveries time: kEvents calls, then a flush.
+void sendBurst(benchmark::State& state) {
+    timeBursts(state, [&] {
         for (int event = 0; event < kEvents; ++event) {
             NorvAnalytics::sendEventWithPageName(std::string("Settings"));
         }
         if (!NorvAnalytics::flush(std::chrono::minutes(5))) {
             state.SkipWithError("not every event was delivered within five minutes");
         }
-    }
-    const double seconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    state.counters["events_per_s"] = kEvents / seconds;
-    state.counters["cpu_us_per_event"] = (cpuMicroseconds() - cpuBefore) / kEvents;
+    });
 }
 
 // A burst of events from one host thread, timed until the main queue has handled every answer:
@@ -213,9 +221,7 @@ void BM_ClientAlone(benchmark::State& state) {
             roomMade.notify_one();
         }
     };
-    const double cpuBefore = cpuMicroseconds();
-    const auto start = std::chrono::steady_clock::now();
-    for (auto _ : state) {
+    timeBursts(state, [&] {
         for (int event = 0; event < kEvents; ++event) {
             {
                 std::unique_lock lock(mutex);
@@ -226,11 +232,7 @@ void BM_ClientAlone(benchmark::State& state) {
         }
         std::unique_lock lock(mutex);
         roomMade.wait(lock, [&] { return unanswered == 0; });
-    }
-    const double seconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    state.counters["events_per_s"] = kEvents / seconds;
-    state.counters["cpu_us_per_event"] = (cpuMicroseconds() - cpuBefore) / kEvents;
+    });
     state.counters["answers_not_200"] = notDelivered.load();
 }
 BENCHMARK(BM_ClientAlone)
