@@ -82,6 +82,7 @@ CurlTransfer& CurlTransfer::of(CURL* easy) {
 
 CurlTransfer::~CurlTransfer() {
     curl_easy_cleanup(easy_);
+    curl_url_cleanup(parsedUrl_);
     curl_slist_free_all(headers_);
 }
 
@@ -133,8 +134,7 @@ void CurlTransfer::load(CurlRequest request, curl_slist* connectTo, const std::s
         curl_easy_setopt(easy_, CURLOPT_HTTPHEADER, headers_);
     }
     if (http.url != url_) {
-        url_ = http.url;
-        curl_easy_setopt(easy_, CURLOPT_URL, url_.c_str());
+        setUrl(http.url);
         // Over TLS, wait for the first connection's protocol: HTTP/2 carries every request on
         // it. A plain one is HTTP/1.1, whose first answer may be long in coming.
         curl_easy_setopt(easy_, CURLOPT_PIPEWAIT, url_.starts_with("https:") ? 1L : 0L);
@@ -155,6 +155,25 @@ void CurlTransfer::load(CurlRequest request, curl_slist* connectTo, const std::s
                          method_ == "GET" || method_ == "POST" ? nullptr : method_.c_str());
     }
     errorText_[0] = '\0';
+}
+
+void CurlTransfer::setUrl(const std::string& url) {
+    url_ = url;
+    // Parsing a URL is a tenth of what libcurl does for a request, so the handle is given it
+    // parsed, as libcurl would parse the text. A URL that does not parse is given as text, and
+    // libcurl rejects it in its own words.
+    CURLU* parsed = curl_url();
+    if (parsed != nullptr &&
+        curl_url_set(parsed, CURLUPART_URL, url_.c_str(),
+                     CURLU_GUESS_SCHEME | CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK) {
+        curl_url_cleanup(parsed);
+        parsed = nullptr;
+    }
+    curl_easy_setopt(easy_, CURLOPT_CURLU, parsed);
+    curl_url_cleanup(parsedUrl_);
+    parsedUrl_ = parsed;
+    // The text too: libcurl names it in its messages and its effective URL.
+    curl_easy_setopt(easy_, CURLOPT_URL, url_.c_str());
 }
 
 CurlTransfer::Outcome CurlTransfer::finish(CURLcode result) {

@@ -67,6 +67,7 @@ public:
 private:
     CurlTransfer() = default;
     void reset();
+    void setUrl(const std::string& url);
     static int beforeRequest(void* transfer, char*, char*, int, int);
     static std::size_t receive(char* bytes, std::size_t size, std::size_t count, void* transfer);
 
@@ -76,8 +77,10 @@ private:
     std::string answer_;
     bool tooLong_ = false;
     bool busy_ = false;
-    // What the handle was last set to.
+    // What the handle was last set to: the URL, and libcurl's parse of it, which the handle reads
+    // instead of parsing the text again for every request.
     std::string url_;
+    CURLU* parsedUrl_ = nullptr;
     std::string method_;
     // Set by libcurl's last call before it writes the request: from then on it is on the wire.
     bool started_ = false;

@@ -87,6 +87,9 @@ TEST(CurlHttpClientTest, OverTlsVerifiesThePeerFollowsRedirectsAndConnectsWhereT
     EXPECT_EQ(post(client, url + "/moved", raw).get() + post(client, url + "/fail", "fail").get() +
                   post(client, url + "/moved", "").get(),
               "200 [" + raw + "]500 [fail]200 []");
+    // A URL libcurl cannot read goes nowhere: not to the one the same handle was given before.
+    EXPECT_THAT(post(client, "https://collector.invalid:99999/moved", "value=1").get(),
+                MatchesRegex("-1 no data error 1: .*URL.*"));
     server.stop();
 }
 
