@@ -144,6 +144,10 @@ if [ "${NORV_THROUGHPUT_INSTRUCTIONS:-0}" = 1 ]; then
     echo "== instructions per event, HTTP/2 over TLS (share of libcurl alone)"
     alone=$(instructions 1 "$bare" "$tls" "$work/cert.pem")
     printf '  %-20s %7d\n' "libcurl alone" "$alone"
+    # The yardstick handed the URL parsed once, as the SDK hands it: what the SDK itself adds.
+    parsed=$(NORV_BARE_PARSED_URL=1 instructions 1 "$bare" "$tls" "$work/cert.pem")
+    printf '  %-20s %7d  %sx\n' "libcurl, URL parsed" "$parsed" \
+        "$(awk -v a="$parsed" -v b="$alone" 'BEGIN { printf "%.3f", a / b }')"
     for side in "SDK's client alone:BM_ClientAlone" "SDK, straight:BM_DeliverEvents/direct:1"; do
         count=$(instructions 3 "$bench" --benchmark_filter="${side#*:}")
         printf '  %-20s %7d  %sx\n' "${side%%:*}" "$count" \
