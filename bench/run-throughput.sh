@@ -144,15 +144,15 @@ if [ "${NORV_THROUGHPUT_INSTRUCTIONS:-0}" = 1 ]; then
     echo "== instructions per event, HTTP/2 over TLS (share of libcurl alone)"
     alone=$(instructions 1 "$bare" "$tls" "$work/cert.pem")
     printf '  %-20s %7d\n' "libcurl alone" "$alone"
+    row() {
+        printf '  %-20s %7d  %sx\n' "$1" "$2" \
+            "$(awk -v a="$2" -v b="$alone" 'BEGIN { printf "%.3f", a / b }')"
+    }
     # The yardstick handed the URL parsed once, as the SDK hands it: what the SDK itself adds.
     parsed=$(NORV_BARE_PARSED_URL=1 instructions 1 "$bare" "$tls" "$work/cert.pem")
-    printf '  %-20s %7d  %sx\n' "libcurl, URL parsed" "$parsed" \
-        "$(awk -v a="$parsed" -v b="$alone" 'BEGIN { printf "%.3f", a / b }')"
-    for side in "SDK's client alone:BM_ClientAlone" "SDK, straight:BM_DeliverEvents/direct:1"; do
-        count=$(instructions 3 "$bench" --benchmark_filter="${side#*:}")
-        printf '  %-20s %7d  %sx\n' "${side%%:*}" "$count" \
-            "$(awk -v a="$count" -v b="$alone" 'BEGIN { printf "%.3f", a / b }')"
-    done
+    row "libcurl, URL parsed" "$parsed"
+    row "SDK's client alone" "$(instructions 3 "$bench" --benchmark_filter=BM_ClientAlone)"
+    row "SDK, straight" "$(instructions 3 "$bench" --benchmark_filter=BM_DeliverEvents/direct:1)"
     exit 0
 fi
 # Every line as it comes, then the medians over the rounds: one run on a shared machine is noise.

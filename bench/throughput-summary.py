@@ -18,6 +18,11 @@ def number(text):
     return float(match.group(1)) * SUFFIXES[match.group(2)]
 
 
+# The throughput_bench runs timed per burst, by the side of the summary each is.
+TIMED_SIDES = {"ClientAlone": "SDK's client alone", "DeliverEvents/direct:0": "SDK, host's client",
+               "DeliverEvents/direct:1": "SDK, straight"}
+
+
 def main():
     # server -> side -> list of (events/s, CPU us per event)
     runs = defaultdict(lambda: defaultdict(list))
@@ -31,16 +36,10 @@ def main():
         if bare and server:
             runs[server]["libcurl alone"].append((float(bare.group(1)), float(bare.group(2))))
             continue
-        alone = re.match(r"BM_ClientAlone/\S*/real_time\s", line)
-        if alone and server:
+        timed = re.match(r"BM_(\w+(?:/direct:\d)?)/\S*/real_time\s", line)
+        if timed and server and timed.group(1) in TIMED_SIDES:
             counters = dict(re.findall(r"(\w+)=([0-9.]+[kM]?)", line))
-            runs[server]["SDK's client alone"].append((number(counters["events_per_s"]),
-                                                       number(counters["cpu_us_per_event"])))
-            continue
-        burst = re.match(r"BM_DeliverEvents/direct:(\d)/\S*/real_time\s", line)
-        if burst and server:
-            counters = dict(re.findall(r"(\w+)=([0-9.]+[kM]?)", line))
-            side = "SDK, straight" if burst.group(1) == "1" else "SDK, host's client"
+            side = TIMED_SIDES[timed.group(1)]
             runs[server][side].append((number(counters["events_per_s"]),
                                        number(counters["cpu_us_per_event"])))
     compared = {name: sides for name, sides in runs.items() if "libcurl alone" in sides}
